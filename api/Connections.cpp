@@ -1,0 +1,60 @@
+#include "api/Connections.h"
+
+#include "api/ApiMessages.h"
+#include "client/TraceBufferClient.h"
+
+#include <stdexcept>
+
+namespace OLVEN::TALIX3::TraceBuffer {
+
+TraceBufferConnection::TraceBufferConnection(std::unique_ptr<TraceBufferClient> client)
+    : _client(std::move(client)) {}
+TraceBufferConnection::TraceBufferConnection(TraceBufferConnection&&) noexcept = default;
+TraceBufferConnection& TraceBufferConnection::operator=(TraceBufferConnection&&) noexcept = default;
+TraceBufferConnection::~TraceBufferConnection() = default;
+
+Connections& Connections::Instance() {
+    static Connections instance;
+    return instance;
+}
+
+Connections::~Connections() = default;
+
+int Connections::Add(std::unique_ptr<TraceBufferClient> client) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    // Counted in unsigned arithmetic: the counter wraps instead of overflowing.
+    const unsigned first = static_cast<unsigned>(_lastHandle) + 1U;
+    for (unsigned tried = 0; tried < static_cast<unsigned>(_HandleSearchLimit); ++tried) {
+        _lastHandle = static_cast<int>(first + tried);
+        if (_connections.find(_lastHandle) == _connections.end()) {
+            _connections.emplace(_lastHandle, TraceBufferConnection(std::move(client)));
+            return _lastHandle;
+        }
+    }
+    throw std::runtime_error(ApiMessages::TooManyHandles);
+}
+
+bool Connections::Contains(int handle) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _connections.find(handle) != _connections.end();
+}
+
+TraceBufferConnection& Connections::Get(int handle) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    const auto found = _connections.find(handle);
+    if (found == _connections.end()) {
+        throw std::runtime_error(ApiMessages::NoSuchConnection);
+    }
+    return found->second;
+}
+
+void Connections::Remove(int handle) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    const auto found = _connections.find(handle);
+    if (found == _connections.end()) {
+        throw std::runtime_error(ApiMessages::NoSuchConnection);
+    }
+    _connections.erase(found);
+}
+
+}  // namespace OLVEN::TALIX3::TraceBuffer
