@@ -1,0 +1,81 @@
+/* A C99 program against the shared library: the header compiles as strict C, the record layouts are the
+ * documented ones, and the functions that need no server behave as documented. Exit code 0 means success. */
+#include "oltb.h"
+
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+
+static int failures = 0;
+
+#define CHECK(condition)                                                   \
+    do {                                                                   \
+        if (!(condition)) {                                                \
+            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
+            ++failures;                                                    \
+        }                                                                  \
+    } while (0)
+
+static void checkLayouts(void) {
+    /* Timestamp and Time are 8 bytes; on 32-bit x86 they are only 4-byte aligned inside records. */
+    CHECK(offsetof(oltbTraceEvent, Timestamp) == 0);
+    CHECK(offsetof(oltbTraceEvent, Time) == 8);
+    CHECK(offsetof(oltbTraceEvent, Type) == 16);
+    CHECK(offsetof(oltbTraceEvent, Overflow) == 20);
+    CHECK(offsetof(oltbTraceEvent, Value) == 24);
+    CHECK(sizeof(oltbTraceEvent) == (sizeof(void*) == 4 ? 28 : 32));
+    CHECK(sizeof(oltbTraceEventType) == 4);
+    CHECK(offsetof(oltbTraceBufferConfig_Struct, PortA) == 4);
+    CHECK(offsetof(oltbTraceBufferConfig_Struct, AbortMark) == 30);
+    CHECK(offsetof(oltbTraceBufferConfig_Struct, Head0TxX) == 31);
+    CHECK(offsetof(oltbTraceBufferConfig_Struct, LaserPower0_16) == 43);
+    CHECK(offsetof(oltbTraceBufferConfig_Struct, Spi0Rx) == 53);
+    CHECK(offsetof(oltbTraceBufferConfig_Struct, Label) == 66);
+    CHECK(sizeof(oltbTraceBufferConfig_Struct) == 68);
+}
+
+static void checkErrorText(void) {
+    char text[64];
+    CHECK(oltbGetLastErrorLen() == 0);
+    CHECK(oltbStop(-7) == -1);
+    CHECK(oltbGetLastErrorLen() == 17);
+    oltbGetLastError(text, (int)sizeof(text));
+    CHECK(strcmp(text, "Illegal handle.") == 0);
+    CHECK(oltbGetLastErrorLen() == 0);
+}
+
+static void checkPositions(void) {
+    oltbTraceEvent events[2];
+    memset(events, 0, sizeof(events));
+    CHECK(oltbToSignedPositionVal(0x80000u) == -524288);
+    CHECK(oltbToSignedPositionVal(0xFFFFFu) == -1);
+    events[0].Type = oltbEventHead0RxX;
+    events[0].Value = 0xFFFFF;
+    events[1].Type = oltbEventHead0RxY;
+    events[1].Value = 0xFFFFF;
+    CHECK(oltbToSignedPosition(events, 2) == 0);
+    CHECK(events[0].Value == 1);
+    CHECK(events[1].Value == -1);
+}
+
+static void checkConfigRecord(void) {
+    oltbTraceBufferConfig_Struct config;
+    bool connected = true;
+    memset(&config, 0xFF, sizeof(config));
+    CHECK(oltbInitConfig(&config) == 0);
+    CHECK(config.Version == 6);
+    CHECK(!config.PortA && !config.Head1RxZ && !config.Label);
+    CHECK(oltbIsConnected(42, &connected) == 0);
+    CHECK(!connected);
+}
+
+int main(void) {
+    checkLayouts();
+    checkErrorText();
+    checkPositions();
+    checkConfigRecord();
+    if (failures == 0) {
+        printf("C interface: all checks passed\n");
+    }
+    return failures == 0 ? 0 : 1;
+}
