@@ -20,6 +20,8 @@
 
 namespace OLVEN::TALIX3::TraceBuffer {
 
+struct TraceWordClock;
+
 // Time order: by Timestamp only, no tie-break.
 struct TraceEventComparer {
     bool operator()(const oltbTraceEvent& a, const oltbTraceEvent& b) const noexcept {
@@ -103,6 +105,21 @@ public:
     void takeBlock(std::vector<std::byte>&& block) noexcept;
 
 private:
+    // The time state as one value: the decoding loop (events/TraceWordsInline.h) works on a local copy, which
+    // the compiler keeps in registers although the caller's array is written through a pointer.
+    inline TraceWordClock loadClock() const noexcept;
+    inline void storeClock(const TraceWordClock& clock) noexcept;
+
+    // Reading steps shared by TryRead and Acquire (events/TraceReading.cpp).
+    // Moves pending samples to events[start...]; returns how many (all of them, or `count` when not all fit).
+    unsigned deliverPending(oltbTraceEvent* events, unsigned start, unsigned count) noexcept;
+    // Waits for blocks and decodes them until the array is full or the wait rules end the call; `result` is the
+    // number of events the call has delivered so far. Returns the new total.
+    unsigned fillFromSource(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count,
+                            unsigned result, int readTimeoutMs);
+    // Takes the next block from `source` as the current one, handing the used-up one back.
+    bool takeNextBlock(BlockSource& source, int waitLimitMs);
+
     std::uint64_t _firstTimestamp = 0;
     std::uint64_t _timeBase = 0;
     std::uint64_t _previousTimeBase = 0;
