@@ -4,8 +4,22 @@
 #pragma once
 
 #include "api/oltb.h"
+#include "client/TraceCommands.h"
+#include "client/kissnet.h"
+#include "events/BlockSource.h"
+#include "events/TraceDecoder.h"
 
+#include <concurrentqueue/blockingconcurrentqueue.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace OLVEN::TALIX3::TraceBuffer {
@@ -43,7 +57,77 @@ public:
     void setReadTimeoutMs(int timeoutMs) noexcept;
 
 private:
-    // (socket, reader thread, queue, decoder state, locks: to be declared by the client implementation)
+    using BlockQueue = moodycamel::BlockingConcurrentQueue<std::vector<std::byte>>;
+
+    // The reading operations take received blocks from the queue the reader thread fills.
+    class QueueBlockSource final : public BlockSource {
+    public:
+        QueueBlockSource(BlockQueue& queue, const std::unique_ptr<kissnet::tcp_socket>& socket) noexcept
+            : _queue(queue), _socket(socket) {}
+        bool waitBlock(std::vector<std::byte>& block, std::int64_t timeoutUs) override;
+        bool isConnected() const override;
+
+    private:
+        BlockQueue& _queue;
+        const std::unique_ptr<kissnet::tcp_socket>& _socket;
+    };
+
+    // The reader's receive buffer, page-aligned: a misaligned buffer costs about half the loopback throughput.
+    struct alignas(4096) ReceiveBuffer {
+        std::array<std::byte, _bufferSize> bytes{};
+    };
+
+    // ---- construction and connection (TraceBufferClient.cpp) ----------------------------------------------
+    void connectWithRetries();
+    // Stop, then GetConfig: proves that the peer speaks the protocol and leaves tracing stopped on the server.
+    void runOpeningExchange();
+    // Undoes a failed construction: ends the reader thread and releases the socket.
+    void abandonConstruction() noexcept;
+    bool isSocketOpen() const noexcept;
+
+    // ---- reader thread (TraceBufferClient.cpp) ------------------------------------------------------------
+    void reader();
+    void receiveAndDispatch(ReceiveBuffer& buffer);
+    // Scans for the waiting command's response and hands it over; returns to the caller once the command no
+    // longer waits. `count` bytes are in the buffer on entry.
+    void scanForResponse(ReceiveBuffer& buffer, std::size_t count);
+    // One receive into buffer[offset, _bufferSize); a closed connection or a failure throws.
+    std::size_t receiveMore(ReceiveBuffer& buffer, std::size_t offset);
+    void enqueueBlock(const std::byte* first, std::size_t count);
+    // Ends the connection after a reader failure: _running cleared and the socket closed, under _socketMutex.
+    void closeAfterReaderFailure() noexcept;
+
+    // Discards the decoder state and every queued block.
+    void clear();
+
+    // ---- commands (TraceCommands.cpp) ---------------------------------------------------------------------
+    // Sends one command frame and waits up to 3000 ms for its response; returns the response payload when
+    // `wantResponse`, else an empty vector.
+    std::vector<std::byte> writeCommand(const TraceCommandCode& code, const std::vector<std::byte>& payload,
+                                        bool wantResponse);
+
+    // Locks, always taken in these orders: _commandMutex, _responseMutex, _sendMutex (a command); _socketMutex,
+    // _sendMutex (the reader closing the socket after a failure, so that no command sends on a descriptor number
+    // that is being closed and may be reused). Nothing takes _socketMutex while holding another of these.
+    std::atomic<bool> _abortReader{false};
+    std::unique_ptr<kissnet::tcp_socket> _socket;
+    std::atomic<bool> _isStarted{false};
+    BlockQueue _queue;
+    std::thread _readerThread;
+    // Time base, carried word, current block and pending samples of the reading operations.
+    TraceDecoder _decoder;
+    QueueBlockSource _blockSource{_queue, _socket};
+    std::mutex _responseMutex;
+    std::condition_variable _responseCondition;
+    std::atomic<bool> _waitingForResponse{false};
+    std::vector<std::byte> _response;
+    std::mutex _socketMutex;
+    std::mutex _sendMutex;
+    // Held across a whole command (send and wait), so that commands of several threads on one client run one
+    // after another and none takes another's response. Taken before _responseMutex.
+    std::mutex _commandMutex;
+    std::atomic<bool> _running{false};
+    std::atomic<int> _readTimeoutMs{_DefaultReadTimeoutMs};
 };
 
 }  // namespace OLVEN::TALIX3::TraceBuffer
