@@ -133,7 +133,7 @@ TEST(Connection, AcquiredSeriesIsHandedOutInPortions) {
     ASSERT_EQ(oltbStart(connection.handle), 0);
     Bytes stream;
     auto append = [&stream](const Bytes& word) { stream.insert(stream.end(), word.begin(), word.end()); };
-    append(makeWord(oltbEventLabel, 100, 1u << 16));
+    append(makeWord(oltbEventLabel, 100 - 16, 1u << 16));  // a 16-bit word: stamped 16 ticks later, at 100
     for (std::uint32_t i = 0; i < 10; ++i) {
         append(makeWord(oltbEventSpi0Rx, 200 + 100 * i, 1000 + i));
     }

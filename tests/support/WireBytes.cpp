@@ -3,6 +3,7 @@
 // 17-byte configuration payload and the packed 64-bit trace words, all little-endian.
 #include "tests/support/FakeServer.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace oltb::testing {
@@ -61,9 +62,10 @@ Bytes commandFrame(std::uint8_t code, const Bytes& payload) {
     if (payload.size() > kCommandPayloadSize) {
         throw std::invalid_argument("commandFrame: a payload holds at most 17 bytes");
     }
-    Bytes frame{kFrameMarker, code};
-    frame.insert(frame.end(), payload.begin(), payload.end());
-    frame.resize(kCommandFrameSize, 0);
+    Bytes frame(kCommandFrameSize, 0);
+    frame[0] = kFrameMarker;
+    frame[1] = code;
+    std::copy(payload.begin(), payload.end(), frame.begin() + 2);
     return frame;
 }
 
