@@ -1,0 +1,114 @@
+// oltb-sim's fault modes as the library sees them, and the simulator's own exit behaviour.
+#include "SimulatorProcess.h"
+
+#include "api/oltb.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace oltb::testing {
+namespace {
+
+std::string lastError() {
+    const int length = oltbGetLastErrorLen();
+    std::string text(static_cast<std::size_t>(std::max(length, 1)), '\0');
+    oltbGetLastError(text.data(), length);
+    text.resize(std::strlen(text.c_str()));
+    return text;
+}
+
+// Reads counter values until a read fails; returns them.
+std::vector<std::int32_t> readUntilFailure(const int handle) {
+    std::vector<std::int32_t> values;
+    std::vector<oltbTraceEvent> buffer(4096);
+    for (;;) {
+        std::uint32_t count = 0;
+        if (oltbRead(handle, buffer.data(), 0, static_cast<std::uint32_t>(buffer.size()), &count) != 0) {
+            return values;
+        }
+        for (std::uint32_t i = 0; i < count; ++i) {
+            values.push_back(buffer[i].Value);
+        }
+    }
+}
+
+TEST(SimulatorFaults, UnansweredStartFailsAfterTheCommandTimeout) {
+    SimulatorProcess simulator("127.0.0.51", {"--ignore-command", "start"});
+    ASSERT_TRUE(simulator.ready()) << simulator.failure();
+    const int handle = oltbConnect("127.0.0.51");
+    ASSERT_GE(handle, 0) << lastError();
+    EXPECT_EQ(oltbStart(handle), -1);
+    EXPECT_EQ(lastError(), "Could not receive a response from the trace buffer server within 3000ms");
+    oltbDisconnect(handle);
+}
+
+TEST(SimulatorFaults, ShortConfigurationAnswerFailsTheConnect) {
+    SimulatorProcess simulator("127.0.0.52", {"--malformed-response", "getconfig"});
+    ASSERT_TRUE(simulator.ready()) << simulator.failure();
+    EXPECT_EQ(oltbConnect("127.0.0.52"), -1);
+    EXPECT_EQ(lastError(), "Could not connect to the tracebuffer server on address 127.0.0.52. Illegal message length");
+}
+
+TEST(SimulatorFaults, ConnectionClosedAfterWordsEndsTheStreamAndTheNextClientIsServed) {
+    SimulatorProcess simulator("127.0.0.53", {"--counter", "--max-rate", "--close-after-words", "1000"});
+    ASSERT_TRUE(simulator.ready()) << simulator.failure();
+    const int handle = oltbConnect("127.0.0.53");
+    ASSERT_GE(handle, 0) << lastError();
+    ASSERT_EQ(oltbSetReadTimeout(handle, 500), 0);
+    ASSERT_EQ(oltbStart(handle), 0);
+    const std::vector<std::int32_t> values = readUntilFailure(handle);
+    ASSERT_EQ(values.size(), 999u) << "1000 words: one time base and 999 values";
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        ASSERT_EQ(values[i], static_cast<std::int32_t>(i));
+    }
+    bool connected = true;
+    for (int i = 0; i < 200 && connected; ++i) {
+        ASSERT_EQ(oltbIsConnected(handle, &connected), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_FALSE(connected);
+    oltbDisconnect(handle);
+
+    const int next = oltbConnect("127.0.0.53");
+    EXPECT_GE(next, 0) << lastError();
+    oltbDisconnect(next);
+}
+
+TEST(SimulatorFaults, OverflowFlagMarksTheFirstValueAfterTheLostOnes) {
+    SimulatorProcess simulator("127.0.0.54",
+                               {"--counter", "--max-rate", "--overflow-every", "1000", "--overflow-lost", "10"});
+    ASSERT_TRUE(simulator.ready()) << simulator.failure();
+    const int handle = oltbConnect("127.0.0.54");
+    ASSERT_GE(handle, 0) << lastError();
+    ASSERT_EQ(oltbSetReadTimeout(handle, 5000), 0);
+    ASSERT_EQ(oltbStart(handle), 0);
+    std::vector<oltbTraceEvent> events(5000);
+    std::uint32_t total = 0;
+    while (total < events.size()) {
+        std::uint32_t count = 0;
+        ASSERT_EQ(oltbRead(handle, events.data(), total, static_cast<std::uint32_t>(events.size()) - total, &count),
+                  0);
+        total += count;
+    }
+    for (std::uint32_t i = 0; i < total; ++i) {
+        ASSERT_EQ(events[i].Value, static_cast<std::int32_t>(i + 10 * (i / 1000))) << "event " << i;
+        ASSERT_EQ(events[i].Overflow, i > 0 && i % 1000 == 0) << "event " << i;
+    }
+    oltbDisconnect(handle);
+}
+
+TEST(SimulatorFaults, OccupiedAddressExitsWithCodeTwoAndSigtermWithZero) {
+    SimulatorProcess first("127.0.0.55", {});
+    ASSERT_TRUE(first.ready()) << first.failure();
+    const ProcessResult second = runSimulatorToExit({"--address", "127.0.0.55"}, std::chrono::seconds(5));
+    EXPECT_EQ(second.exitCode, 2);
+    EXPECT_EQ(second.standardError, "oltb-sim: cannot listen on 127.0.0.55:9495: Address already in use\n");
+    EXPECT_EQ(first.terminate(), 0);
+}
+
+}  // namespace
+}  // namespace oltb::testing

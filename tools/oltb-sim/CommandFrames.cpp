@@ -1,0 +1,60 @@
+// Cutting the client's bytes into command frames, and building response frames.
+#include "CommandFrames.h"
+
+#include <algorithm>
+#include <cassert>
+
+namespace oltbsim {
+
+bool isKnownCommand(const std::uint8_t code) noexcept {
+    switch (static_cast<CommandCode>(code)) {
+        case CommandCode::stop:
+        case CommandCode::start:
+        case CommandCode::setConfig:
+        case CommandCode::getConfig:
+            return true;
+    }
+    return false;
+}
+
+void CommandFrameReader::feed(const std::uint8_t* const data, const std::size_t size) {
+    if (_position == _buffer.size()) {
+        _buffer.clear();
+        _position = 0;
+    }
+    _buffer.insert(_buffer.end(), data, data + size);
+}
+
+CommandRead CommandFrameReader::next() {
+    CommandRead read;
+    const auto begin = _buffer.begin() + static_cast<std::ptrdiff_t>(_position);
+    if (begin == _buffer.end()) {
+        return read;
+    }
+    if (*begin != kCommandFrameStart) {
+        const auto frameStart = std::find(begin, _buffer.end(), kCommandFrameStart);
+        read.outcome = CommandReadOutcome::skippedBytes;
+        read.skipped = static_cast<std::size_t>(frameStart - begin);
+        _position += read.skipped;
+        return read;
+    }
+    if (bufferedBytes() < kCommandFrameSize) {
+        return read;
+    }
+    read.outcome = CommandReadOutcome::frame;
+    read.frame.code = _buffer[_position + 1];
+    std::copy_n(begin + 2, kCommandPayloadSize, read.frame.payload.begin());
+    _position += kCommandFrameSize;
+    return read;
+}
+
+void appendResponseFrame(std::vector<std::uint8_t>& out, const std::uint8_t* const payload,
+                         const std::size_t payloadSize, const ResponseShape shape) {
+    assert(payloadSize <= 255);
+    out.insert(out.end(), {0x4D, 0x4D, 0x4D, 0x4D, static_cast<std::uint8_t>(payloadSize)});
+    out.insert(out.end(), payload, payload + payloadSize);
+    out.push_back(0xB2);
+    out.push_back(shape == ResponseShape::exact ? 0xB2 : 0x00);
+}
+
+}  // namespace oltbsim
