@@ -54,10 +54,7 @@ inline std::string connectFailure(const std::string& address, const std::string&
 }
 
 inline Bytes commandBytes(std::uint8_t code, const Bytes& payload = {}) {
-    Bytes frame{0x4D, code};
-    frame.insert(frame.end(), payload.begin(), payload.end());
-    frame.resize(19, 0x00);
-    return frame;
+    return oltb::testing::commandFrame(code, payload);
 }
 
 // A 32-bit SPI sample: one event per word, its Value the payload.
