@@ -2,7 +2,7 @@
 JOBS ?= 2
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: setup build check test test-release test-asan test-tsan clean
+.PHONY: setup build check test test-release test-asan test-tsan demo clean
 
 setup:
 	@bash scripts/setup.sh
@@ -30,6 +30,13 @@ test-tsan: setup
 	cmake --preset tsan >/dev/null
 	cmake --build --preset tsan -j $(JOBS)
 	cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+
+# The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and
+# out/demo.vcd and print its summary. Builds only the two programs.
+demo: setup
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	@bash scripts/demo.sh
 
 clean:
 	rm -rf build

@@ -1,0 +1,97 @@
+// "oltb capture": starts tracing, reads in slices of 200 ms until the limit (duration, number of events) or
+// Ctrl-C, stops, and keeps everything read. A lost connection also ends the capture: what was read is written
+// and summarised before the failure is reported.
+#include "tools/oltb/CommandSupport.h"
+#include "tools/oltb/Commands.h"
+#include "tools/oltb/Errors.h"
+#include "tools/oltb/Interrupt.h"
+#include "tools/oltb/Progress.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+
+namespace oltb::cli {
+
+namespace {
+
+// Short enough that Ctrl-C and the end of the duration are noticed promptly, long enough not to spin.
+constexpr int ReadSliceMs = 200;
+constexpr std::uint32_t BatchEvents = 4096;
+
+}  // namespace
+
+int runCapture(const CaptureOptions& options) {
+    const auto wanted = parseWantedSignals(options.signals);
+    Outputs outputs(options.outputs);
+    outputs.open();
+    try {
+        const std::unique_ptr<Connection> connection = connectTo(options.host);
+        const std::vector<const SignalInfo*> signals = chooseSignals(*connection, wanted, false);
+        if (signals.empty()) {
+            throw UsageError("the server traces no signal; choose some with --signals");
+        }
+        // Time of a capture counts from the connection's reference, which may lie long before its first event.
+        outputs.begin(signals, !options.raw, VcdTimeZero::FirstEvent);
+        connection->setReadTimeout(ReadSliceMs);
+        connection->start();
+
+        Summary summary;
+        Progress progress(progressWanted(options.quiet), stderr);
+        std::vector<oltbTraceEvent> batch(BatchEvents);
+        std::optional<std::string> failure;
+        while (!interruptRequested()) {
+            if (options.maxEvents > 0 && summary.totalEvents() >= options.maxEvents) {
+                break;
+            }
+            if (options.durationSeconds > 0.0 && progress.elapsedSeconds() >= options.durationSeconds) {
+                break;
+            }
+            std::uint32_t wantedEvents = BatchEvents;
+            if (options.maxEvents > 0) {
+                wantedEvents = static_cast<std::uint32_t>(
+                    std::min<std::uint64_t>(wantedEvents, options.maxEvents - summary.totalEvents()));
+            }
+            std::uint32_t count = 0;
+            try {
+                count = connection->tryRead(batch.data(), wantedEvents);
+            } catch (const ServerError& error) {
+                failure = error.what();
+                break;
+            }
+            if (!options.raw) {
+                oltbToSignedPosition(batch.data(), count);
+            }
+            outputs.write(batch.data(), count);
+            for (std::uint32_t index = 0; index < count; ++index) {
+                summary.add(batch[index]);
+            }
+            progress.update(summary.totalEvents());
+        }
+        progress.finish();
+        const double elapsed = progress.elapsedSeconds();
+        if (!failure) {
+            try {
+                connection->stop();
+            } catch (const ServerError& error) {
+                failure = error.what();
+            }
+        }
+        outputs.finish();
+        reportResult(outputs, summary);
+        if (failure) {
+            throw ServerError(*failure);
+        }
+        if (interruptRequested()) {
+            char note[80];
+            std::snprintf(note, sizeof(note), "capture ended by interrupt after %.1f s", elapsed);
+            printError(note);
+        }
+        return ExitSuccess;
+    } catch (...) {
+        outputs.discardUnbegun();
+        throw;
+    }
+}
+
+}  // namespace oltb::cli

@@ -1,0 +1,36 @@
+// Steps the subcommands share: reading a --signals list, connecting, choosing the traced signals, and the
+// report at the end of a command.
+#pragma once
+
+#include "tools/oltb/Connection.h"
+#include "tools/oltb/Outputs.h"
+#include "tools/oltb/Signals.h"
+#include "tools/oltb/Summary.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace oltb::cli {
+
+// The signals of a --signals list; nothing for an empty list. Throws UsageError for unknown names.
+std::optional<std::vector<const SignalInfo*>> parseWantedSignals(const std::string& list);
+
+// Connects with interrupts blocked for the library's reader thread. Throws ServerError.
+std::unique_ptr<Connection> connectTo(const std::string& host);
+
+// Sets the server's configuration to `wanted` (if given), adds Label when `withLabel`, and returns the signals
+// the server then reports as traced.
+std::vector<const SignalInfo*> chooseSignals(Connection& connection,
+                                             const std::optional<std::vector<const SignalInfo*>>& wanted,
+                                             bool withLabel);
+
+// The summary on standard output, or on standard error when CSV went to standard output; the outputs' warnings
+// on standard error.
+void reportResult(const Outputs& outputs, const Summary& summary);
+
+// A message on standard error as "oltb: <text>".
+void printError(const std::string& text);
+
+}  // namespace oltb::cli

@@ -1,0 +1,45 @@
+// The tool's subcommands. Each returns the process's exit code or throws UsageError, ServerError or
+// OutputError, which main turns into a message and an exit code (Errors.h).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace oltb::cli {
+
+struct ConfigOptions {
+    std::string host;
+    std::string setSignals; // empty: leave the configuration as it is
+    bool all = false;
+    bool none = false;
+};
+
+struct CaptureOptions {
+    std::string host;
+    std::string signals;           // empty: trace what the server is configured for
+    double durationSeconds = 0.0;  // 0: no limit
+    std::uint64_t maxEvents = 0;   // 0: no limit
+    std::vector<std::string> outputs;
+    bool raw = false;
+    bool quiet = false;
+};
+
+struct AcquireOptions {
+    std::string host;
+    unsigned startLabel = 0; // 0 .. 65535
+    unsigned endLabel = 0;
+    std::string signals;           // empty: the server's configuration; Label is added in any case
+    double timeoutSeconds = 10.0;  // the longest silence of the server while waiting
+    double maxWaitSeconds = 0.0;   // 0: wait for the end label as long as it takes
+    std::vector<std::string> outputs;
+    bool raw = false;
+    bool quiet = false;
+};
+
+int runSignals();
+int runConfig(const ConfigOptions& options);
+int runCapture(const CaptureOptions& options);
+int runAcquire(const AcquireOptions& options);
+
+}  // namespace oltb::cli

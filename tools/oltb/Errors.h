@@ -1,0 +1,33 @@
+// The tool's exit codes and the failures that lead to them. Each failure carries the text shown on standard
+// error; for the library's failures that is the library's own last-error text.
+#pragma once
+
+#include <stdexcept>
+
+namespace oltb::cli {
+
+enum ExitCode : int {
+    ExitSuccess = 0,
+    ExitUnexpected = 1,   // a fault of the tool itself
+    ExitUsage = 2,        // bad arguments: unknown option or signal, bad label number, unknown output format
+    ExitServer = 3,       // connecting, a command or reading failed: unreachable host, lost connection, timeout
+    ExitOutput = 4,       // an output file could not be created or written
+    ExitInterrupted = 130 // an acquisition ended by Ctrl-C before its end label: nothing written
+};
+
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class ServerError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class OutputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace oltb::cli

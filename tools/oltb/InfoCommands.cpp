@@ -1,0 +1,67 @@
+// "oltb signals" lists the traceable signals; "oltb config" shows (and optionally replaces) the server's choice.
+#include "tools/oltb/CommandSupport.h"
+#include "tools/oltb/Commands.h"
+#include "tools/oltb/Errors.h"
+#include "tools/oltb/Signals.h"
+
+#include <cstdio>
+#include <iostream>
+
+namespace oltb::cli {
+
+namespace {
+
+void printSignalTable(std::ostream& out, const oltbTraceBufferConfig_Struct* config) {
+    char line[120];
+    std::snprintf(line, sizeof(line), "%-20s %-6s %4s %4s%s\n", "signal", "group", "type", "bits",
+                  config != nullptr ? "  traced" : "");
+    out << line;
+    for (const SignalInfo& signal : allSignals()) {
+        const char* traced = config == nullptr ? "" : (config->*signal.configFlag ? "  yes" : "  -");
+        std::snprintf(line, sizeof(line), "%-20s %-6s %4d %4u%s\n", signal.name, signal.group,
+                      static_cast<int>(signal.type), signal.bitsPerSample, traced);
+        out << line;
+    }
+}
+
+void printGroupLegend(std::ostream& out) {
+    out << '\n';
+    for (const char* group : {"Conf0", "Conf1", "Conf2", "Conf3"}) {
+        out << group << "  " << describeGroup(group) << '\n';
+    }
+    out << "Head positions are 20-bit two's complement; capture and acquire write them as signed numbers\n"
+           "(X channels negated) unless --raw is given. Lists of signals take names, group names and 'all'.\n";
+}
+
+}  // namespace
+
+int runSignals() {
+    printSignalTable(std::cout, nullptr);
+    printGroupLegend(std::cout);
+    return ExitSuccess;
+}
+
+int runConfig(const ConfigOptions& options) {
+    std::optional<std::vector<const SignalInfo*>> wanted;
+    if (options.all) {
+        wanted = parseSignalList("all");
+    } else if (options.none) {
+        wanted = std::vector<const SignalInfo*>{};
+    } else {
+        wanted = parseWantedSignals(options.setSignals);
+    }
+    const std::unique_ptr<Connection> connection = connectTo(options.host);
+    if (wanted) {
+        oltbTraceBufferConfig_Struct config;
+        oltbInitConfig(&config);
+        selectOnly(config, *wanted);
+        connection->setConfig(config);
+    }
+    const oltbTraceBufferConfig_Struct config = connection->getConfig();
+    std::cout << "server " << options.host << ", configuration version " << config.Version << ", "
+              << signalsIn(config).size() << " of " << allSignals().size() << " signals traced\n";
+    printSignalTable(std::cout, &config);
+    return ExitSuccess;
+}
+
+}  // namespace oltb::cli

@@ -1,0 +1,71 @@
+// The files a command writes, each in the format its name's extension says (.csv or .vcd); "-" or no file at
+// all means CSV on standard output. One series of events goes to every file.
+#pragma once
+
+#include "api/oltb.h"
+#include "tools/oltb/CsvWriter.h"
+#include "tools/oltb/Signals.h"
+#include "tools/oltb/VcdWriter.h"
+
+#include <cstddef>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace oltb::cli {
+
+enum class OutputFormat { Csv, Vcd };
+
+// The format of a file name, by its extension (any case); "-" is CSV. Throws UsageError for anything else.
+OutputFormat outputFormatOf(const std::string& path);
+
+class Outputs {
+public:
+    // Checks the names (formats, no name twice); throws UsageError. Opens nothing yet.
+    explicit Outputs(std::vector<std::string> paths);
+    ~Outputs();
+    Outputs(const Outputs&) = delete;
+    Outputs& operator=(const Outputs&) = delete;
+
+    // Creates the files, so that an unwritable path fails before the server is asked for anything.
+    // Throws OutputError.
+    void open();
+
+    bool csvOnStandardOutput() const;
+
+    // Starts every file; `signals` become the variables of a VCD file. Throws OutputError.
+    void begin(const std::vector<const SignalInfo*>& signals, bool signedPositions, VcdTimeZero timeZero);
+
+    // Throws OutputError when a file can no longer be written.
+    void write(const oltbTraceEvent* events, std::size_t count);
+
+    // Completes, flushes and closes every file. Throws OutputError.
+    void finish();
+
+    // Removes the files created by open() when nothing was begun (the command failed before it had events).
+    void discardUnbegun();
+
+    // Warnings of the VCD writers (events moved or skipped), empty when there are none.
+    std::vector<std::string> warnings() const;
+
+    // "out/demo.csv, out/demo.vcd" or "standard output".
+    std::string describe() const;
+
+private:
+    struct Output {
+        std::string path;
+        OutputFormat format;
+        std::unique_ptr<std::ofstream> file; // null for standard output
+        std::unique_ptr<CsvWriter> csv;
+        std::unique_ptr<VcdWriter> vcd;
+    };
+
+    static std::ostream& streamOf(Output& output);
+    void checkWritten(Output& output);
+
+    std::vector<Output> _outputs;
+    bool _begun = false;
+};
+
+}  // namespace oltb::cli

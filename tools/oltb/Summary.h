@@ -1,0 +1,36 @@
+// Per-signal figures of what a capture or acquisition wrote: number of events, time of the first and the last
+// (us, as the library reports Time), smallest and largest value.
+#pragma once
+
+#include "api/oltb.h"
+
+#include <cstdint>
+#include <map>
+#include <ostream>
+
+namespace oltb::cli {
+
+class Summary {
+public:
+    struct SignalFigures {
+        std::uint64_t count = 0;
+        double firstTimeUs = 0.0;
+        double lastTimeUs = 0.0;
+        std::int32_t minValue = 0;
+        std::int32_t maxValue = 0;
+    };
+
+    void add(const oltbTraceEvent& event);
+
+    std::uint64_t totalEvents() const { return _totalEvents; }
+    const std::map<int, SignalFigures>& figuresByType() const { return _figures; }
+
+    // A table, one line per signal in order of event type, then the total.
+    void print(std::ostream& out) const;
+
+private:
+    std::map<int, SignalFigures> _figures;
+    std::uint64_t _totalEvents = 0;
+};
+
+}  // namespace oltb::cli

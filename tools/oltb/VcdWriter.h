@@ -1,0 +1,72 @@
+// Writes events as an IEEE 1364 value change dump for waveform viewers (GTKWave, Surfer, PulseView): one wire
+// per signal, as wide as the signal's samples, with 1 ps as time unit so that a tick (15.625 ns) is exactly
+// 15625 units (the timescale admits only 1, 10 or 100 units).
+#pragma once
+
+#include "api/oltb.h"
+#include "tools/oltb/Signals.h"
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace oltb::cli {
+
+// Where the dump's time 0 lies.
+enum class VcdTimeZero {
+    FirstEvent,      // the first event written
+    ReferenceOfTime  // the tick from which the first event's Time counts (the start label after an acquisition),
+                     // so that dump times equal the events' Time; the first event if it lies before it
+};
+
+class VcdWriter {
+public:
+    static constexpr std::uint64_t PicosecondsPerTick = 15625;
+
+    // `signals` become the dump's variables, in this order. `signedPositions` only changes the header's
+    // description: head positions are 32-bit two's complement either way.
+    VcdWriter(std::ostream& out, std::vector<const SignalInfo*> signals, bool signedPositions,
+              VcdTimeZero timeZero = VcdTimeZero::ReferenceOfTime);
+
+    // Events must come in time order. One that is earlier than the last time written (which the library's
+    // ordering should never deliver) is written at that last time, and counted, so that time never goes back.
+    // Events of signals that are not variables of the dump are skipped and counted.
+    void write(const oltbTraceEvent& event);
+
+    // Writes the header if no event came, and a last time stamp so that viewers show the final values.
+    void finish();
+
+    std::uint64_t eventsMovedForward() const { return _eventsMovedForward; }
+    std::uint64_t eventsSkipped() const { return _eventsSkipped; }
+
+    // The identifier of the index-th variable: printable characters '!' to '~', shortest first.
+    static std::string identifierOf(std::size_t index);
+
+    // A value as VCD writes it: "0id"/"1id" for one bit, otherwise "b<binary without leading zeros> id". The
+    // value is taken as an unsigned number of `bits` bits, so negative values appear as two's complement.
+    static std::string formatValue(std::int32_t value, unsigned bits, const std::string& identifier);
+
+private:
+    struct Variable {
+        const SignalInfo* signal;
+        std::string identifier;
+        std::optional<std::uint32_t> lastValue;
+    };
+
+    void writeHeader(const std::optional<std::uint64_t>& originTicks);
+    Variable* variableOf(oltbTraceEventType type);
+
+    std::ostream& _out;
+    std::vector<Variable> _variables;
+    bool _signedPositions;
+    VcdTimeZero _timeZero;
+    bool _headerWritten = false;
+    std::uint64_t _originTicks = 0;
+    std::optional<std::uint64_t> _lastTime; // in ps since the origin, as last written with '#'
+    std::uint64_t _eventsMovedForward = 0;
+    std::uint64_t _eventsSkipped = 0;
+};
+
+}  // namespace oltb::cli

@@ -1,0 +1,122 @@
+// oltb: the trace buffer of a laser scan controller card from the command line, through the library's C
+// interface only. Parses the arguments, runs one subcommand and turns its failures into exit codes.
+#include "tools/oltb/CommandSupport.h"
+#include "tools/oltb/Commands.h"
+#include "tools/oltb/Errors.h"
+#include "tools/oltb/Interrupt.h"
+
+#include <CLI/CLI.hpp>
+
+#include <exception>
+
+#ifndef OLTB_TOOL_VERSION
+#define OLTB_TOOL_VERSION "unknown"
+#endif
+
+using namespace oltb::cli;
+
+namespace {
+
+constexpr const char* ExitCodesText = R"(Exit codes:
+  0    success (also a capture ended by Ctrl-C: what was read is kept)
+  2    usage error: unknown option or signal, bad label, unknown output format
+  3    server error: connection failed or lost, command or read failed, timeout
+  4    output error: a file could not be created or written
+  130  acquire interrupted by Ctrl-C before its end label: nothing written
+  1    unexpected failure of the tool itself)";
+
+constexpr const char* OutputText =
+    "Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change dump);\n"
+    "without -o, CSV goes to standard output. -o may be repeated to write one series to several files.";
+
+void addOutputOptions(CLI::App& command, std::vector<std::string>& outputs, bool& raw, bool& quiet) {
+    command.add_option("-o,--output", outputs, "file to write (.csv or .vcd; - for CSV on standard output)")
+        ->allow_extra_args(false);
+    command.add_flag("--raw", raw, "keep head positions as raw 20-bit values");
+    command.add_flag("-q,--quiet", quiet, "no progress display on standard error");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"oltb: trace signals of a laser scan controller card through its trace buffer server (port 9495)",
+                 "oltb"};
+    app.set_version_flag("--version", std::string("oltb ") + OLTB_TOOL_VERSION);
+    app.require_subcommand(1);
+    app.footer(std::string(OutputText) + "\n\n" + ExitCodesText);
+
+    app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample");
+
+    ConfigOptions config;
+    CLI::App* configCommand = app.add_subcommand("config", "show the server's configuration; replace it first with "
+                                                           "--set, --all or --none");
+    configCommand->add_option("host", config.host, "server address (name or number)")->required();
+    auto* setOption = configCommand->add_option("--set", config.setSignals, "trace exactly these signals (comma list)");
+    auto* allOption = configCommand->add_flag("--all", config.all, "trace every signal");
+    auto* noneOption = configCommand->add_flag("--none", config.none, "trace no signal");
+    setOption->excludes(allOption)->excludes(noneOption);
+    allOption->excludes(noneOption);
+
+    CaptureOptions capture;
+    CLI::App* captureCommand =
+        app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
+    captureCommand->add_option("host", capture.host, "server address (name or number)")->required();
+    captureCommand->add_option("-s,--signals", capture.signals,
+                               "signals to trace (comma list; default: the server's configuration)");
+    auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds, "seconds to trace")
+                               ->check(CLI::PositiveNumber);
+    auto* eventsOption =
+        captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")->check(CLI::PositiveNumber);
+    durationOption->excludes(eventsOption);
+    addOutputOptions(*captureCommand, capture.outputs, capture.raw, capture.quiet);
+
+    AcquireOptions acquire;
+    CLI::App* acquireCommand =
+        app.add_subcommand("acquire", "the events between a start label and an end label (labels excluded)");
+    acquireCommand->add_option("host", acquire.host, "server address (name or number)")->required();
+    const CLI::Range labelRange(0, 65535);
+    acquireCommand->add_option("--start", acquire.startLabel, "start label number")->required()->check(labelRange);
+    acquireCommand->add_option("--end", acquire.endLabel, "end label number")->required()->check(labelRange);
+    acquireCommand->add_option("-s,--signals", acquire.signals,
+                               "signals to trace (comma list; default: the server's configuration); Label is added");
+    acquireCommand->add_option("--timeout", acquire.timeoutSeconds, "longest silence of the server, seconds")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 3600.0));
+    acquireCommand->add_option("--max-wait", acquire.maxWaitSeconds, "give up after this many seconds (default: none)")
+        ->check(CLI::PositiveNumber);
+    addOutputOptions(*acquireCommand, acquire.outputs, acquire.raw, acquire.quiet);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int code = app.exit(error);
+        return code == 0 ? ExitSuccess : ExitUsage;
+    }
+
+    ignoreBrokenPipes();
+    installInterruptHandler();
+    try {
+        if (app.got_subcommand("signals")) {
+            return runSignals();
+        }
+        if (app.got_subcommand(configCommand)) {
+            return runConfig(config);
+        }
+        if (app.got_subcommand(captureCommand)) {
+            return runCapture(capture);
+        }
+        return runAcquire(acquire);
+    } catch (const UsageError& error) {
+        printError(error.what());
+        return ExitUsage;
+    } catch (const ServerError& error) {
+        printError(error.what());
+        return ExitServer;
+    } catch (const OutputError& error) {
+        printError(error.what());
+        return ExitOutput;
+    } catch (const std::exception& error) {
+        printError(std::string("unexpected failure: ") + error.what());
+        return ExitUnexpected;
+    }
+}
