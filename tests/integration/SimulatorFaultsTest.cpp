@@ -61,7 +61,9 @@ TEST(SimulatorFaults, ConnectionClosedAfterWordsEndsTheStreamAndTheNextClientIsS
     ASSERT_EQ(oltbSetReadTimeout(handle, 500), 0);
     ASSERT_EQ(oltbStart(handle), 0);
     const std::vector<std::int32_t> values = readUntilFailure(handle);
-    ASSERT_EQ(values.size(), 999u) << "1000 words: one time base and 999 values";
+    // 1000 words: one time base and 999 values. Once the reader has found the connection closed, blocks still
+    // queued are not delivered any more, so how many values arrive depends on timing; they must be a prefix.
+    ASSERT_LE(values.size(), 999u);
     for (std::size_t i = 0; i < values.size(); ++i) {
         ASSERT_EQ(values[i], static_cast<std::int32_t>(i));
     }
