@@ -292,7 +292,11 @@ OLTB_API int oltbSetConfig(int handle, const oltbTraceBufferConfig_Struct* confi
  * ==========================================================================================================*/
 
 /**
- * Delivers the events available now, waiting up to the read timeout for the first ones. Blocks.
+ * Delivers events: first the samples kept from the previous call and the rest of the block in hand, then waits
+ * for newly received data, up to the read timeout. That first wait is made even when kept events were already
+ * delivered; a wait that ends without data returns what was delivered. Once data has arrived, the call takes
+ * only what is already received and returns as soon as nothing more is there or the buffer is full. Blocks.
+ * To collect what is left without waiting, set a read timeout of 0.
  * @param numberOfEvents receives the number of events written (0 when nothing arrived in time).
  * @return 0 / -1.
  */
