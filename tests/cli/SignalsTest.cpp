@@ -43,7 +43,8 @@ std::vector<std::string> namesOf(const std::vector<const SignalInfo*>& signals) 
     return names;
 }
 
-TEST(SignalTable, HoldsEveryEventTypeOfTheHeaderWithItsWidthAndNoOther) {
+// Each header type once, with its width, its group from the type's base, and the head positions as such.
+TEST(SignalTable, HoldsEveryEventTypeOfTheHeaderWithItsWidthAndGroupAndNoOther) {
     const auto headerTypes = eventTypesOfHeader();
     ASSERT_EQ(headerTypes.size(), 63U) << "the header could not be read";
     EXPECT_EQ(allSignals().size(), headerTypes.size());
@@ -53,18 +54,12 @@ TEST(SignalTable, HoldsEveryEventTypeOfTheHeaderWithItsWidthAndNoOther) {
         EXPECT_EQ(signal->name, expected.name);
         EXPECT_EQ(signal->bitsPerSample, expected.bits) << expected.name;
         EXPECT_EQ(findSignalByName(expected.name), signal);
+        EXPECT_EQ(signal->group, "Conf" + std::to_string(expected.type / 32)) << expected.name;
+        EXPECT_STRNE(describeGroup(signal->group), "");
+        EXPECT_EQ(isHeadPosition(signal->type), expected.type >= 32 && expected.type < 64) << expected.name;
     }
     EXPECT_EQ(findSignalByType(oltbEventTimeBase), nullptr);
     EXPECT_EQ(findSignalByType(27), nullptr);
-}
-
-TEST(SignalTable, GroupFollowsTheEventTypeBase) {
-    for (const SignalInfo& signal : allSignals()) {
-        const std::string expected = "Conf" + std::to_string(signal.type / 32);
-        EXPECT_EQ(signal.group, expected) << signal.name;
-        EXPECT_STRNE(describeGroup(signal.group), "");
-        EXPECT_EQ(isHeadPosition(signal.type), signal.type >= 32 && signal.type < 64) << signal.name;
-    }
 }
 
 TEST(SignalTable, EachSignalSelectsItsOwnConfigurationFlagAndClearsTheOthers) {
@@ -80,32 +75,27 @@ TEST(SignalTable, EachSignalSelectsItsOwnConfigurationFlagAndClearsTheOthers) {
     }
 }
 
-TEST(SignalList, AcceptsNamesInAnyCaseWithBlanksAndKeepsTableOrderOnce) {
-    EXPECT_EQ(namesOf(parseSignalList(" label , head0txx,Gate,HEAD0TXY,gate")),
-              (std::vector<std::string>{"Gate", "Head0TxX", "Head0TxY", "Label"}));
-}
-
-TEST(SignalList, GroupNamesAndAllSelectWholeGroups) {
-    const auto heads = parseSignalList("conf1");
-    ASSERT_EQ(heads.size(), 12U);
-    EXPECT_STREQ(heads.front()->name, "Head0TxX");
-    EXPECT_STREQ(heads.back()->name, "Head1RxZ");
+// Names in any case with blanks, group names and "all"; table order, each signal once.
+TEST(SignalList, SelectsSignalsAndGroupsInTableOrderOnce) {
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
+        {" label , head0txx,Gate,HEAD0TXY,gate", {"Gate", "Head0TxX", "Head0TxY", "Label"}},
+        {"conf1", {"Head0TxX", "Head0TxY", "Head0TxZ", "Head0RxX", "Head0RxY", "Head0RxZ", "Head1TxX", "Head1TxY",
+                   "Head1TxZ", "Head1RxX", "Head1RxY", "Head1RxZ"}},
+    };
+    for (const auto& [list, names] : cases) EXPECT_EQ(namesOf(parseSignalList(list)), names) << list;
     EXPECT_EQ(parseSignalList("Conf2,LaserPower0_8").size(), 10U);
     EXPECT_EQ(parseSignalList("ALL").size(), 63U);
 }
 
 TEST(SignalList, RejectsUnknownNamesAndEmptyLists) {
-    for (const char* list : {"Gate,Head2TxX", "Gate,,nope", "Port", "Conf4"}) {
-        EXPECT_THROW(parseSignalList(list), UnknownSignalError) << list;
+    for (const char* list : {"Gate,Head2TxX", "Gate,,nope", "Port", "Conf4", "", " ", ",", " , "}) {
+        EXPECT_THROW(parseSignalList(list), UnknownSignalError) << '"' << list << '"';
     }
     try {
         parseSignalList("Gate,Head2TxX");
         FAIL();
     } catch (const UnknownSignalError& error) {
         EXPECT_EQ(std::string(error.what()), "unknown signal 'Head2TxX' (see: oltb signals)");
-    }
-    for (const char* list : {"", " ", ",", " , "}) {
-        EXPECT_THROW(parseSignalList(list), UnknownSignalError) << '"' << list << '"';
     }
 }
 

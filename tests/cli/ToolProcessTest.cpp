@@ -5,6 +5,7 @@
 #include "api/oltb.h"
 #include "tests/cli/ChildProcess.h"
 #include "tests/cli/VcdParser.h"
+#include "tests/integration/SimulatorProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -22,6 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 using oltb::testing::ChildProcess;
 using oltb::testing::readFile;
+using oltb::testing::SimulatorProcess;
 using oltb::testing::VcdDump;
 
 const std::string DemoSignals = "Head0TxX,Head0TxY,Gate,LaserPower16";
@@ -42,11 +44,9 @@ protected:
     std::string path(const std::string& name) const { return _directory + "/" + name; }
 
     // Starts the simulator on `address` and waits (bounded) for its readiness line.
-    void startSimulator(const std::string& address, std::vector<std::string> options = {}) {
-        options.insert(options.begin(), {"-a", address});
-        _simulator = std::make_unique<ChildProcess>(OLTB_SIM_PATH, options, path("simulator"));
-        ASSERT_TRUE(_simulator->waitForText("oltb-sim listening on " + address + ":9495", 10s))
-            << _simulator->standardError();
+    void startSimulator(const std::string& address, const std::vector<std::string>& options = {}) {
+        _simulator = std::make_unique<SimulatorProcess>(address, options);
+        ASSERT_TRUE(_simulator->ready()) << _simulator->failure();
     }
 
     struct ProgramResult {
@@ -62,7 +62,7 @@ protected:
         return {exitCode, tool.standardOutput(), tool.standardError()};
     }
 
-    std::unique_ptr<ChildProcess> _simulator;
+    std::unique_ptr<SimulatorProcess> _simulator;
     std::string _directory;
     int _runs = 0;
 };
@@ -236,30 +236,22 @@ TEST_F(ToolProcessTest, CaptureKeepsWhatWasReadWhenTheServerClosesTheConnection)
     EXPECT_NE(tool.out.find(std::to_string(rows.size() - 1) + " events written to"), std::string::npos) << tool.out;
 }
 
-TEST_F(ToolProcessTest, AcquireWithTheEndLabelFirstFailsWithTheLibraryTextAndLeavesNoFile) {
-    startSimulator("127.0.0.63");
-    const ProgramResult tool =
-        runTool({"acquire", "127.0.0.63", "--start", "2", "--end", "1", "-q", "-o", path("x.csv")});
-    EXPECT_EQ(tool.exitCode, 3);
-    EXPECT_NE(tool.err.find("Expected start label but got end label!"), std::string::npos) << tool.err;
-    EXPECT_FALSE(std::filesystem::exists(path("x.csv")));
-}
-
 TEST_F(ToolProcessTest, InterruptedAcquisitionStopsTheTraceAndWritesNothing) {
-    startSimulator("127.0.0.67", {"--verbose"});
-    // Labels 3 and 4 never come: only the interrupt ends the wait.
+    // The simulator's log shows the commands; labels 3 and 4 never come, so only the interrupt ends the wait.
+    ChildProcess simulator(OLTB_SIM_PATH, {"-a", "127.0.0.67", "--verbose"}, path("simulator"));
+    ASSERT_TRUE(simulator.waitForText("oltb-sim listening on 127.0.0.67:9495", 10s)) << simulator.standardError();
     ChildProcess acquire(OLTB_TOOL_PATH,
                          {"acquire", "127.0.0.67", "--start", "3", "--end", "4", "--timeout", "1", "-o", path("i.csv")},
                          path("acquire"));
-    ASSERT_TRUE(_simulator->waitForText("command Start (0x11)", 10s, true)) << _simulator->standardError();
+    ASSERT_TRUE(simulator.waitForText("command Start (0x11)", 10s, true)) << simulator.standardError();
     acquire.sendSignal(SIGINT);
     EXPECT_EQ(acquire.waitForExit(10s), 130);
     EXPECT_NE(acquire.standardError().find("acquisition interrupted before the end label; nothing written"),
               std::string::npos)
         << acquire.standardError();
     EXPECT_FALSE(std::filesystem::exists(path("i.csv")));
-    ASSERT_TRUE(_simulator->waitForText("disconnected", 5s, true));
-    const std::string log = _simulator->standardError();
+    ASSERT_TRUE(simulator.waitForText("disconnected", 5s, true));
+    const std::string log = simulator.standardError();
     EXPECT_NE(log.find("command Stop (0x10)", log.find("command Start (0x11)")), std::string::npos) << log;
 }
 
@@ -272,43 +264,46 @@ TEST_F(ToolProcessTest, ConfigSetReplacesTheServersChoice) {
     EXPECT_NE(tool.out.find("\nHead0TxX             Conf1    32   32  -\n"), std::string::npos);
 }
 
-TEST_F(ToolProcessTest, UnreachableHostIsAServerErrorWithTheLibraryTextAndNothingOnStandardOutput) {
-    const ProgramResult tool = runTool({"capture", "127.0.0.69", "--events", "5"});
-    EXPECT_EQ(tool.exitCode, 3);
-    EXPECT_NE(tool.err.find("oltb: Could not connect to the tracebuffer server on address 127.0.0.69. "),
-              std::string::npos)
-        << tool.err;
-    EXPECT_EQ(tool.out, "");
-}
-
-TEST_F(ToolProcessTest, BadArgumentsAreUsageErrorsAndAnUnwritableFileAnOutputError) {
-    const std::vector<std::vector<std::string>> cases = {
-        {},
-        {"frobnicate"},
-        {"capture"},
-        {"capture", "127.0.0.69", "--bogus"},
-        {"capture", "127.0.0.69", "--duration", "1", "--events", "5"},
-        {"capture", "127.0.0.69", "--duration", "-1"},
-        {"acquire", "127.0.0.69", "--start", "1"},
-        {"acquire", "127.0.0.69", "--start", "65536", "--end", "2"},
-        {"config", "127.0.0.69", "--all", "--none"},
+// Exit codes: 0 help, 2 usage, 3 server or library failure, 4 output failure. Signals, formats and files are checked
+// before any connection is tried, so no server is needed for those; a failed run leaves no file behind.
+TEST_F(ToolProcessTest, FailuresEndWithTheirExitCodeAndText) {
+    startSimulator("127.0.0.63");
+    struct Case {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string errorText;  // contained in standard error
     };
-    for (const auto& arguments : cases) {
-        const ProgramResult tool = runTool(arguments);
-        EXPECT_EQ(tool.exitCode, 2) << testing::PrintToString(arguments) << tool.err;
+    const Case cases[] = {
+        {{"acquire", "127.0.0.63", "--start", "2", "--end", "1", "-q", "-o", path("x.csv")}, 3,
+         "Expected start label but got end label!"},
+        {{"capture", "127.0.0.69", "--events", "5"}, 3,
+         "oltb: Could not connect to the tracebuffer server on address 127.0.0.69. "},
+        {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "-s", "Nope"}, 2,
+         "oltb: unknown signal 'Nope' (see: oltb signals)\n"},
+        {{"capture", "127.0.0.69", "-o", path("trace.txt")}, 2, "unknown format"},
+        {{"capture", "127.0.0.69", "-o", path("missing/dir/trace.csv")}, 4,
+         "oltb: cannot create " + path("missing/dir/trace.csv")},
+        {{}, 2, ""},
+        {{"frobnicate"}, 2, ""},
+        {{"capture"}, 2, ""},
+        {{"capture", "127.0.0.69", "--bogus"}, 2, ""},
+        {{"capture", "127.0.0.69", "--duration", "1", "--events", "5"}, 2, ""},
+        {{"capture", "127.0.0.69", "--duration", "-1"}, 2, ""},
+        {{"acquire", "127.0.0.69", "--start", "1"}, 2, ""},
+        {{"acquire", "127.0.0.69", "--start", "65536", "--end", "2"}, 2, ""},
+        {{"config", "127.0.0.69", "--all", "--none"}, 2, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.arguments));
+        const ProgramResult tool = runTool(c.arguments);
+        EXPECT_EQ(tool.exitCode, c.exitCode) << tool.err;
+        EXPECT_NE(tool.err.find(c.errorText), std::string::npos) << tool.err;
         EXPECT_FALSE(tool.err.empty());
+        if (c.exitCode != 2) {
+            EXPECT_EQ(tool.out, "");  // failures after the arguments were taken print no rows
+        }
     }
-    // Checked before any connection is tried: no server needed, the exact text.
-    const ProgramResult unknownSignal = runTool({"acquire", "127.0.0.69", "--start", "1", "--end", "2", "-s", "Nope"});
-    EXPECT_EQ(unknownSignal.exitCode, 2);
-    EXPECT_EQ(unknownSignal.err, "oltb: unknown signal 'Nope' (see: oltb signals)\n");
-    const ProgramResult badFormat = runTool({"capture", "127.0.0.69", "-o", path("trace.txt")});
-    EXPECT_EQ(badFormat.exitCode, 2);
-    EXPECT_NE(badFormat.err.find("unknown format"), std::string::npos);
-    // Files are created before any connection is tried.
-    const ProgramResult unwritable = runTool({"capture", "127.0.0.69", "-o", path("missing/dir/trace.csv")});
-    EXPECT_EQ(unwritable.exitCode, 4);
-    EXPECT_NE(unwritable.err.find("oltb: cannot create " + path("missing/dir/trace.csv")), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(path("x.csv")));
     const ProgramResult help = runTool({"acquire", "--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_NE(help.out.find("Exit codes:"), std::string::npos);

@@ -77,17 +77,4 @@ inline std::vector<std::int32_t> readValues(TraceBufferClient& client, std::size
     return values;
 }
 
-// Polls `condition` until it holds or `timeout` has passed.
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout = 2s) {
-    const auto deadline = Clock::now() + timeout;
-    while (!condition()) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
-
 }  // namespace OLVEN::TALIX3::TraceBuffer::Testing

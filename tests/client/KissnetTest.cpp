@@ -1,5 +1,4 @@
-// The TCP layer on its own: endpoints from socket addresses, connecting again after a refusal, and a send on a
-// connection the peer has closed.
+// The TCP layer on its own: endpoints from socket addresses, and a send on a connection the peer has closed.
 #include "client/kissnet.h"
 #include "tests/client/ClientTestSupport.h"
 #include "tests/support/FakeServer.h"
@@ -39,20 +38,6 @@ TEST(KissnetEndpoint, FromIpv4AndIpv6Addresses) {
               "Trying to construct an endpoint for a protocol familly that is neither AF_INET or AF_INET6");
 }
 
-TEST(KissnetSocket, ConnectsOnASecondCallAfterARefusal) {
-    kissnet::tcp_socket socket(kissnet::endpoint("127.0.0.27", 9495));
-    EXPECT_NE(socket.get_descriptor(), -1);  // made, not yet connected
-
-    EXPECT_EQ(failureOf([&] { socket.connect(2000); }), "unable to create connectable socket!");
-    EXPECT_EQ(socket.get_descriptor(), -1);
-    EXPECT_EQ(socket.get_current_entry(), nullptr);
-
-    oltb::testing::FakeServer server("127.0.0.27");
-    socket.connect(2000);
-    EXPECT_NE(socket.get_descriptor(), -1);
-    EXPECT_TRUE(server.waitForClient(1s));
-}
-
 // Without MSG_NOSIGNAL the second send into a reset connection would raise SIGPIPE and end this test program.
 TEST(KissnetSocket, SendOnAConnectionThePeerClosedFailsWithoutSignal) {
     oltb::testing::FakeServer server("127.0.0.26");
@@ -69,15 +54,6 @@ TEST(KissnetSocket, SendOnAConnectionThePeerClosedFailsWithoutSignal) {
     }
     EXPECT_EQ(sent, -1);
     EXPECT_EQ(errno, EPIPE);
-}
-
-TEST(KissnetSocket, ShutdownAndCloseWithoutDescriptorDoNothing) {
-    kissnet::tcp_socket socket(kissnet::endpoint("127.0.0.28", 9495));
-    socket.close();
-    EXPECT_EQ(socket.get_descriptor(), -1);
-    socket.close();
-    socket.shutdown();
-    EXPECT_EQ(socket.get_descriptor(), -1);
 }
 
 }  // namespace

@@ -1,12 +1,16 @@
-// The client's life against the fake server: connecting with retries, the opening exchange and its failures,
-// how the reader thread tells responses from trace data, and the end of a connection (Disconnect, loss).
+// The client against the fake server: the opening exchange and the command frames on the wire, connecting with
+// retries, how the reader thread tells responses from trace data, what Start, Stop and Clear do with the started
+// state and the unread data, commands from two threads, commands whose response never comes, and Disconnect.
 #include "client/TraceBufferClient.h"
 #include "tests/client/ClientTestSupport.h"
 #include "tests/support/FakeServer.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace OLVEN::TALIX3::TraceBuffer::Testing {
 namespace {
@@ -19,35 +23,51 @@ using oltb::testing::responseFrame;
 
 constexpr std::uint8_t StopCode = 16;
 constexpr std::uint8_t StartCode = 17;
+constexpr std::uint8_t SetConfigCode = 129;
 constexpr std::uint8_t GetConfigCode = 130;
 
-TEST(TraceBufferClient, OpeningExchangeStopsThenAsksForTheConfiguration) {
-    FakeServer server("127.0.0.10");
-    TraceBufferClient client("127.0.0.10");
-
-    ASSERT_TRUE(server.waitForCommands(2, 1s));
-    const auto commands = server.commands();
-    ASSERT_EQ(commands.size(), 2U);
-    EXPECT_EQ(commands[0].raw, commandBytes(0x10));
-    EXPECT_EQ(commands[1].raw, commandBytes(0x82));
-    EXPECT_TRUE(client.isRunning());
-    EXPECT_EQ(client.readTimeoutMs(), 10000);
+std::vector<std::uint8_t> codesOf(const std::vector<oltb::testing::CommandFrame>& commands) {
+    std::vector<std::uint8_t> codes;
+    for (const auto& command : commands) {
+        codes.push_back(command.code);
+    }
+    return codes;
 }
 
-TEST(TraceBufferClient, OpeningExchangeFailuresNameTheAddressAndTheCause) {
-    {
-        FakeServer server("127.0.0.12");
-        server.setReaction(GetConfigCode, Reaction::payloadResponse(Bytes(16, 0x00)));
-        EXPECT_EQ(constructionFailure("127.0.0.12"), connectFailure("127.0.0.12", "Illegal message length"));
+// A connected client whose opening exchange (Stop, then GetConfig) is no longer among the recorded commands.
+struct Connection {
+    explicit Connection(const std::string& address) : server(address), client(address) {
+        EXPECT_TRUE(server.waitForCommands(2, 1s));
+        EXPECT_EQ(codesOf(server.commands()), (std::vector<std::uint8_t>{StopCode, GetConfigCode}));
+        server.clearCommands();
     }
-    {
-        FakeServer server("127.0.0.13");
-        server.setReaction(GetConfigCode, Reaction::emptyResponse());
-        EXPECT_EQ(constructionFailure("127.0.0.13"),
-                  connectFailure("127.0.0.13", "Expected a response message but received nothing!"));
-        // The failed construction shut its connection down.
-        EXPECT_TRUE(server.waitForClientGone(2s));
-    }
+    FakeServer server;
+    TraceBufferClient client;
+};
+
+TEST(TraceCommands, FramesOnTheWire) {
+    FakeServer server("127.0.0.25");
+    TraceBufferClient client("127.0.0.25");
+    client.Start();
+    client.Start();  // already started: nothing sent
+    oltbTraceBufferConfig_Struct config{};
+    config.Version = 0;  // not sent
+    config.PortB = config.Label = true;
+    client.SetConfig(config);
+    const oltbTraceBufferConfig_Struct stored = client.GetConfig();
+    client.Stop();
+
+    ASSERT_TRUE(server.waitForCommands(6, 1s));
+    const Bytes expected[] = {commandBytes(0x10), commandBytes(0x82), commandBytes(0x11),
+                              commandBytes(0x81, configPayload(6, 0x2, 0, 0, 0x40000000)), commandBytes(0x82),
+                              commandBytes(0x10)};
+    const auto commands = server.commands();
+    ASSERT_EQ(commands.size(), std::size(expected));
+    for (std::size_t i = 0; i < commands.size(); ++i) EXPECT_EQ(commands[i].raw, expected[i]) << "command " << i;
+    EXPECT_EQ(stored.Version, 6U);
+    EXPECT_TRUE(stored.PortB);
+    EXPECT_TRUE(stored.Label);
+    EXPECT_FALSE(stored.PortA);
 }
 
 TEST(TraceBufferClient, RetriesTwiceThenGivesUpWhenNothingListens) {
@@ -60,17 +80,6 @@ TEST(TraceBufferClient, RetriesTwiceThenGivesUpWhenNothingListens) {
     EXPECT_EQ(output.text(), "Connection failed, retry\nConnection failed, retry\n");
     EXPECT_GE(elapsed, 400ms);  // two pauses of 200 ms between the three refused attempts
     EXPECT_LT(elapsed, 2s);
-}
-
-// Around a response, trace bytes of the same receive are queued whether or not tracing is started.
-TEST(TraceBufferClient, KeepsTraceBytesAroundAResponseWhileStarted) {
-    FakeServer server("127.0.0.15");
-    TraceBufferClient client("127.0.0.15");
-    server.setReaction(StartCode, Reaction{{concat({spiWord(100, 1), responseFrame({}), spiWord(200, 2)})}});
-
-    client.Start();
-    server.send(spiWord(300, 3));
-    EXPECT_EQ(readValues(client, 3), (std::vector<std::int32_t>{1, 2, 3}));
 }
 
 TEST(TraceBufferClient, DropsTraceDataWhileNotStartedExceptAroundAResponse) {
@@ -89,10 +98,9 @@ TEST(TraceBufferClient, DropsTraceDataWhileNotStartedExceptAroundAResponse) {
 TEST(TraceBufferClient, CompletesAResponseSplitInsideItsHeader) {
     FakeServer server("127.0.0.23");
     TraceBufferClient client("127.0.0.23");
-    const Bytes config = configPayload(9, 0x1, 0, 0, 0);
-    const Bytes frame = responseFrame(config);
-    Reaction split{{Bytes(frame.begin(), frame.begin() + 2), Bytes(frame.begin() + 2, frame.end())}, 50ms};
-    server.setReaction(GetConfigCode, split);
+    const Bytes frame = responseFrame(configPayload(9, 0x1, 0, 0, 0));
+    server.setReaction(GetConfigCode,
+                       Reaction{{Bytes(frame.begin(), frame.begin() + 2), Bytes(frame.begin() + 2, frame.end())}, 50ms});
 
     const oltbTraceBufferConfig_Struct received = client.GetConfig();
     EXPECT_EQ(received.Version, 9U);
@@ -113,28 +121,85 @@ TEST(TraceBufferClient, DisconnectReleasesTheBlockedReaderSilently) {
     EXPECT_EQ(errors.text(), "");
 }
 
-TEST(TraceBufferClient, NoticesThatTheServerClosedTheConnection) {
-    StreamCapture errors(std::cerr);
-    FakeServer server("127.0.0.22");
-    {
-        TraceBufferClient client("127.0.0.22");
-        client.Start();
-        server.closeClient();
-        ASSERT_TRUE(eventually([&] { return !client.isRunning(); }));
-        EXPECT_EQ(errors.text(), "Reader thread crashed with exception Read failed because of an socket error!\n");
+TEST(TraceCommands, ClearRestartsOnlyARunningTrace) {
+    Connection c("127.0.0.19");
+    // Trace bytes behind a response are queued even while not started; a Clear of a client that is not started
+    // sends nothing and leaves them to be read.
+    c.server.setReactionOnce(StopCode, Reaction{{concat({responseFrame({}), spiWord(100, 1)})}});
+    c.client.Stop();
+    c.client.Clear();
+    EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{1}));
 
-        // Everything that needs the connection now fails at once.
-        const auto started = Clock::now();
-        const std::string notConnected = "Connection to trace buffer server not established!";
-        EXPECT_EQ(failureOf([&] { client.Stop(); }), notConnected);
-        EXPECT_EQ(failureOf([&] { client.Clear(); }), notConnected);
-        EXPECT_EQ(failureOf([&] { client.GetConfig(); }), notConnected);
-        oltbTraceEvent event{};
-        EXPECT_EQ(failureOf([&] { client.TryRead(&event, 0, 1); }),
-                  "No connection to trace buffer server established.");
-        EXPECT_LT(Clock::now() - started, 500ms);
-    }
-    EXPECT_EQ(server.clientsAccepted(), 1U);
+    // Started: Stop, then Start, and what was received but not read is gone.
+    c.client.Start();
+    c.server.setReactionOnce(StopCode, Reaction{{concat({responseFrame({}), spiWord(200, 2)})}});
+    c.client.Clear();
+    c.server.send(spiWord(300, 3));
+    EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{3}));
+    EXPECT_EQ(codesOf(c.server.commands()), (std::vector<std::uint8_t>{StopCode, StartCode, StopCode, StartCode}));
+}
+
+// Late answers keep each command waiting while the other thread's command is due; a response taken by the
+// wrong command would leave GetConfig empty-handed.
+TEST(TraceCommands, CommandsOfTwoThreadsEachGetTheirOwnResponse) {
+    Connection c("127.0.0.20");
+    c.server.setConfig(configPayload(7, 0x1, 0, 0, 0));
+    c.server.setReactionFunction([&c](const oltb::testing::CommandFrame& frame) {
+        Reaction reaction = frame.code == GetConfigCode ? Reaction::payloadResponse(c.server.config())
+                                                        : Reaction::emptyResponse();
+        reaction.delayBeforeFirstChunk = 5ms;
+        return reaction;
+    });
+
+    constexpr int Rounds = 20;
+    std::vector<std::string> failures;
+    std::mutex failuresMutex;
+    auto run = [&](const std::function<void()>& command) {
+        for (int i = 0; i < Rounds; ++i) {
+            const std::string failure = failureOf(command);
+            if (!failure.empty()) {
+                const std::lock_guard<std::mutex> lock(failuresMutex);
+                failures.push_back(failure);
+            }
+        }
+    };
+    std::thread stopping(run, [&] { c.client.Stop(); });
+    std::thread asking(run, [&] {
+        const oltbTraceBufferConfig_Struct config = c.client.GetConfig();
+        if (config.Version != 7 || !config.PortA) {
+            throw std::runtime_error("someone else's response");
+        }
+    });
+    stopping.join();
+    asking.join();
+    EXPECT_EQ(failures, std::vector<std::string>{});
+    EXPECT_EQ(c.server.commands().size(), 2U * Rounds);
+}
+
+// A Stop that times out leaves the client started, a Start that times out leaves it not started. Each case waits
+// out the 3000 ms limit once, so they run side by side, each on its own server.
+TEST(TraceCommands, CommandWithoutResponseTimesOutAndKeepsTheStartedState) {
+    StreamCapture errors(std::cerr);
+    const std::string timeout = "Could not receive a response from the trace buffer server within 3000ms";
+    std::thread stopCase([&] {
+        Connection c("127.0.0.17");
+        c.client.Start();
+        c.server.setReactionOnce(StopCode, Reaction::silent());
+        EXPECT_EQ(failureOf([&] { c.client.Stop(); }), timeout);
+        c.client.Clear();  // started: Stop and Start go out
+        EXPECT_EQ(codesOf(c.server.commands()), (std::vector<std::uint8_t>{StartCode, StopCode, StopCode, StartCode}));
+    });
+    std::thread startCase([&] {
+        Connection c("127.0.0.18");
+        c.server.setReactionOnce(StartCode, Reaction::silent());
+        EXPECT_EQ(failureOf([&] { c.client.Start(); }), timeout);
+        c.client.Clear();  // not started: nothing goes out
+        c.client.Start();  // not started: goes out again
+        EXPECT_EQ(codesOf(c.server.commands()), (std::vector<std::uint8_t>{StartCode, StartCode}));
+    });
+    stopCase.join();
+    startCase.join();
+    EXPECT_EQ(errors.text(), "");
 }
 
 }  // namespace

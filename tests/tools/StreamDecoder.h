@@ -29,9 +29,6 @@ inline unsigned referenceWidth(const std::uint32_t type) {
 
 struct StreamDecoder {
     std::uint64_t timeBase = 0;
-    std::uint64_t lastRelative = 0;
-    unsigned timeBaseWords = 0;
-    unsigned lateWords = 0;  // adjusted timestamps that dropped by more than 32 ticks
     std::vector<std::uint64_t> timeBasePayloads;
     std::vector<DecodedEvent> events;
 
@@ -48,17 +45,11 @@ struct StreamDecoder {
         const auto payload = static_cast<std::uint32_t>(word >> 32);
         if (type == 127) {
             timeBase = std::uint64_t{payload} << 24;
-            lastRelative = 0;
-            ++timeBaseWords;
             timeBasePayloads.push_back(payload);
             return;
         }
         const unsigned n = referenceWidth(type);
         const std::uint64_t relative = field + (32 - n);
-        if (relative < lastRelative && lastRelative - relative > 32) {
-            ++lateWords;
-        }
-        lastRelative = relative;
         const std::uint64_t first = relative + timeBase;
         if (n == 32) {
             events.push_back({first, type, payload, overflow});
@@ -85,12 +76,5 @@ struct StreamDecoder {
         return selected;
     }
 };
-
-// Signed position of a raw 20-bit head value; X channels are negated on the wire.
-inline std::int64_t signedPosition(const std::uint32_t raw, const bool isX) {
-    const std::int64_t value = (raw & 0x80000) != 0 ? static_cast<std::int64_t>(raw & 0xFFFFF) - 0x100000
-                                                    : static_cast<std::int64_t>(raw & 0xFFFFF);
-    return isX ? -value : value;
-}
 
 }  // namespace oltbsim::test

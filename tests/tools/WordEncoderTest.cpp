@@ -27,25 +27,6 @@ TEST(WordEncoder, FieldsLandInTheirBits) {
     }
 }
 
-TEST(WordEncoder, WidthsCoverExactlyTheSixtyThreeSignals) {
-    unsigned supported = 0;
-    for (std::uint32_t type = 0; type < 128; ++type) {
-        supported += sampleWidthBits(type) != 0 ? 1 : 0;
-    }
-    EXPECT_EQ(supported, 63u);
-    EXPECT_EQ(sampleWidthBits(oltbEventPortDHigh), 8u);
-    EXPECT_EQ(sampleWidthBits(oltbEventPortLaserIn), 2u);
-    EXPECT_EQ(sampleWidthBits(oltbEventPortLaserOut), 4u);
-    EXPECT_EQ(sampleWidthBits(oltbEventGate), 1u);
-    EXPECT_EQ(sampleWidthBits(oltbEventHead1RxZ), 32u);
-    EXPECT_EQ(sampleWidthBits(oltbEventLaserPower1_4), 4u);
-    EXPECT_EQ(sampleWidthBits(oltbEventQuadrature1B), 1u);
-    EXPECT_EQ(sampleWidthBits(oltbEventLabel), 16u);
-    for (const std::uint32_t unsupported : {27u, 33u, 38u, 46u, 62u, 74u, 106u, 122u, 124u, 127u}) {
-        EXPECT_EQ(sampleWidthBits(unsupported), 0u) << unsupported;
-    }
-}
-
 TEST(WordEncoder, FirstSampleGoesToTheMostSignificantBits) {
     std::uint32_t alternating[32];
     for (unsigned i = 0; i < 32; ++i) {
