@@ -15,8 +15,9 @@ build: setup
 check: build
 	cd build/release && ctest $(CTEST_FLAGS)
 
-# Everything: the normal build, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer.
-test: test-release test-asan test-tsan
+# Everything: the normal build, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer, the 32-bit library,
+# a short fuzzing run and the valgrind checks.
+test: test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind
 
 test-release: check
 
@@ -30,6 +31,41 @@ test-tsan: setup
 	cmake --preset tsan >/dev/null
 	cmake --build --preset tsan -j $(JOBS)
 	cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+
+.PHONY: test-m32 test-valgrind fuzz fuzz-ci fuzz-build
+
+# The shipped 32-bit x86 library with the C test programs (layouts, exports, a session with the simulator), built
+# with -m32 in build/m32; there is no 32-bit GoogleTest. The simulator is the normal build's.
+test-m32: setup
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb-sim
+	cmake --preset m32 -DOLTB_SIMULATOR=$(CURDIR)/build/release/tools/oltb-sim/oltb-sim >/dev/null
+	cmake --build --preset m32 -j $(JOBS)
+	cd build/m32 && ctest $(CTEST_FLAGS)
+
+# The tests that connect to the fake server or the simulator, under valgrind memcheck: no leaks, no invalid
+# accesses. The exit test of api_connection_test runs its child (process exit with open handles) under valgrind
+# too; the long stream-integrity case of api_reading_test is left out.
+VALGRIND = valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect --error-exitcode=1
+test-valgrind: build
+	cd build/release/tests/api && $(VALGRIND) ./api_c_simulator_test ../../tools/oltb-sim/oltb-sim 127.0.1.65
+	cd build/release/tests/api && $(VALGRIND) --trace-children=yes ./api_connection_test
+	cd build/release/tests/api && $(VALGRIND) ./api_reading_test '--gtest_filter=-StreamIntegrity.*'
+	cd build/release/tests/api && $(VALGRIND) ./api_handle_numbering_test
+
+# Fuzzing with clang and libFuzzer in build/fuzz: `make fuzz` runs each target for FUZZ_SECONDS (60); `make
+# fuzz-ci` runs the decoding path for 40 s and the two small parsers for 10 s each. Figures and failing inputs:
+# fuzz/run.sh.
+FUZZ_SECONDS ?= 60
+fuzz-build: setup
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS)
+
+fuzz: fuzz-build
+	@bash fuzz/run.sh $(FUZZ_SECONDS)
+
+fuzz-ci: fuzz-build
+	@bash fuzz/run.sh 40 10
 
 # The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and
 # out/demo.vcd and print its summary. Builds only the two programs.
