@@ -40,9 +40,10 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
         (void)_socket->send(frame.data(), frame.size());
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ResponseTimeoutMs);
-    // Only the reader notifies, and only after handing a response over; commands never wait side by side.
-    _responseCondition.wait_until(responseLock, deadline);
-    if (std::chrono::steady_clock::now() >= deadline) {
+    // Commands never wait side by side (_commandMutex), so "the reader cleared the flag" means exactly "this
+    // command's response is here"; waiting on that, a spurious wake-up cannot pass for a response.
+    const bool answered = _responseCondition.wait_until(responseLock, deadline, [this] { return !_waitingForResponse; });
+    if (!answered) {
         _waitingForResponse = false;
         throw std::runtime_error(ClientMessages::ResponseTimeout);
     }
