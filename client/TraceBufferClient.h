@@ -57,18 +57,33 @@ public:
     void setReadTimeoutMs(int timeoutMs) noexcept;
 
 private:
-    using BlockQueue = moodycamel::BlockingConcurrentQueue<std::vector<std::byte>>;
+    // A reading operation that finds the queue empty spins only briefly before it sleeps. At the card's rate a block
+    // arrives about once a millisecond and nearly every read waits for the next one; the queue's default spin
+    // (10000 rounds, tens of microseconds) then costs more CPU than decoding the block.
+    struct BlockQueueTraits : moodycamel::ConcurrentQueueDefaultTraits {
+        static const int MAX_SEMA_SPINS = 100;
+    };
+    using BlockQueue = moodycamel::BlockingConcurrentQueue<std::vector<std::byte>, BlockQueueTraits>;
+    // Storage of used-up blocks, handed back by the reading operations and reused by the reader thread.
+    using FreeBlockQueue = moodycamel::ConcurrentQueue<std::vector<std::byte>>;
+    // The most used-up blocks kept for reuse (512 KiB, some 30 ms of trace at the card's full rate); beyond it they
+    // are freed, so the memory a backlog took goes back.
+    static constexpr std::size_t _MaxFreeBlocks = 32;
 
-    // The reading operations take received blocks from the queue the reader thread fills.
+    // The reading operations take received blocks from the queue the reader thread fills, and hand the used-up ones
+    // back for the reader to receive into again.
     class QueueBlockSource final : public BlockSource {
     public:
-        QueueBlockSource(BlockQueue& queue, const std::unique_ptr<kissnet::tcp_socket>& socket) noexcept
-            : _queue(queue), _socket(socket) {}
+        QueueBlockSource(BlockQueue& queue, FreeBlockQueue& freeBlocks,
+                         const std::unique_ptr<kissnet::tcp_socket>& socket) noexcept
+            : _queue(queue), _freeBlocks(freeBlocks), _socket(socket) {}
         bool waitBlock(std::vector<std::byte>& block, std::int64_t timeoutUs) override;
         bool isConnected() const override;
+        void recycle(std::vector<std::byte>&& usedBlock) override;
 
     private:
         BlockQueue& _queue;
+        FreeBlockQueue& _freeBlocks;
         const std::unique_ptr<kissnet::tcp_socket>& _socket;
     };
 
@@ -93,6 +108,7 @@ private:
     void scanForResponse(ReceiveBuffer& buffer, std::size_t count);
     // One receive into buffer[offset, _bufferSize); a closed connection or a failure throws.
     std::size_t receiveMore(ReceiveBuffer& buffer, std::size_t offset);
+    // Queues a copy of the bytes as one block, in reused storage when there is some.
     void enqueueBlock(const std::byte* first, std::size_t count);
     // Ends the connection after a reader failure: _running cleared and the socket closed, under _socketMutex.
     void closeAfterReaderFailure() noexcept;
@@ -113,10 +129,11 @@ private:
     std::unique_ptr<kissnet::tcp_socket> _socket;
     std::atomic<bool> _isStarted{false};
     BlockQueue _queue;
+    FreeBlockQueue _freeBlocks;
     std::thread _readerThread;
     // Time base, carried word, current block and pending samples of the reading operations.
     TraceDecoder _decoder;
-    QueueBlockSource _blockSource{_queue, _socket};
+    QueueBlockSource _blockSource{_queue, _freeBlocks, _socket};
     std::mutex _responseMutex;
     std::condition_variable _responseCondition;
     std::atomic<bool> _waitingForResponse{false};

@@ -27,6 +27,50 @@ inline std::uint64_t loadLittleEndianWord(const std::byte* bytes) noexcept {
     return word;
 }
 
+// Stores the in-order run of 32-bit words at `cursor`: the bulk of a position stream, one event per word with no
+// samples to split, nothing to move back and nothing to sort. Stops before the first word that needs the general
+// path (another width, a time-base word, an unsupported type, a stamp behind the previous one), or when the block
+// or the array ends. `lastTimestamp` is the stamp of out[-1] (0 while this call has stored nothing). Returns the
+// number of events stored.
+inline unsigned storeFullWidthRun(const TraceWordClock& clock, std::uint64_t& lastRelative,
+                                  std::uint64_t& lastTimestamp, const std::byte*& cursor, const std::byte* limit,
+                                  oltbTraceEvent*& out, const oltbTraceEvent* end) noexcept {
+    using namespace TraceWordDecoding;
+    const std::uint64_t timeBase = clock.timeBase;
+    const std::uint64_t origin = clock.firstTimestamp;
+    // A time base is a multiple of 2^24 below 2^64, so stamp = relative + time base never wraps, and a word is
+    // neither late nor behind out[-1] exactly when its relative stamp reaches this floor. Within the run the floor
+    // is the relative stamp of the word before.
+    std::uint64_t floor = std::max(lastRelative, lastTimestamp > timeBase ? lastTimestamp - timeBase : 0);
+    const std::size_t room = std::min(static_cast<std::size_t>(limit - cursor) / WordBytes,
+                                      static_cast<std::size_t>(end - out));
+    const std::byte* const first = cursor;
+    const std::byte* const runLimit = cursor + room * WordBytes;
+    oltbTraceEvent* event = out;
+    for (; cursor != runLimit; cursor += WordBytes, ++event) {
+        const std::uint64_t word = loadLittleEndianWord(cursor);
+        const auto type =
+            static_cast<unsigned>((word & TraceDecoder::_eventTypeMask) >> TraceDecoder::_eventTypeShift);
+        const std::uint64_t relative = word & TraceDecoder::_timestampMask;  // a 32-bit sample is not moved
+        if (BitsPerSample[type] != TraceDecoder::_numPayloadBits || relative < floor) break;
+        floor = relative;
+        const std::uint64_t timestamp = relative + timeBase;
+        event->Timestamp = timestamp;
+        event->Time = static_cast<double>(static_cast<std::int64_t>(timestamp - origin)) *
+                      TraceDecoder::_TicksPerMicroSecond;
+        event->Type = static_cast<oltbTraceEventType>(type);
+        event->Overflow = (word & TraceDecoder::_overflowMask) != 0;
+        event->Value = static_cast<std::int32_t>(static_cast<std::uint32_t>(word >> TraceDecoder::_payloadShift));
+    }
+    const auto stored = static_cast<unsigned>((cursor - first) / WordBytes);
+    if (stored > 0) {
+        lastRelative = floor;
+        lastTimestamp = event[-1].Timestamp;
+    }
+    out = event;
+    return stored;
+}
+
 }  // namespace
 
 unsigned TraceDecoder::splitAndUnpack(oltbTraceEvent* events, unsigned start, unsigned count) {
@@ -69,6 +113,12 @@ unsigned TraceDecoder::splitAndUnpack(oltbTraceEvent* events, unsigned start, un
     std::uint64_t lastTimestamp = out > first ? out[-1].Timestamp : 0;
     try {
         while (out < end && limit - cursor >= static_cast<std::ptrdiff_t>(WordBytes)) {
+            // Not before the time origin is set: the first event of a connection sets it.
+            if (clock.firstTimestamp != 0 &&
+                storeFullWidthRun(clock, clock.lastRelativeTimestamp, lastTimestamp, cursor, limit, out, end) > 0) {
+                pendingCount = 0;
+                if (out == end || limit - cursor < static_cast<std::ptrdiff_t>(WordBytes)) break;
+            }
             const std::uint64_t word = loadLittleEndianWord(cursor);
             cursor += WordBytes;
             if (!decodeWord(clock, word, event, late, bits)) continue;

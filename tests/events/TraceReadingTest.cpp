@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include <stdexcept>
 #include <string>
 
@@ -73,6 +75,27 @@ TEST(TraceReading, LateCorrectionLeavesEventsOfEarlierCallsAlone) {
     ASSERT_EQ(decoder.TryRead(source, events, 1, 1, 0), 1u);
     EXPECT_EQ(events[0].Timestamp, 3u * Period - 16);
     EXPECT_EQ(events[1].Timestamp, 2u * Period + 16);
+}
+
+// Runs of in-order 32-bit words take a shortcut; every word that breaks the run must still get the full
+// treatment: a word behind the previous one is sorted in, a time-base word switches the period, a late word
+// moves the event before it back.
+TEST(TraceReading, WordsThatBreakARunOfPositionsAreOrderedAndCorrected) {
+    TraceDecoder decoder;
+    FakeBlockSource source;
+    source.blocks.push_back(bytesOf({traceWord(oltbEventSpi0Rx, 100, 1), traceWord(oltbEventSpi0Rx, 110, 2),
+                                     traceWord(oltbEventSpi0Rx, 90, 3), traceWord(oltbEventSpi0Rx, 200, 4),
+                                     timeBaseWord(1), traceWord(oltbEventSpi0Rx, 50, 5),
+                                     traceWord(oltbEventSpi0Rx, 60, 6), traceWord(oltbEventSpi0Rx, 10, 7)}));
+    oltbTraceEvent events[8]{};
+    ASSERT_EQ(decoder.TryRead(source, events, 0, 8, 0), 7u);
+    const std::pair<std::uint64_t, std::int32_t> expected[] = {
+        {90, 3}, {100, 1}, {110, 2}, {200, 4}, {50, 5}, {60, 6}, {Period + 10, 7}};
+    for (std::size_t i = 0; i < 7; ++i) {
+        EXPECT_EQ(events[i].Timestamp, expected[i].first) << i;
+        EXPECT_EQ(events[i].Value, expected[i].second) << i;
+        EXPECT_DOUBLE_EQ(events[i].Time, (static_cast<double>(events[i].Timestamp) - 100.0) / 64.0) << i;
+    }
 }
 
 TEST(TraceReading, UnsupportedWordIsConsumedAndReadingContinuesAfterIt) {
