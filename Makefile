@@ -74,5 +74,16 @@ demo: setup
 	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
 	@bash scripts/demo.sh
 
+.PHONY: bench
+
+# Benchmarks (preset bench, build/bench): the decoding core on blocks in memory, reading over loopback from the
+# simulator, and the CPU and memory cost at the card's rate. One line per figure, each beside its limit measured
+# in the same run; they gate nothing. Takes about a minute and a half.
+bench: setup
+	cmake --preset bench >/dev/null
+	cmake --build --preset bench -j $(JOBS)
+	build/bench/bench/oltb_bench_decode
+	build/bench/bench/oltb_bench_stream
+
 clean:
 	rm -rf build
