@@ -1,6 +1,7 @@
 // The exported functions through a real connection to the fake server: the read timeout, the connection state,
 // configuration failures, the hand-out of acquired series in portions, and process exit with open handles.
 #include "api/oltb.h"
+#include "tests/support/LastError.h"
 #include "tests/support/FakeServer.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +24,7 @@ using oltb::testing::Bytes;
 using oltb::testing::FakeServer;
 using oltb::testing::makeWord;
 
-constexpr std::uint8_t GetConfigCode = 130;
+using oltb::testing::kGetConfigCode;
 
 pid_t runProgram(std::vector<const char*> arguments) {
     arguments.push_back(nullptr);
@@ -47,11 +48,7 @@ bool waitWithTimeout(pid_t pid, std::chrono::milliseconds limit, int& status) {
     return false;
 }
 
-std::string takeLastError() {
-    char buffer[512];
-    oltbGetLastError(buffer, sizeof(buffer));
-    return buffer;
-}
+using oltb::testing::takeLastError;
 
 // A connected handle that is closed at the end of the test.
 struct Connection {
@@ -78,7 +75,7 @@ TEST(Connection, FailedGetConfigLeavesTheRecordAlone) {
     FakeServer server("127.0.0.74");
     Connection connection("127.0.0.74");
     ASSERT_GT(connection.handle, 0) << takeLastError();
-    server.setReactionOnce(GetConfigCode, oltb::testing::Reaction::payloadResponse(Bytes(16, 0xFF)));
+    server.setReactionOnce(kGetConfigCode, oltb::testing::Reaction::payloadResponse(Bytes(16, 0xFF)));
     oltbTraceBufferConfig_Struct config;
     std::memset(&config, 0x5A, sizeof(config));
     const oltbTraceBufferConfig_Struct before = config;

@@ -1,6 +1,7 @@
 // Reading and acquisition through a real connection: trace words cut by the network, samples that do not fit,
 // late events, the read timeout rules, label windows, and a long stream that must arrive whole and in order.
 #include "api/oltb.h"
+#include "tests/support/LastError.h"
 #include "tests/support/FakeServer.h"
 
 #include <gtest/gtest.h>
@@ -23,11 +24,7 @@ using oltb::testing::makeWord;
 
 constexpr std::uint8_t TimeBaseType = 127;
 
-std::string takeLastError() {
-    char buffer[512];
-    oltbGetLastError(buffer, sizeof(buffer));
-    return buffer;
-}
+using oltb::testing::takeLastError;
 
 // A fake server on its own address with a started connection to it.
 struct StartedConnection {

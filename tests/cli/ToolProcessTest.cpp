@@ -3,6 +3,7 @@
 // Ctrl-C with complete rows, and bad arguments, an unreachable host and an unwritable file give their exit codes
 // and texts. Each test uses its own loopback address (127.0.0.60 .. 127.0.0.69).
 #include "api/oltb.h"
+#include "tests/support/LastError.h"
 #include "tests/cli/ChildProcess.h"
 #include "tests/cli/VcdParser.h"
 #include "tests/integration/SimulatorProcess.h"
@@ -89,16 +90,12 @@ std::string timeText(double timeUs) {
     return text;
 }
 
-std::string lastError() {
-    char text[512];
-    oltbGetLastError(text, sizeof(text));
-    return text;
-}
+using oltb::testing::takeLastError;
 
 // The demo's acquisition through the C interface alone, positions converted.
 std::vector<oltbTraceEvent> acquireThroughCInterface(const char* address) {
     const int handle = oltbConnect(address);
-    EXPECT_GT(handle, 0) << lastError();
+    EXPECT_GT(handle, 0) << takeLastError();
     oltbTraceBufferConfig_Struct config;
     oltbInitConfig(&config);
     config.Head0TxX = config.Head0TxY = config.Gate = config.LaserPower16 = config.Label = true;
@@ -108,11 +105,11 @@ std::vector<oltbTraceEvent> acquireThroughCInterface(const char* address) {
         oltbAcquire(handle, 1, 2, &count) == 0) {
         events.resize(count);
         std::uint32_t handedOut = 0;
-        EXPECT_EQ(oltbGetAcquiredElements(handle, events.data(), 0, count, &handedOut), 0) << lastError();
+        EXPECT_EQ(oltbGetAcquiredElements(handle, events.data(), 0, count, &handedOut), 0) << takeLastError();
         EXPECT_EQ(handedOut, count);
         EXPECT_EQ(oltbToSignedPosition(events.data(), count), 0);
     } else {
-        ADD_FAILURE() << lastError();
+        ADD_FAILURE() << takeLastError();
     }
     oltbStop(handle);
     oltbDisconnect(handle);
@@ -220,7 +217,7 @@ TEST_F(ToolProcessTest, CaptureEndsCleanlyOnInterruptKeepingCompleteRows) {
     EXPECT_TRUE(oltb::testing::parseVcd(readFile(path("c.vcd")), dump, error)) << error;
     // The tool has disconnected: the simulator, which serves one client at a time, accepts the next one.
     const int handle = oltbConnect("127.0.0.62");
-    EXPECT_GT(handle, 0) << lastError();
+    EXPECT_GT(handle, 0) << takeLastError();
     oltbDisconnect(handle);
 }
 

@@ -21,10 +21,10 @@ using oltb::testing::FakeServer;
 using oltb::testing::Reaction;
 using oltb::testing::responseFrame;
 
-constexpr std::uint8_t StopCode = 16;
-constexpr std::uint8_t StartCode = 17;
-constexpr std::uint8_t SetConfigCode = 129;
-constexpr std::uint8_t GetConfigCode = 130;
+constexpr std::uint8_t StopCode = oltb::testing::kStopCode;
+constexpr std::uint8_t StartCode = oltb::testing::kStartCode;
+constexpr std::uint8_t SetConfigCode = oltb::testing::kSetConfigCode;
+constexpr std::uint8_t GetConfigCode = oltb::testing::kGetConfigCode;
 
 std::vector<std::uint8_t> codesOf(const std::vector<oltb::testing::CommandFrame>& commands) {
     std::vector<std::uint8_t> codes;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "api/oltb.h"
+#include "tests/support/LastError.h"
 #include "tests/support/FakeServer.h"
 
 #include <gtest/gtest.h>
@@ -46,11 +47,7 @@ inline std::string connectFailure(const std::string& address, const std::string&
 }
 
 // Takes the calling thread's error text out of the store.
-inline std::string takeLastError() {
-    char buffer[512];
-    oltbGetLastError(buffer, static_cast<int>(sizeof buffer));
-    return buffer;
-}
+using oltb::testing::takeLastError;
 
 inline double secondsSince(const Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();

@@ -1,5 +1,6 @@
 // oltb-sim's fault modes as the library sees them, and the simulator's own exit behaviour.
 #include "SimulatorProcess.h"
+#include "tests/support/LastError.h"
 
 #include "api/oltb.h"
 
@@ -12,19 +13,13 @@
 namespace oltb::testing {
 namespace {
 
-std::string lastError() {
-    const int length = oltbGetLastErrorLen();
-    std::string text(static_cast<std::size_t>(std::max(length, 1)), '\0');
-    oltbGetLastError(text.data(), length);
-    text.resize(std::strlen(text.c_str()));
-    return text;
-}
+using oltb::testing::takeLastError;
 
 TEST(SimulatorFaults, ShortConfigurationAnswerFailsTheConnect) {
     SimulatorProcess simulator("127.0.0.52", {"--malformed-response", "getconfig"});
     ASSERT_TRUE(simulator.ready()) << simulator.failure();
     EXPECT_EQ(oltbConnect("127.0.0.52"), -1);
-    EXPECT_EQ(lastError(), "Could not connect to the tracebuffer server on address 127.0.0.52. Illegal message length");
+    EXPECT_EQ(takeLastError(), "Could not connect to the tracebuffer server on address 127.0.0.52. Illegal message length");
 }
 
 TEST(SimulatorFaults, OverflowFlagMarksTheFirstValueAfterTheLostOnes) {
@@ -32,7 +27,7 @@ TEST(SimulatorFaults, OverflowFlagMarksTheFirstValueAfterTheLostOnes) {
                                {"--counter", "--max-rate", "--overflow-every", "1000", "--overflow-lost", "10"});
     ASSERT_TRUE(simulator.ready()) << simulator.failure();
     const int handle = oltbConnect("127.0.0.54");
-    ASSERT_GE(handle, 0) << lastError();
+    ASSERT_GE(handle, 0) << takeLastError();
     ASSERT_EQ(oltbSetReadTimeout(handle, 5000), 0);
     ASSERT_EQ(oltbStart(handle), 0);
     std::vector<oltbTraceEvent> events(5000);

@@ -1,6 +1,7 @@
 // The library against oltb-sim's marking job, checked the way a user checks a recorded job: acquire between the
 // job's labels, convert the head positions, and compare with the job's documented geometry and timing.
 #include "SimulatorProcess.h"
+#include "tests/support/LastError.h"
 
 #include "api/oltb.h"
 
@@ -18,13 +19,7 @@ namespace {
 constexpr std::uint64_t kSampleTicks = 640;  // 10 us
 constexpr std::uint64_t kTicksPerUs = 64;
 
-std::string lastError() {
-    const int length = oltbGetLastErrorLen();
-    std::string text(static_cast<std::size_t>(std::max(length, 1)), '\0');
-    oltbGetLastError(text.data(), length);
-    text.resize(std::strlen(text.c_str()));
-    return text;
-}
+using oltb::testing::takeLastError;
 
 struct XY {
     std::int64_t x = 0;
@@ -41,19 +36,19 @@ public:
     Client(const std::string& address, void (*select)(oltbTraceBufferConfig_Struct&)) {
         _handle = oltbConnect(address.c_str());
         if (_handle < 0) {
-            ADD_FAILURE() << "connect: " << lastError();
+            ADD_FAILURE() << "connect: " << takeLastError();
             return;
         }
         oltbTraceBufferConfig_Struct config;
         oltbInitConfig(&config);
         select(config);
         config.Label = true;
-        EXPECT_EQ(oltbSetConfig(_handle, &config), 0) << lastError();
+        EXPECT_EQ(oltbSetConfig(_handle, &config), 0) << takeLastError();
         oltbTraceBufferConfig_Struct readBack;
-        EXPECT_EQ(oltbGetConfig(_handle, &readBack), 0) << lastError();
+        EXPECT_EQ(oltbGetConfig(_handle, &readBack), 0) << takeLastError();
         EXPECT_EQ(std::memcmp(&readBack, &config, sizeof config), 0) << "the server keeps the selection";
         EXPECT_EQ(oltbSetReadTimeout(_handle, 5000), 0);
-        EXPECT_EQ(oltbStart(_handle), 0) << lastError();
+        EXPECT_EQ(oltbStart(_handle), 0) << takeLastError();
     }
     ~Client() {
         if (_handle >= 0) {
@@ -65,12 +60,12 @@ public:
     std::vector<oltbTraceEvent> acquire(std::uint16_t startLabel, std::uint16_t endLabel) {
         std::uint32_t count = 0;
         if (oltbAcquire(_handle, startLabel, endLabel, &count) != 0) {
-            ADD_FAILURE() << "acquire: " << lastError();
+            ADD_FAILURE() << "acquire: " << takeLastError();
             return {};
         }
         std::vector<oltbTraceEvent> events(count);
         std::uint32_t handedOut = 0;
-        EXPECT_EQ(oltbGetAcquiredElements(_handle, events.data(), 0, count, &handedOut), 0) << lastError();
+        EXPECT_EQ(oltbGetAcquiredElements(_handle, events.data(), 0, count, &handedOut), 0) << takeLastError();
         EXPECT_EQ(handedOut, count);
         EXPECT_EQ(oltbToSignedPosition(events.data(), count), 0);
         return events;
