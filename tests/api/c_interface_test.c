@@ -1,20 +1,12 @@
 /* A C99 program against the shared library: the header compiles as strict C, the record layouts are the
  * documented ones, and the functions that need no server behave as documented. Exit code 0 means success. */
 #include "oltb.h"
+#include "c_check.h"
 
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
-static int failures = 0;
-
-#define CHECK(condition)                                                   \
-    do {                                                                   \
-        if (!(condition)) {                                                \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                    \
-        }                                                                  \
-    } while (0)
 
 static void checkLayouts(void) {
     /* Timestamp and Time are 8 bytes; on 32-bit x86 they are only 4-byte aligned inside records. */

@@ -9,6 +9,7 @@
 #define _POSIX_C_SOURCE 200809L
 
 #include "oltb.h"
+#include "c_check.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -21,15 +22,6 @@
 #include <time.h>
 #include <unistd.h>
 
-static int failures = 0;
-
-#define CHECK(condition)                                                            \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                             \
-        }                                                                           \
-    } while (0)
 
 /* For calls the rest of a step depends on: reports the library's error text as well. */
 #define REQUIRE_CALL(call)                                                                             \
