@@ -44,14 +44,13 @@ test-m32: setup
 	cd build/m32 && ctest $(CTEST_FLAGS)
 
 # The tests that connect to the fake server or the simulator, under valgrind memcheck: no leaks, no invalid
-# accesses. The exit test of api_connection_test runs its child (process exit with open handles) under valgrind
-# too; the long stream-integrity case of api_reading_test is left out.
+# accesses. The C program ends with a connection still open: the library ends it at process exit.
 VALGRIND = valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect --error-exitcode=1
 test-valgrind: build
-	cd build/release/tests/api && $(VALGRIND) ./api_c_simulator_test ../../tools/oltb-sim/oltb-sim 127.0.1.65
-	cd build/release/tests/api && $(VALGRIND) --trace-children=yes ./api_connection_test
-	cd build/release/tests/api && $(VALGRIND) ./api_reading_test '--gtest_filter=-StreamIntegrity.*'
-	cd build/release/tests/api && $(VALGRIND) ./api_handle_numbering_test
+	cd build/release/tests/api && ../../../../tests/api/with_simulator.sh ../../tools/oltb-sim/oltb-sim 127.0.1.65 \
+		$(VALGRIND) ./api_c_simulator_test 127.0.1.65
+	cd build/release/tests/api && $(VALGRIND) ./oltb_api_test
+	cd build/release/tests/client && $(VALGRIND) ./oltb_trace_buffer_client_test
 
 # Fuzzing with clang and libFuzzer in build/fuzz: `make fuzz` runs each target for FUZZ_SECONDS (60); `make
 # fuzz-ci` runs the decoding path for 40 s and the two small parsers for 10 s each. Figures and failing inputs:

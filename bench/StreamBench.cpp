@@ -9,7 +9,7 @@
 //     sampled over the whole measurement on one connection.
 #include "BenchStreams.h"
 #include "FigureReport.h"
-#include "SimulatorProcess.h"
+#include "tests/support/ChildProcess.h"
 
 #include "api/oltb.h"
 
@@ -211,9 +211,9 @@ double drainCounterWithRecv() {
 }
 
 bool measureMaximumRate() {
-    testing::SimulatorProcess simulator(kMaxRateAddress, {"--counter", "--max-rate"});
+    testing::Simulator simulator(kMaxRateAddress, {"--counter", "--max-rate"});
     if (!simulator.ready()) {
-        std::fprintf(stderr, "oltb-sim: %s\n", simulator.failure().c_str());
+        std::fprintf(stderr, "oltb-sim: %s\n", simulator.standardError().c_str());
         return false;
     }
     RatePair pair;
@@ -300,10 +300,10 @@ DrainPhase drainAtCardRate() {
 }
 
 bool measureCardRate() {
-    testing::SimulatorProcess librarySide(kCardRateAddress, {});
-    testing::SimulatorProcess drainSide(kCardRateDrainAddress, {});
+    testing::Simulator librarySide(kCardRateAddress, {});
+    testing::Simulator drainSide(kCardRateDrainAddress, {});
     if (!librarySide.ready() || !drainSide.ready()) {
-        std::fprintf(stderr, "oltb-sim: %s%s\n", librarySide.failure().c_str(), drainSide.failure().c_str());
+        std::fprintf(stderr, "oltb-sim: %s%s\n", librarySide.standardError().c_str(), drainSide.standardError().c_str());
         return false;
     }
     const int handle = oltbConnect(kCardRateAddress);

@@ -1,11 +1,10 @@
-// Acquisition: label rules only the decoder sees (equal numbers, a repeated start label, the end label closing a
-// full batch) and the polling of a call without timeout.
+// Acquisition: the label window with its end margin, the label rules (end before start, equal numbers, a repeated
+// start label, the end label closing a full batch) and the polling of a call without timeout.
 #include "EventsTestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-#include <string>
+#include <tuple>
 
 namespace OLVEN::TALIX3::TraceBuffer {
 namespace {
@@ -16,14 +15,22 @@ using namespace Testing;
 std::uint64_t labelAt(std::uint32_t tick, std::uint32_t number) { return traceWord(oltbEventLabel, tick - 16, number << 16); }
 std::uint64_t valueAt(std::uint32_t tick, std::uint32_t value) { return traceWord(oltbEventSpi0Rx, tick, value); }
 
-std::string acquireFailure(TraceDecoder& decoder, FakeBlockSource& source, unsigned short start, unsigned short end,
-                           int timeoutMs) {
-    try {
-        decoder.Acquire(source, start, end, timeoutMs);
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no failure";
+TEST(Acquisition, EventsBetweenTheLabelsWithTheEndMarginTimedFromTheStartLabel) {
+    TraceDecoder decoder;
+    FakeBlockSource source;
+    // Before the start label, three events, a foreign label, the end label, then +0.5 us, +1.5 us and later.
+    source.blocks.push_back(bytesOf({valueAt(100, 1), labelAt(1000, 1), valueAt(1064, 10), valueAt(1128, 11),
+                                     labelAt(1150, 9), valueAt(1192, 12), labelAt(2000, 2), valueAt(2032, 13),
+                                     valueAt(2096, 14), valueAt(2100, 15)}));
+    std::vector<std::tuple<int, int, double>> got;
+    for (const oltbTraceEvent& e : decoder.Acquire(source, 1, 2, 1000)) got.emplace_back(e.Type, e.Value, e.Time);
+    const std::vector<std::tuple<int, int, double>> expected = {
+        {oltbEventSpi0Rx, 10, 1.0}, {oltbEventSpi0Rx, 11, 2.0}, {oltbEventLabel, 9, 150 / 64.0},
+        {oltbEventSpi0Rx, 12, 3.0}, {oltbEventSpi0Rx, 13, 1032 / 64.0}};
+    EXPECT_EQ(got, expected);
+
+    source.blocks.push_back(bytesOf({labelAt(3000, 2), labelAt(3100, 1), valueAt(3200, 1), labelAt(3300, 2)}));
+    EXPECT_EQ(failureOf([&] { decoder.Acquire(source, 1, 2, 1000); }), "Expected start label but got end label!");
 }
 
 TEST(Acquisition, EqualLabelNumbersNeverEndAndARepeatedStartLabelMovesTheStart) {
@@ -31,7 +38,7 @@ TEST(Acquisition, EqualLabelNumbersNeverEndAndARepeatedStartLabelMovesTheStart) 
         TraceDecoder decoder;
         FakeBlockSource source;
         source.blocks.push_back(bytesOf({labelAt(100, 3), valueAt(120, 1), labelAt(200, 3), valueAt(220, 2)}));
-        EXPECT_EQ(acquireFailure(decoder, source, 3, 3, 20),
+        EXPECT_EQ(failureOf([&] { decoder.Acquire(source, 3, 3, 20); }),
                   "Nothing received from trace buffer server within the specified timeout");
     }
     TraceDecoder decoder;
@@ -39,7 +46,7 @@ TEST(Acquisition, EqualLabelNumbersNeverEndAndARepeatedStartLabelMovesTheStart) 
     source.blocks.push_back(
         bytesOf({labelAt(100, 1), valueAt(120, 1), labelAt(200, 1), valueAt(220, 2), labelAt(300, 2)}));
     const std::vector<oltbTraceEvent> result = decoder.Acquire(source, 1, 2, 0);
-    ASSERT_EQ(result.size(), 2u);
+    ASSERT_EQ(result.size(), 2U);
     EXPECT_EQ(result[0].Time, 20 / 64.0);
     EXPECT_EQ(result[1].Time, 20 / 64.0);
 }
@@ -54,7 +61,7 @@ TEST(Acquisition, EndLabelLastInAFullBatchEndsAtOnce) {
     source.blocks.push_back(bytesOf(words));
     EXPECT_EQ(decoder.Acquire(source, 1, 2, 1000).size(), TraceDecoder::_AcquireBatchSize - 2);
     oltbTraceEvent rest{};
-    ASSERT_EQ(decoder.TryRead(source, &rest, 0, 1, 0), 1u);
+    ASSERT_EQ(decoder.TryRead(source, &rest, 0, 1, 0), 1U);
     EXPECT_EQ(rest.Value, 77);
 }
 
@@ -65,16 +72,14 @@ TEST(Acquisition, WithoutTimeoutPollsUntilDataOrALostConnection) {
         source.beforeWait = [](FakeBlockSource& s) {
             if (s.waitsUs.size() == 5) s.blocks.push_back(bytesOf({labelAt(100, 1), valueAt(110, 1), labelAt(120, 2)}));
         };
-        EXPECT_EQ(decoder.Acquire(source, 1, 2, 0).size(), 1u);
+        EXPECT_EQ(decoder.Acquire(source, 1, 2, 0).size(), 1U);
         EXPECT_EQ(source.waitsUs, std::vector<std::int64_t>(source.waitsUs.size(), 0));
     }
     TraceDecoder decoder;
     FakeBlockSource source;
     source.beforeWait = [](FakeBlockSource& s) { s.connected = s.waitsUs.size() < 3; };
-    EXPECT_EQ(acquireFailure(decoder, source, 1, 2, 0), "No connection to trace buffer server established.");
-    EXPECT_EQ(source.waitsUs.size(), 3u);
-    EXPECT_EQ(acquireFailure(decoder, source, 1, 2, 0), "No connection to trace buffer server established.");
-    EXPECT_EQ(source.waitsUs.size(), 3u);
+    EXPECT_EQ(failureOf([&] { decoder.Acquire(source, 1, 2, 0); }), "No connection to trace buffer server established.");
+    EXPECT_EQ(source.waitsUs.size(), 3U);
 }
 
 }  // namespace

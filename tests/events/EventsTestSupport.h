@@ -1,24 +1,27 @@
-// Test helpers: building trace words and byte streams, and an in-memory block source that records its waits.
+// Test helpers of the decoding core: trace words, byte streams cut into blocks, and an in-memory block source that
+// records the limit of every wait.
 #pragma once
 
 #include "events/BlockSource.h"
 #include "events/TraceDecoder.h"
 
+#include <algorithm>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace OLVEN::TALIX3::TraceBuffer::Testing {
 
+constexpr std::uint64_t Period = std::uint64_t{1} << 24;
+
 inline std::uint64_t traceWord(oltbTraceEventType type, std::uint32_t stamp, std::uint32_t payload,
                                bool overflow = false) {
-    return (std::uint64_t{payload} << 32) | (overflow ? 0x80000000u : 0u) | (std::uint64_t{type} << 24) |
-           (stamp & 0xFFFFFFu);
+    return (std::uint64_t{payload} << 32) | (overflow ? 0x80000000U : 0U) | (std::uint64_t{type} << 24) |
+           (stamp & 0xFFFFFFU);
 }
 
 inline std::uint64_t timeBaseWord(std::uint32_t payload) { return traceWord(oltbEventTimeBase, 0, payload); }
@@ -37,6 +40,7 @@ inline std::deque<std::vector<std::byte>> cutInto(const std::vector<std::byte>& 
     std::deque<std::vector<std::byte>> blocks;
     std::size_t position = 0;
     for (std::size_t size : sizes) {
+        size = std::min(size, bytes.size() - position);
         blocks.emplace_back(bytes.begin() + position, bytes.begin() + position + size);
         position += size;
     }
@@ -44,11 +48,21 @@ inline std::deque<std::vector<std::byte>> cutInto(const std::vector<std::byte>& 
     return blocks;
 }
 
+// The text of what `action` throws, "no failure" when it returns.
+inline std::string failureOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "no failure";
+}
+
 class FakeBlockSource : public BlockSource {
 public:
     std::deque<std::vector<std::byte>> blocks;
     bool connected = true;
-    std::vector<std::int64_t> waitsUs;  // the timeout of every waitBlock call
+    std::vector<std::int64_t> waitsUs;  // the limit of every waitBlock call
     std::size_t recycledBlocks = 0;
     std::function<void(FakeBlockSource&)> beforeWait;  // lets a test deliver data or disconnect mid-call
 

@@ -1,33 +1,94 @@
-// Faults of the stream itself: trace data full of 0x4D runs while commands wait for their answers, a server that
-// sends far faster than the application reads, and connections ending beside one that streams.
-#include "tests/faults/FaultSupport.h"
+// Faults of the stream: answers that are oversized, cut, flooded or followed by garbage (one the reader cannot
+// recognise costs the waiting command its 3 s, never the connection; bytes around one are trace data), trace data
+// full of 0x4D runs while commands wait, a receive buffer that ends in markers, and a server that sends far faster
+// than the application reads.
+#include "tests/support/FakeServer.h"
+#include "tests/support/TestSupport.h"
 
 #include <malloc.h>
 
 #include <atomic>
-#include <iostream>
+#include <fstream>
 #include <random>
 
-namespace oltb::faults {
 namespace {
 
-using oltb::testing::FakeServer;
-using oltb::testing::packWord;
+using namespace oltb::testing;
 
-// Word j of the marker stream. Even words carry the payload 4D 4D 4D 4D, the first four bytes of a response frame,
-// odd words count. Every stamp ends in the byte 0x01, so the byte behind each 4D run, taken as a frame length, is
-// 1 and never reaches a real frame's trailer: the data holds no false frame, and every word must arrive.
+// After an unrecognised answer the next command gets its own answer, and a stream started afterwards holds exactly
+// what the server sends.
+void expectGetConfigTimesOutAndTheConnectionStillServes(const char* address, Reaction answer) {
+    FakeServer server(address);
+    const int handle = oltbConnect(address);
+    ASSERT_GT(handle, 0) << takeLastError();
+    server.setReactionOnce(kGetConfigCode, std::move(answer));
+    oltbTraceBufferConfig_Struct config;
+    EXPECT_EQ(oltbGetConfig(handle, &config), -1);
+    EXPECT_EQ(takeLastError(), kCommandTimeout);
+    EXPECT_EQ(oltbGetConfig(handle, &config), 0) << takeLastError();
+    ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+    server.send(counterWords(500, 16, 64, 64));
+    const std::vector<oltbTraceEvent> events = readEvents(handle, 16);
+    EXPECT_EQ(events.at(0).Value, 500);
+    EXPECT_EQ(events.at(15).Value, 515);
+    EXPECT_EQ(oltbDisconnect(handle), 0);
+}
+
+TEST(Answers, UnrecognisedOnesCostTheCommandNotTheConnection) {
+    const Bytes frame = responseFrame(configPayload(6, 0, 0, 0, 0));
+    std::vector<Bytes> flood(16, Bytes(4096, 0x4D));  // every receive ends in what may begin a frame
+    flood.push_back({0x00});
+    const Bytes beyond = concat({{0x4D, 0x4D, 0x4D, 0x4D, 0xFF}, configPayload(6, 1, 0, 0, 0), {0xB2, 0xB2}});
+    runSideBySide({
+        {"length byte beyond the frame", [&] { expectGetConfigTimesOutAndTheConnectionStillServes("127.0.3.21", {{beyond}}); }},
+        {"frame cut behind its length byte",
+         [&] { expectGetConfigTimesOutAndTheConnectionStillServes("127.0.3.22", {{slice(frame, 0, 5), slice(frame, 5, 24)}, 200ms}); }},
+        {"flood of marker bytes", [&] { expectGetConfigTimesOutAndTheConnectionStillServes("127.0.3.23", {flood}); }},
+    });
+}
+
+TEST(Answers, LongestFrameIsTakenWholeAndBytesAroundAnswersAreTraceData) {
+    FakeServer server("127.0.3.26");
+    const int handle = oltbConnect("127.0.3.26");
+    ASSERT_GT(handle, 0) << takeLastError();
+    // 255 payload bytes: the configuration, then filler holding a complete empty frame and stray trailer bytes,
+    // which must neither end the frame early nor be read as trace data. Garbage behind it is dropped by the Start.
+    Bytes payload = configPayload(200, 1U << 22, (1U << 0) | (1U << 1), 1U << 9, 1U << 30);
+    const Bytes filler = {0x4D, 0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB2, 0xB2, 0xB2, 0x4D, 0x4D, 0x4D, 0x4D};
+    while (payload.size() < 255) payload.push_back(filler[payload.size() % filler.size()]);
+    server.setReactionOnce(kGetConfigCode, {{concat({responseFrame(payload), Bytes{1, 2, 3, 4, 5}})}});
+    oltbTraceBufferConfig_Struct config;
+    ASSERT_EQ(oltbGetConfig(handle, &config), 0) << takeLastError();
+    EXPECT_EQ(config.Version, 200U);
+    EXPECT_TRUE(config.Gate && config.Head0TxX && config.LaserPower1_1 && config.Label);
+    EXPECT_FALSE(config.Head0TxY || config.PortA || config.Spi0Rx);
+    ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+    // Started: a whole word behind an answer takes its place in the stream; an unsupported one fails one read.
+    oltbInitConfig(&config);
+    server.setReactionOnce(kSetConfigCode, {{concat({responseFrame({}), makeWord(oltbEventSpi1Rx, 640, 0xABCDEF)})}});
+    ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
+    server.setReactionOnce(kSetConfigCode, {{concat({responseFrame({}), makeWord(27, 704, 1)})}});
+    ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
+    EXPECT_EQ(readEvents(handle, 1).at(0).Value, 0xABCDEF);
+    std::uint32_t count = 0;
+    oltbTraceEvent event;
+    EXPECT_EQ(oltbRead(handle, &event, 0, 1, &count), -1);
+    EXPECT_EQ(takeLastError(), "TraceEventType 27 not supported!");
+    server.send(counterWords(20, 10, 64 * 21, 64));
+    EXPECT_EQ(readEvents(handle, 10).at(0).Value, 20);
+    EXPECT_EQ(oltbDisconnect(handle), 0);
+}
+
+// Word j: even words carry the payload 4D 4D 4D 4D, the first four bytes of a response frame; odd words count.
+// Every stamp ends in the byte 0x01, which taken as a frame length never reaches a real frame's trailer.
 constexpr std::uint32_t kMarkerPayload = 0x4D4D4D4D;
-std::uint32_t markerStreamStamp(const std::uint32_t j) { return 1 + 256 * j; }
-std::uint32_t markerStreamValue(const std::uint32_t j) { return j % 2 == 0 ? kMarkerPayload : j; }
+std::uint32_t markerValue(std::uint32_t j) { return j % 2 == 0 ? kMarkerPayload : j; }
 
-Bytes markerStreamWords(const std::uint32_t first, const std::uint32_t count) {
+Bytes markerWords(std::uint32_t first, std::uint32_t count) {
     Bytes bytes;
     for (std::uint32_t j = first; j < first + count; ++j) {
-        const std::uint64_t word = packWord(kCounterType, markerStreamStamp(j), markerStreamValue(j));
-        for (int b = 0; b < 8; ++b) {
-            bytes.push_back(static_cast<std::uint8_t>(word >> (8 * b)));
-        }
+        const Bytes word = makeWord(oltbEventSpi0Rx, 1 + 256 * j, markerValue(j));
+        bytes.insert(bytes.end(), word.begin(), word.end());
     }
     return bytes;
 }
@@ -38,17 +99,13 @@ TEST(CommandsDuringStream, MarkerRunsInTheDataNeitherHideAnswersNorCostAWord) {
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbSetReadTimeout(handle, 5000), 0);
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-
-    constexpr std::uint32_t kWords = 60000; // stamps stay below 2^24
+    constexpr std::uint32_t kWords = 60000;
     std::atomic<bool> streamed{false};
-    // The server answers between whole words, as the card does; each batch ends with a counting word, so no
-    // answer follows a 0x4D byte directly.
-    std::thread streamer([&] {
+    std::thread streamer([&] {  // answers come between whole words, after a counting one, as the card sends them
         std::mt19937 random(40);
-        std::uint32_t next = 0;
-        while (next < kWords) {
+        for (std::uint32_t next = 0; next < kWords;) {
             const std::uint32_t count = std::min<std::uint32_t>(2 * (1 + random() % 128), kWords - next);
-            server.send(markerStreamWords(next, count));
+            server.send(markerWords(next, count));
             next += count;
             std::this_thread::sleep_for(1ms);
         }
@@ -58,99 +115,86 @@ TEST(CommandsDuringStream, MarkerRunsInTheDataNeitherHideAnswersNorCostAWord) {
     std::thread commander([&] {
         oltbTraceBufferConfig_Struct config;
         oltbInitConfig(&config);
-        for (int k = 0; !streamed && k < 5000; ++k) {
+        for (int k = 0; !streamed && k < 5000; ++k, commands += 2) {
             config.Label = k % 2 == 0;
-            config.Gate = k % 3 == 0;
             EXPECT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
             oltbTraceBufferConfig_Struct fetched;
             ASSERT_EQ(oltbGetConfig(handle, &fetched), 0) << takeLastError();
             EXPECT_EQ(fetched.Label, config.Label);
-            EXPECT_EQ(fetched.Gate, config.Gate);
-            commands += 2;
         }
     });
-
     const std::vector<oltbTraceEvent> events = readEvents(handle, kWords);
     streamer.join();
     commander.join();
     ASSERT_EQ(events.size(), kWords);
     for (std::uint32_t j = 0; j < kWords; ++j) {
-        ASSERT_EQ(events[j].Type, oltbEventSpi0Rx) << "word " << j;
-        ASSERT_EQ(static_cast<std::uint32_t>(events[j].Value), markerStreamValue(j)) << "word " << j;
-        ASSERT_EQ(events[j].Timestamp, markerStreamStamp(j)) << "word " << j;
+        ASSERT_EQ(static_cast<std::uint32_t>(events[j].Value), markerValue(j)) << "word " << j;
+        ASSERT_EQ(events[j].Timestamp, 1 + 256 * j) << "word " << j;
     }
     EXPECT_GE(commands, 20) << "commands must have waited while the stream ran";
-    std::cout << commands << " commands answered within a stream of " << kWords << " words, half of them 4D runs\n";
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
+// Exactly one receive buffer (16384 bytes) of words ending in 4D 4D 4D 4D while a SetConfig waits, then the answer:
+// the buffer has no room for the rest of a frame, so it is trace data, and the answer in the next receive is found.
 TEST(CommandsDuringStream, FullReceiveBufferEndingInMarkersIsTraceData) {
     FakeServer server("127.0.3.48");
     const int handle = oltbConnect("127.0.3.48");
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbSetReadTimeout(handle, 2000), 0);
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-    // While the SetConfig waits: exactly one receive buffer (16384 bytes) of words, the last carrying 4D 4D 4D 4D,
-    // then, a little later, the answer. The buffer has no room for the rest of a frame, so it is trace data, and
-    // the answer that follows in a fresh receive is found.
     constexpr std::uint32_t kWords = 16384 / 8;
-    Bytes words = counterWords(0, kWords - 1, 64, 64);
-    const Bytes last = oltb::testing::makeWord(kCounterType, 64 * kWords, kMarkerPayload);
-    words.insert(words.end(), last.begin(), last.end());
-    oltb::testing::Reaction reaction;
-    reaction.chunks = {words, oltb::testing::responseFrame({})};
-    reaction.pauseBetweenChunks = 100ms;
-    server.setReactionOnce(oltb::testing::kSetConfigCode, reaction);
+    server.setReactionOnce(kSetConfigCode, Reaction{{concat({counterWords(0, kWords - 1, 64, 64),
+                                                             makeWord(oltbEventSpi0Rx, 64 * kWords, kMarkerPayload)}),
+                                                     responseFrame({})}, 100ms});
     oltbTraceBufferConfig_Struct config;
     oltbInitConfig(&config);
     ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
     const std::vector<oltbTraceEvent> events = readEvents(handle, kWords);
     ASSERT_EQ(events.size(), kWords);
-    for (std::uint32_t j = 0; j + 1 < kWords; ++j) {
-        ASSERT_EQ(events[j].Value, static_cast<std::int32_t>(j));
-    }
+    for (std::uint32_t j = 0; j + 1 < kWords; ++j) ASSERT_EQ(events[j].Value, static_cast<std::int32_t>(j));
     EXPECT_EQ(static_cast<std::uint32_t>(events[kWords - 1].Value), kMarkerPayload);
-    EXPECT_EQ(events[kWords - 1].Timestamp, 64u * kWords);
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
-// The backlog of a reader that does not read: 4 Mi counting words (32 MiB), stamps 1, 2, 3, ... (a quarter of it
-// under the sanitizers, which decode far slower and whose resident sizes are not looked at).
-constexpr std::uint32_t kBacklogWords = kResidentSizeIsMeaningful ? 4U << 20 : 1U << 20;
-constexpr long kBacklogKb = kBacklogWords * 8L / 1024;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kResidentSizeIsMeaningful = false;  // quarantined frees and shadow memory
+#else
+constexpr bool kResidentSizeIsMeaningful = true;
+#endif
+constexpr std::uint32_t kBacklogWords = kResidentSizeIsMeaningful ? 4U << 20 : 1U << 20;  // 32 MiB
 
-long residentKbAfterTrim() {
-    // Freed blocks go back to the allocator's arenas first; trimming hands them to the system, so that the resident
-    // size shows what the library still holds.
+// The resident size once freed memory has gone back to the system.
+long residentKb() {
     ::malloc_trim(0);
-    return readProcessFigures().residentKb;
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return -1;
 }
 
-// Sends the backlog and returns once the connection's reader has received all of it: the answer to a GetConfig
-// sent afterwards comes behind the last word.
-void sendBacklog(FakeServer& server, const int handle) {
-    constexpr std::uint32_t kWordsPerSend = 128U << 10;
-    for (std::uint32_t first = 0; first < kBacklogWords; first += kWordsPerSend) {
-        server.send(counterWords(first, kWordsPerSend, first + 1, 1));
+// Sends the backlog; once a GetConfig sent afterwards is answered, the reader has received all of it.
+void sendBacklog(FakeServer& server, int handle) {
+    for (std::uint32_t first = 0; first < kBacklogWords; first += 128U << 10) {
+        server.send(counterWords(first, 128U << 10, first + 1, 1));
     }
     oltbTraceBufferConfig_Struct config;
     ASSERT_EQ(oltbGetConfig(handle, &config), 0) << takeLastError();
 }
 
-TEST(SlowReader, BacklogIsKeptWholeAcrossAStopAndReleasedOnceRead) {
+// A Stop keeps what was received; all of it is read afterwards, once and in order. A Clear discards it. Either way
+// the memory it took goes back.
+TEST(SlowReader, BacklogIsKeptAcrossAStopOrDiscardedByAClearAndItsMemoryReleased) {
     FakeServer server("127.0.3.42");
     const int handle = oltbConnect("127.0.3.42");
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbSetReadTimeout(handle, 5000), 0);
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-    const long baselineKb = residentKbAfterTrim();
+    const long baselineKb = residentKb();
     sendBacklog(server, handle);
-    const long backlogKb = readProcessFigures().residentKb;
-    if (kResidentSizeIsMeaningful) {
-        EXPECT_GE(backlogKb - baselineKb, kBacklogKb * 7 / 8) << "the received words are held in memory";
-    }
-
-    // A Stop ends the stream but keeps what was received; all of it is read afterwards, once and in order.
+    EXPECT_TRUE(!kResidentSizeIsMeaningful || residentKb() - baselineKb >= kBacklogWords / 128 * 7 / 8)
+        << "the received words are held in memory";
     ASSERT_EQ(oltbStop(handle), 0) << takeLastError();
     std::vector<oltbTraceEvent> buffer(65536);
     std::uint32_t expected = 0;
@@ -160,142 +204,21 @@ TEST(SlowReader, BacklogIsKeptWholeAcrossAStopAndReleasedOnceRead) {
             << takeLastError() << " after " << expected << " words";
         for (std::uint32_t i = 0; i < count; ++i, ++expected) {
             ASSERT_EQ(static_cast<std::uint32_t>(buffer[i].Value), expected);
-            ASSERT_EQ(buffer[i].Timestamp, expected + 1u);
+            ASSERT_EQ(buffer[i].Timestamp, expected + 1U);
         }
     }
     EXPECT_EQ(expected, kBacklogWords);
-    ASSERT_EQ(oltbSetReadTimeout(handle, 0), 0);
-    std::uint32_t count = 1;
-    EXPECT_EQ(oltbTryRead(handle, buffer.data(), 0, 16, &count), 0);
-    EXPECT_EQ(count, 0u);
-    const long afterKb = residentKbAfterTrim();
-    std::cout << "resident: " << baselineKb << " kB before, " << backlogKb << " kB with a backlog of " << kBacklogKb
-              << " kB, " << afterKb << " kB after reading it\n";
-    if (kResidentSizeIsMeaningful) {
-        EXPECT_LT(afterKb - baselineKb, 8 * 1024);
-    }
-    EXPECT_EQ(oltbDisconnect(handle), 0);
-}
+    EXPECT_TRUE(!kResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after reading it";
 
-TEST(SlowReader, ClearDiscardsTheBacklogAndItsMemory) {
-    FakeServer server("127.0.3.41");
-    const int handle = oltbConnect("127.0.3.41");
-    ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-    const long baselineKb = residentKbAfterTrim();
     sendBacklog(server, handle);
-    const long backlogKb = readProcessFigures().residentKb;
-    if (kResidentSizeIsMeaningful) {
-        EXPECT_GE(backlogKb - baselineKb, kBacklogKb * 7 / 8);
-    }
-
     ASSERT_EQ(oltbClear(handle), 0) << takeLastError();
-    const long afterKb = residentKbAfterTrim();
-    std::cout << "resident: " << baselineKb << " kB before, " << backlogKb << " kB with a backlog of " << kBacklogKb
-              << " kB, " << afterKb << " kB after oltbClear\n";
-    if (kResidentSizeIsMeaningful) {
-        EXPECT_LT(afterKb - baselineKb, 8 * 1024);
-    }
-    std::vector<oltbTraceEvent> buffer(16);
-    std::uint32_t count = 1;
-    ASSERT_EQ(oltbSetReadTimeout(handle, 0), 0);
-    EXPECT_EQ(oltbTryRead(handle, buffer.data(), 0, 16, &count), 0);
-    EXPECT_EQ(count, 0u) << "nothing of the backlog is left";
-
-    // The restarted stream holds exactly what the server sends after the clear.
-    ASSERT_EQ(oltbSetReadTimeout(handle, 2000), 0);
+    EXPECT_TRUE(!kResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after the clear";
     server.send(counterWords(7000, 16, 64, 64));
     const std::vector<oltbTraceEvent> events = readEvents(handle, 16);
-    ASSERT_EQ(events.size(), 16u);
-    EXPECT_EQ(events[0].Value, 7000);
-    EXPECT_EQ(events[15].Value, 7015);
+    ASSERT_EQ(events.size(), 16U);
+    EXPECT_EQ(events[0].Value, 7000) << "nothing of the backlog is left";
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
-TEST(Neighbours, EndingIdleConnectionsLeavesAStreamingOneIntact) {
-    FakeServer streaming("127.0.3.43");
-    std::vector<std::unique_ptr<FakeServer>> idleServers;
-    const std::vector<std::string> idleAddresses = {"127.0.3.44", "127.0.3.45", "127.0.3.46", "127.0.3.47"};
-    for (const std::string& address : idleAddresses) {
-        idleServers.push_back(std::make_unique<FakeServer>(address));
-    }
-    const int handle = oltbConnect("127.0.3.43");
-    ASSERT_GT(handle, 0) << takeLastError();
-    // Polled without waiting: a waiting read that starts on the remains of a block waits its whole timeout for the
-    // next one, which at the end of the stream never comes.
-    ASSERT_EQ(oltbSetReadTimeout(handle, 0), 0);
-    ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-
-    constexpr int kRounds = 6;
-    constexpr std::uint32_t kBatch = 1024;
-    constexpr std::uint32_t kMostWords = 8U << 20;
-    std::atomic<int> rounds{0};
-    std::atomic<std::uint32_t> sent{0};
-    std::atomic<bool> streamed{false};
-    std::atomic<bool> abandoned{false}; // the reading side has finished, or given up
-    std::thread streamer([&] {
-        const auto deadline = Clock::now() + 20s;
-        while ((rounds < kRounds || sent < 100000) && sent < kMostWords && !abandoned && Clock::now() < deadline) {
-            streaming.send(counterWords(sent, kBatch, sent + 1, 1));
-            sent += kBatch;
-            std::this_thread::sleep_for(1ms);
-        }
-        streamed = true;
-    });
-    // Idle neighbours come and go: some never started, some started with unread data queued.
-    std::thread neighbours([&] {
-        for (int round = 0; round < kRounds && !streamed && !abandoned; ++round) {
-            for (std::size_t i = 0; i < idleServers.size(); ++i) {
-                const int idle = oltbConnect(idleAddresses[i].c_str());
-                ASSERT_GT(idle, 0) << takeLastError();
-                if ((round + static_cast<int>(i)) % 2 == 0) {
-                    ASSERT_EQ(oltbStart(idle), 0) << takeLastError();
-                    idleServers[i]->send(counterWords(0, 4096, 1, 1));
-                }
-                const auto start = Clock::now();
-                EXPECT_EQ(oltbDisconnect(idle), 0);
-                EXPECT_LT(secondsSince(start), 1.0) << "disconnect returns promptly";
-            }
-            ++rounds;
-        }
-    });
-
-    std::vector<oltbTraceEvent> buffer(65536);
-    std::uint32_t expected = 0;
-    const auto deadline = Clock::now() + 30s;
-    bool intact = true;
-    while (intact && Clock::now() < deadline) {
-        const bool finished = streamed; // read before `sent`: then `sent` is final when `finished` holds
-        if (expected >= sent) {
-            if (finished) {
-                break;
-            }
-            std::this_thread::sleep_for(1ms);
-            continue;
-        }
-        std::uint32_t count = 0;
-        if (oltbTryRead(handle, buffer.data(), 0, static_cast<std::uint32_t>(buffer.size()), &count) != 0) {
-            ADD_FAILURE() << takeLastError() << " after " << expected << " words";
-            break;
-        }
-        if (count == 0) {
-            std::this_thread::sleep_for(1ms);
-        }
-        for (std::uint32_t i = 0; i < count && intact; ++i, ++expected) {
-            intact = static_cast<std::uint32_t>(buffer[i].Value) == expected && buffer[i].Timestamp == expected + 1u;
-            EXPECT_TRUE(intact) << "word " << expected << ": value " << buffer[i].Value << ", stamp "
-                                << buffer[i].Timestamp;
-        }
-    }
-    abandoned = true;
-    streamer.join();
-    neighbours.join();
-    EXPECT_EQ(expected, sent.load());
-    EXPECT_EQ(rounds, kRounds);
-    std::cout << expected << " words streamed intact while " << rounds * idleAddresses.size()
-              << " idle connections ended beside them\n";
-    EXPECT_EQ(oltbDisconnect(handle), 0);
-}
-
-} // namespace
-} // namespace oltb::faults
+}  // namespace
