@@ -44,14 +44,16 @@ inline void requireRegisteredHandle(Connections& connections, int handle) {
 }
 
 // The frame of a function with a handle: the null test of its out-parameters, the handle checks, then
-// `body(entry)` on the handle's registry entry, called without the registry lock. Result 0.
+// `body(entry)` on the handle's registry entry, called without the registry lock and holding the entry, so that a
+// Disconnect of another thread cannot destroy it meanwhile. Result 0.
 template <typename Body, typename... OutParameters>
 int callWithConnection(int handle, Body&& body, const OutParameters*... outParameters) noexcept {
     return callFrame([&] {
         (requireOutParameter(outParameters), ...);
         Connections& connections = Connections::Instance();
         requireRegisteredHandle(connections, handle);
-        body(connections.Get(handle));
+        const std::shared_ptr<TraceBufferConnection> entry = connections.Get(handle);
+        body(*entry);
         return 0;
     });
 }

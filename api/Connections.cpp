@@ -9,8 +9,6 @@ namespace OLVEN::TALIX3::TraceBuffer {
 
 TraceBufferConnection::TraceBufferConnection(std::unique_ptr<TraceBufferClient> client)
     : _client(std::move(client)) {}
-TraceBufferConnection::TraceBufferConnection(TraceBufferConnection&&) noexcept = default;
-TraceBufferConnection& TraceBufferConnection::operator=(TraceBufferConnection&&) noexcept = default;
 TraceBufferConnection::~TraceBufferConnection() = default;
 
 Connections& Connections::Instance() {
@@ -27,7 +25,7 @@ int Connections::Add(std::unique_ptr<TraceBufferClient> client) {
     for (unsigned tried = 0; tried < static_cast<unsigned>(_HandleSearchLimit); ++tried) {
         _lastHandle = static_cast<int>(first + tried);
         if (_connections.find(_lastHandle) == _connections.end()) {
-            _connections.emplace(_lastHandle, TraceBufferConnection(std::move(client)));
+            _connections.emplace(_lastHandle, std::make_shared<TraceBufferConnection>(std::move(client)));
             return _lastHandle;
         }
     }
@@ -39,7 +37,7 @@ bool Connections::Contains(int handle) {
     return _connections.find(handle) != _connections.end();
 }
 
-TraceBufferConnection& Connections::Get(int handle) {
+std::shared_ptr<TraceBufferConnection> Connections::Get(int handle) {
     std::lock_guard<std::mutex> lock(_mutex);
     const auto found = _connections.find(handle);
     if (found == _connections.end()) {
@@ -49,12 +47,17 @@ TraceBufferConnection& Connections::Get(int handle) {
 }
 
 void Connections::Remove(int handle) {
-    std::lock_guard<std::mutex> lock(_mutex);
-    const auto found = _connections.find(handle);
-    if (found == _connections.end()) {
-        throw std::runtime_error(ApiMessages::NoSuchConnection);
+    std::shared_ptr<TraceBufferConnection> removed;
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        const auto found = _connections.find(handle);
+        if (found == _connections.end()) {
+            throw std::runtime_error(ApiMessages::NoSuchConnection);
+        }
+        removed = std::move(found->second);
+        _connections.erase(found);
     }
-    _connections.erase(found);
+    // Destroyed here unless a call of another thread still holds it; either way without the registry lock.
 }
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

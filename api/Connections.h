@@ -1,5 +1,7 @@
 // Process-wide registry of connection handles. A handle is a positive int issued in increasing order and never
-// reused; its entry owns the connection's client and the series of its last acquisition.
+// reused; its entry owns the connection's client and the series of its last acquisition. Entries are shared with the
+// calls that use them: a handle disconnected by one thread while another is inside a call on it stays alive until
+// that call returns.
 #pragma once
 
 #include "api/oltb.h"
@@ -16,11 +18,13 @@ class TraceBufferClient;
 
 struct TraceBufferConnection {
     explicit TraceBufferConnection(std::unique_ptr<TraceBufferClient> client);
-    TraceBufferConnection(TraceBufferConnection&&) noexcept;
-    TraceBufferConnection& operator=(TraceBufferConnection&&) noexcept;
     ~TraceBufferConnection();
+    TraceBufferConnection(const TraceBufferConnection&) = delete;
+    TraceBufferConnection& operator=(const TraceBufferConnection&) = delete;
 
     std::unique_ptr<TraceBufferClient> _client;
+    // The series of the last acquisition, handed out in portions; the mutex keeps two threads from tearing it.
+    std::mutex _acquiredMutex;
     std::vector<oltbTraceEvent> _acquiredElements;
     std::uint32_t _acquiredPosition = 0;
 };
@@ -37,9 +41,9 @@ public:
     // taken (the client is then destroyed by the caller's unwinding).
     int Add(std::unique_ptr<TraceBufferClient> client);
     bool Contains(int handle);
-    // The entry; the reference is used after the lock is released. Throws when the handle is not registered.
-    TraceBufferConnection& Get(int handle);
-    // Erases and destroys the entry (the client's destructor runs under the lock). Throws when absent.
+    // The entry, kept alive for the caller. Throws when the handle is not registered.
+    std::shared_ptr<TraceBufferConnection> Get(int handle);
+    // Erases the entry; it is destroyed, with its client, once no call holds it any more. Throws when absent.
     void Remove(int handle);
 
     Connections() = default;
@@ -48,7 +52,7 @@ public:
     ~Connections();
 
 private:
-    std::unordered_map<int, TraceBufferConnection> _connections;
+    std::unordered_map<int, std::shared_ptr<TraceBufferConnection>> _connections;
     int _lastHandle = 0;
     std::mutex _mutex;
 };

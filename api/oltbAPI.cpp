@@ -81,7 +81,7 @@ OLTB_API int oltbDisconnect(int handle) {
             return 0;
         }
         try {
-            connections.Get(handle)._client->Disconnect();
+            connections.Get(handle)->_client->Disconnect();
         } catch (const std::exception&) {
             connections.Remove(handle);
             throw;
@@ -99,8 +99,7 @@ OLTB_API int oltbIsConnected(int handle, bool* isConnected) {
             *isConnected = false;
             return 0;
         }
-        const TraceBufferClient& client = *connections.Get(handle)._client;
-        *isConnected = client.isRunning();
+        *isConnected = connections.Get(handle)->_client->isRunning();
         return 0;
     });
 }

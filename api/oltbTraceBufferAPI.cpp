@@ -65,48 +65,49 @@ OLTB_API int oltbRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint3
 }
 
 OLTB_API int oltbAcquire(int handle, uint16_t startLabel, uint16_t endLabel, uint32_t* numberOfElements) {
-    return callFrame([&] {
-        requireOutParameter(numberOfElements);
-        Connections& connections = Connections::Instance();
-        requireRegisteredHandle(connections, handle);
-        // Every step looks the entry up anew, so a handle removed meanwhile is reported, not used.
-        connections.Get(handle)._acquiredElements.clear();
-        connections.Get(handle)._acquiredPosition = 0;
-        std::vector<oltbTraceEvent> series = connections.Get(handle)._client->Acquire(startLabel, endLabel);
-        connections.Get(handle)._acquiredElements = std::move(series);
-        connections.Get(handle)._acquiredPosition = 0;
-        *numberOfElements = static_cast<uint32_t>(connections.Get(handle)._acquiredElements.size());
-        return 0;
-    });
+    return callWithConnection(
+        handle,
+        [&](TraceBufferConnection& entry) {
+            {
+                const std::lock_guard<std::mutex> lock(entry._acquiredMutex);
+                entry._acquiredElements.clear();
+                entry._acquiredPosition = 0;
+            }
+            std::vector<oltbTraceEvent> series = entry._client->Acquire(startLabel, endLabel);
+            const std::lock_guard<std::mutex> lock(entry._acquiredMutex);
+            entry._acquiredElements = std::move(series);
+            entry._acquiredPosition = 0;
+            *numberOfElements = static_cast<uint32_t>(entry._acquiredElements.size());
+        },
+        numberOfElements);
 }
 
 OLTB_API int oltbGetAcquiredElements(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count,
                                      uint32_t* numberOfElements) {
-    return callFrame([&] {
-        requireOutParameter(numberOfElements);
-        Connections& connections = Connections::Instance();
-        requireRegisteredHandle(connections, handle);
-        TraceBufferConnection& entry = connections.Get(handle);
-        const std::size_t size = entry._acquiredElements.size();
-        if (size == 0 || entry._acquiredPosition == size) {
-            throw std::runtime_error(ApiMessages::NoAcquiredElements);
-        }
-        const std::uint32_t first = entry._acquiredPosition;
-        const std::uint32_t end = first + static_cast<std::uint32_t>(std::min<std::size_t>(size - first, count));
-        if (end > first) {
-            requireOutParameter(buffer);
-            // Element i of the series always lands at buffer[offset + i], whichever portion carries it.
-            std::copy(entry._acquiredElements.begin() + first, entry._acquiredElements.begin() + end,
-                      buffer + offset + first);
-        }
-        entry._acquiredPosition = end;
-        *numberOfElements = end;
-        if (entry._acquiredPosition == size) {
-            entry._acquiredElements.clear();
-            entry._acquiredPosition = 0;
-        }
-        return 0;
-    });
+    return callWithConnection(
+        handle,
+        [&](TraceBufferConnection& entry) {
+            const std::lock_guard<std::mutex> lock(entry._acquiredMutex);
+            const std::size_t size = entry._acquiredElements.size();
+            if (size == 0 || entry._acquiredPosition == size) {
+                throw std::runtime_error(ApiMessages::NoAcquiredElements);
+            }
+            const std::uint32_t first = entry._acquiredPosition;
+            const std::uint32_t end = first + static_cast<std::uint32_t>(std::min<std::size_t>(size - first, count));
+            if (end > first) {
+                requireOutParameter(buffer);
+                // Element i of the series always lands at buffer[offset + i], whichever portion carries it.
+                std::copy(entry._acquiredElements.begin() + first, entry._acquiredElements.begin() + end,
+                          buffer + offset + first);
+            }
+            entry._acquiredPosition = end;
+            *numberOfElements = end;
+            if (entry._acquiredPosition == size) {
+                entry._acquiredElements.clear();
+                entry._acquiredPosition = 0;
+            }
+        },
+        numberOfElements);
 }
 
 }  // extern "C"

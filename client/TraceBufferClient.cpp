@@ -7,9 +7,12 @@
 #include "client/ClientMessages.h"
 #include "client/ResponseFrameScanner.h"
 
+#include <malloc.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <chrono>
 #include <cstdint>
 #include <exception>
@@ -28,6 +31,13 @@ constexpr long RetryPauseMs = 200;
 constexpr long StartupPollMs = 100;
 constexpr std::size_t DrainBatchSize = 50;
 constexpr std::uintptr_t PageBytes = 4096;
+// A waiting read looks at the connection this often, even if nothing wakes it.
+constexpr std::int64_t WaitSliceUs = 100000;
+// Blocks whose storage is reused (receive-buffer sized) carry at least this many bytes, so that queued memory stays
+// within 1.25 times the bytes queued; smaller receives get storage of their own size.
+constexpr std::size_t MinimumBytesForReusedBlock = TraceBufferClient::_bufferSize * 4 / 5;
+// Discarding at least this much queued data hands the freed memory back to the system.
+constexpr std::size_t TrimAfterDiscardedBytes = std::size_t{4} << 20;
 
 // glibc's memcpy runs about 30 times slower when its destination lies 1 to 31 bytes after its source modulo a page
 // (its loads then seem to depend on its own earlier stores). Blocks are copied from the page-aligned receive buffer,
@@ -53,6 +63,11 @@ std::vector<std::byte> newBlockStorage(std::size_t capacity) {
     return next;
 }
 
+std::int64_t steadyNowNs() noexcept {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 // Sleeps the whole pause even when signals interrupt it.
 void pauseMs(long milliseconds) noexcept {
     timespec remaining{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
@@ -65,15 +80,16 @@ void pauseMs(long milliseconds) noexcept {
 // ---- block source ---------------------------------------------------------------------------------------------
 
 bool TraceBufferClient::QueueBlockSource::waitBlock(std::vector<std::byte>& block, std::int64_t timeoutUs) {
-    if (timeoutUs < 0) {
-        _queue.wait_dequeue(block);
-        return true;
+    for (std::int64_t remainingUs = timeoutUs;;) {
+        if (!isConnected()) return false;
+        const std::int64_t sliceUs = remainingUs < 0 ? WaitSliceUs : std::min(remainingUs, WaitSliceUs);
+        if (_queue.wait_dequeue_timed(block, sliceUs)) return true;
+        if (remainingUs >= 0 && (remainingUs -= sliceUs) <= 0) return false;
     }
-    return _queue.wait_dequeue_timed(block, timeoutUs);
 }
 
 bool TraceBufferClient::QueueBlockSource::isConnected() const {
-    return _socket && _socket->get_descriptor() != -1;
+    return _connected.load();
 }
 
 void TraceBufferClient::QueueBlockSource::recycle(std::vector<std::byte>&& usedBlock) {
@@ -98,6 +114,7 @@ TraceBufferClient::TraceBufferClient(const std::string& address) {
         addresses = std::move(server.list);
         _socket = std::make_unique<kissnet::tcp_socket>(server.first);
         connectWithRetries();
+        _connected = true;
         _isStarted = false;
         _decoder.resetFirstTimestamp();
         {
@@ -178,29 +195,57 @@ void TraceBufferClient::Disconnect() {
     try {
         std::lock_guard<std::mutex> socketLock(_socketMutex);
         _running = false;
+        _connected = false;
         _socket->shutdown();
     } catch (const std::system_error&) {
         lockFailure = std::current_exception();
     }
     _isStarted = false;
-    clear();
+    _disconnected = true;
+    {
+        // Taken and released, so that a command between its check of the flag and its wait cannot miss the wake-up.
+        std::lock_guard<std::mutex> responseLock(_responseMutex);
+    }
+    _responseCondition.notify_all();
     if (lockFailure) {
+        discardQueuedBlocks();
         std::rethrow_exception(lockFailure);
     }
     if (_readerThread.joinable()) {
         _readerThread.join();
     }
+    // The decoder is left alone: another thread may be reading with it; it goes with the client.
+    discardQueuedBlocks();
+    wakeWaitingRead();
 }
 
 void TraceBufferClient::clear() {
     _decoder.clear();
+    discardQueuedBlocks();
+}
+
+void TraceBufferClient::discardQueuedBlocks() noexcept {
     std::array<std::vector<std::byte>, DrainBatchSize> drained;
-    while (_queue.try_dequeue_bulk(drained.begin(), drained.size()) > 0) {
+    std::size_t discardedBytes = 0;
+    for (std::size_t taken; (taken = _queue.try_dequeue_bulk(drained.begin(), drained.size())) > 0;) {
+        for (std::size_t i = 0; i < taken; ++i) discardedBytes += drained[i].capacity();
+    }
+    std::vector<std::byte> unused;
+    while (_freeBlocks.try_dequeue(unused)) discardedBytes += unused.capacity();
+    for (std::vector<std::byte>& block : drained) std::vector<std::byte>().swap(block);
+    std::vector<std::byte>().swap(unused);
+    if (discardedBytes >= TrimAfterDiscardedBytes) {
+        // Freed blocks stay with the allocator (in the reader thread's arena) until trimmed.
+        ::malloc_trim(0);
     }
 }
 
+void TraceBufferClient::wakeWaitingRead() {
+    _queue.enqueue(std::vector<std::byte>());
+}
+
 bool TraceBufferClient::isSocketOpen() const noexcept {
-    return _blockSource.isConnected();
+    return _connected.load();
 }
 
 bool TraceBufferClient::isRunning() const noexcept {
@@ -235,10 +280,18 @@ void TraceBufferClient::reader() {
 
 void TraceBufferClient::closeAfterReaderFailure() noexcept {
     _running = false;
-    // A command may be sending at this moment; closing under _sendMutex keeps it from sending on a descriptor
-    // number that the system could already have handed to another socket.
-    std::lock_guard<std::mutex> sendLock(_sendMutex);
-    _socket->close();
+    _connected = false;
+    {
+        // A command may be sending at this moment; closing under _sendMutex keeps it from sending on a descriptor
+        // number that the system could already have handed to another socket.
+        std::lock_guard<std::mutex> sendLock(_sendMutex);
+        _socket->close();
+    }
+    try {
+        wakeWaitingRead();
+    } catch (...) {
+        // Without memory for the wake-up block, a waiting read still finds the connection gone within a slice.
+    }
 }
 
 void TraceBufferClient::receiveAndDispatch(ReceiveBuffer& buffer) {
@@ -251,7 +304,7 @@ void TraceBufferClient::receiveAndDispatch(ReceiveBuffer& buffer) {
         if (received.status != kissnet::recv_status::received) {
             throw std::runtime_error(ClientMessages::ReadFailed);
         }
-        if (_waitingForResponse) {
+        if (_waitingForResponse || isLookingForLateResponse()) {
             scanForResponse(buffer, received.count);
         } else if (_isStarted) {
             enqueueBlock(buffer.bytes.data(), received.count);
@@ -259,42 +312,59 @@ void TraceBufferClient::receiveAndDispatch(ReceiveBuffer& buffer) {
     }
 }
 
+bool TraceBufferClient::isLookingForLateResponse() const noexcept {
+    const std::int64_t until = _lateResponseUntilNs.load();
+    return until != 0 && steadyNowNs() < until;
+}
+
 void TraceBufferClient::scanForResponse(ReceiveBuffer& buffer, std::size_t count) {
     std::byte* const data = buffer.bytes.data();
+    // Everything received while a command waits is kept, even while tracing is not started (but nothing before the
+    // answer to a Start); around a late answer only what tracing keeps anyway.
+    bool commandWaits = true;
+    const auto passOn = [&](const std::byte* first, std::size_t bytes) {
+        if (commandWaits ? !_dropUntilResponse : _isStarted.load()) enqueueBlock(first, bytes);
+    };
     for (;;) {
-        ResponseScanOutcome outcome;
+        ResponseFrameScan scan;
         {
             std::lock_guard<std::mutex> responseLock(_responseMutex);
+            if (!_waitingForResponse && !isLookingForLateResponse()) {
+                // The command gave up meanwhile, or the late answer's time is over: the bytes are trace data.
+                passOn(data, count);
+                return;
+            }
+            commandWaits = _waitingForResponse;
             _response.clear();
-            const ResponseFrameScan scan = scanForResponseFrame(data, count);
-            outcome = scan.outcome;
-            if (outcome == ResponseScanOutcome::frameFound) {
-                // The bytes around the frame are trace data that came with the response; they are kept even while
-                // tracing is not started, as is everything received while a command waits. They are queued before
-                // the command wakes, so that a Start or Clear issued after it discards them like all earlier data.
-                enqueueBlock(data, scan.headerStart);
-                enqueueBlock(data + scan.frameEnd, count - scan.frameEnd);
-                const std::byte* const payload = data + scan.payloadStart;
-                _response.assign(payload, payload + scan.payloadLength);
-                _waitingForResponse = false;
-                _responseCondition.notify_all();
+            scan = scanForResponseFrame(data, count);
+            if (scan.outcome == ResponseScanOutcome::frameFound) {
+                // The bytes around the frame are queued before the command wakes, so that a Start or Clear issued
+                // after it discards them like all earlier data.
+                passOn(data, scan.headerStart);
+                _dropUntilResponse = false;
+                passOn(data + scan.frameEnd, count - scan.frameEnd);
+                _lateResponseUntilNs = 0;
+                if (commandWaits) {
+                    const std::byte* const payload = data + scan.payloadStart;
+                    _response.assign(payload, payload + scan.payloadLength);
+                    _waitingForResponse = false;
+                    _responseCondition.notify_all();
+                }
                 return;
             }
         }
-        if (outcome == ResponseScanOutcome::maybeFrameStart && count < _bufferSize) {
-            // The data ends in 0x4D bytes that may begin the response: receive the rest behind them and scan the
-            // whole buffer again.
+        if (scan.outcome == ResponseScanOutcome::maybeFrameStart && scan.candidateStart > 0 && count == _bufferSize) {
+            // No room behind a frame that may have begun: pass on what lies before it and keep its beginning.
+            passOn(data, scan.candidateStart);
+            count -= scan.candidateStart;
+            std::memmove(data, data + scan.candidateStart, count);
+        }
+        if (scan.outcome == ResponseScanOutcome::maybeFrameStart && count < _bufferSize) {
+            // Receive the rest behind what may be the beginning of the answer and scan the whole buffer again.
             count += receiveMore(buffer, count);
         } else {
-            // No frame. A full buffer that ends in 0x4D bytes has no room for the rest of a frame either; it is
-            // passed on as trace data like any other.
-            enqueueBlock(data, count);
+            passOn(data, count);
             count = receiveMore(buffer, 0);
-        }
-        if (!_waitingForResponse) {
-            // The command stopped waiting (it timed out) meanwhile.
-            enqueueBlock(data, count);
-            return;
         }
     }
 }
@@ -319,8 +389,11 @@ void TraceBufferClient::enqueueBlock(const std::byte* first, std::size_t count) 
         return;
     }
     // Reused storage is already mapped and warm: a copy into fresh heap pages costs several times the copy itself.
+    // It is receive-buffer sized, so only a receive that nearly fills it may take it; a smaller one (a reader that
+    // keeps up receives what arrives, a few kB at a time) gets storage of its own size, so that a backlog costs
+    // no more memory than it holds.
     std::vector<std::byte> block;
-    if (!_freeBlocks.try_dequeue(block)) {
+    if (count >= MinimumBytesForReusedBlock && !_freeBlocks.try_dequeue(block)) {
         block = newBlockStorage(_bufferSize);
     }
     block.assign(first, first + count);

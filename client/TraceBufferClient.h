@@ -37,6 +37,9 @@ public:
     TraceBufferClient(const TraceBufferClient&) = delete;
     TraceBufferClient& operator=(const TraceBufferClient&) = delete;
 
+    // Ends the connection: the reader stops and the queued data is discarded. A read or a command that another
+    // thread has in flight on this client ends promptly with the no-connection error; the object itself stays
+    // valid until such calls have returned (the handle registry shares it with them).
     void Disconnect();
 
     void Start();
@@ -74,9 +77,10 @@ private:
     // back for the reader to receive into again.
     class QueueBlockSource final : public BlockSource {
     public:
-        QueueBlockSource(BlockQueue& queue, FreeBlockQueue& freeBlocks,
-                         const std::unique_ptr<kissnet::tcp_socket>& socket) noexcept
-            : _queue(queue), _freeBlocks(freeBlocks), _socket(socket) {}
+        QueueBlockSource(BlockQueue& queue, FreeBlockQueue& freeBlocks, const std::atomic<bool>& connected) noexcept
+            : _queue(queue), _freeBlocks(freeBlocks), _connected(connected) {}
+        // Waits in slices and ends early once the connection is gone, so that no wait outlives the connection;
+        // an empty block (queued when the connection ends) wakes a waiting read at once.
         bool waitBlock(std::vector<std::byte>& block, std::int64_t timeoutUs) override;
         bool isConnected() const override;
         void recycle(std::vector<std::byte>&& usedBlock) override;
@@ -84,7 +88,7 @@ private:
     private:
         BlockQueue& _queue;
         FreeBlockQueue& _freeBlocks;
-        const std::unique_ptr<kissnet::tcp_socket>& _socket;
+        const std::atomic<bool>& _connected;
     };
 
     // The reader's receive buffer, page-aligned: a misaligned buffer costs about half the loopback throughput.
@@ -103,24 +107,33 @@ private:
     // ---- reader thread (TraceBufferClient.cpp) ------------------------------------------------------------
     void reader();
     void receiveAndDispatch(ReceiveBuffer& buffer);
-    // Scans for the waiting command's response and hands it over; returns to the caller once the command no
-    // longer waits. `count` bytes are in the buffer on entry.
+    // Scans for the waiting command's response (or, shortly after a command gave up, for its late answer) and hands
+    // it over (or drops it); returns once neither is looked for any more. `count` bytes are in the buffer on entry.
     void scanForResponse(ReceiveBuffer& buffer, std::size_t count);
+    bool isLookingForLateResponse() const noexcept;
     // One receive into buffer[offset, _bufferSize); a closed connection or a failure throws.
     std::size_t receiveMore(ReceiveBuffer& buffer, std::size_t offset);
     // Queues a copy of the bytes as one block, in reused storage when there is some.
     void enqueueBlock(const std::byte* first, std::size_t count);
     // Ends the connection after a reader failure: _running cleared and the socket closed, under _socketMutex.
     void closeAfterReaderFailure() noexcept;
+    // Wakes a read that waits for a block: the empty block ends its wait, and it finds the connection gone.
+    void wakeWaitingRead();
 
     // Discards the decoder state and every queued block.
     void clear();
+    // Discards every queued block and the storage kept for reuse; returns the memory of a large backlog to the system.
+    void discardQueuedBlocks() noexcept;
 
     // ---- commands (TraceCommands.cpp) ---------------------------------------------------------------------
     // Sends one command frame and waits up to 3000 ms for its response; returns the response payload when
-    // `wantResponse`, else an empty vector.
+    // `wantResponse`, else an empty vector. The caller holds _commandMutex: a command, the started flag and the
+    // decoder reset that go with it change together, whichever threads issue commands.
     std::vector<std::byte> writeCommand(const TraceCommandCode& code, const std::vector<std::byte>& payload,
                                         bool wantResponse);
+    void startLocked();
+    void stopLocked();
+    void requireConnection() const;
 
     // Locks, always taken in these orders: _commandMutex, _responseMutex, _sendMutex (a command); _socketMutex,
     // _sendMutex (the reader closing the socket after a failure, so that no command sends on a descriptor number
@@ -133,15 +146,26 @@ private:
     std::thread _readerThread;
     // Time base, carried word, current block and pending samples of the reading operations.
     TraceDecoder _decoder;
-    QueueBlockSource _blockSource{_queue, _freeBlocks, _socket};
+    // The socket is open for commands and reads: set once connected, cleared when the reader closes it after a
+    // failure and by Disconnect. Read without a lock by every thread.
+    std::atomic<bool> _connected{false};
+    QueueBlockSource _blockSource{_queue, _freeBlocks, _connected};
     std::mutex _responseMutex;
     std::condition_variable _responseCondition;
     std::atomic<bool> _waitingForResponse{false};
+    // Until this steady-clock time (ns) the reader drops the late answer of a command that gave up; 0: none due.
+    std::atomic<std::int64_t> _lateResponseUntilNs{0};
+    // Set while a Start waits for its answer: what arrives before the answer (the reader may hold the beginning of
+    // what looked like a frame from before the Start) is old and is dropped; the trace begins behind the answer.
+    std::atomic<bool> _dropUntilResponse{false};
+    // Set by Disconnect: a command that waits (or waits for its turn) ends at once.
+    std::atomic<bool> _disconnected{false};
     std::vector<std::byte> _response;
     std::mutex _socketMutex;
     std::mutex _sendMutex;
-    // Held across a whole command (send and wait), so that commands of several threads on one client run one
-    // after another and none takes another's response. Taken before _responseMutex.
+    // Held across a whole command (the started flag, the decoder reset, the send and the wait), so that commands of
+    // several threads on one client run one after another and none takes another's response. Taken before
+    // _responseMutex.
     std::mutex _commandMutex;
     std::atomic<bool> _running{false};
     std::atomic<int> _readTimeoutMs{_DefaultReadTimeoutMs};

@@ -29,11 +29,12 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
         std::copy(payload.begin(), payload.end(), frame.begin() + 2);
     }
 
-    const std::lock_guard<std::mutex> commandLock(_commandMutex);
     std::unique_lock<std::mutex> responseLock(_responseMutex);
     // Raised and sent while _responseMutex is held; the wait below releases it atomically, so the reader cannot
-    // hand the response over, nor notify, before this command waits.
+    // hand the response over, nor notify, before this command waits. The first frame to come is this command's:
+    // a late answer of an earlier one is no longer looked for.
     _waitingForResponse = true;
+    _lateResponseUntilNs = 0;
     {
         const std::lock_guard<std::mutex> sendLock(_sendMutex);
         // The result is not examined: a frame that did not go out shows up as a missing response.
@@ -42,9 +43,18 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ResponseTimeoutMs);
     // Commands never wait side by side (_commandMutex), so "the reader cleared the flag" means exactly "this
     // command's response is here"; waiting on that, a spurious wake-up cannot pass for a response.
-    const bool answered = _responseCondition.wait_until(responseLock, deadline, [this] { return !_waitingForResponse; });
+    const bool answered = _responseCondition.wait_until(responseLock, deadline,
+                                                        [this] { return !_waitingForResponse || _disconnected; });
+    if (_disconnected) {
+        _waitingForResponse = false;
+        throw std::runtime_error(ClientMessages::NotConnected);
+    }
     if (!answered) {
         _waitingForResponse = false;
+        _lateResponseUntilNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   (std::chrono::steady_clock::now() + std::chrono::milliseconds(LateResponseWindowMs))
+                                       .time_since_epoch())
+                                   .count();
         throw std::runtime_error(ClientMessages::ResponseTimeout);
     }
     if (!wantResponse) {
@@ -58,38 +68,53 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
     return response;
 }
 
-void TraceBufferClient::Start() {
-    if (_isStarted) {
-        return;
-    }
+void TraceBufferClient::requireConnection() const {
     if (!isSocketOpen()) {
         throw std::runtime_error(ClientMessages::NotConnected);
     }
+}
+
+void TraceBufferClient::Start() {
+    const std::lock_guard<std::mutex> commandLock(_commandMutex);
+    startLocked();
+}
+
+void TraceBufferClient::startLocked() {
+    if (_isStarted) {
+        return;
+    }
+    requireConnection();
     clear();
     // Set before sending, so that trace data following the response is queued from its first byte.
     _isStarted = true;
+    _dropUntilResponse = true;
     try {
         (void)writeCommand(TraceCommandCode::Start, NoPayload, false);
     } catch (...) {
         _isStarted = false;
+        _dropUntilResponse = false;
         throw;
     }
 }
 
 void TraceBufferClient::Stop() {
-    if (!isSocketOpen()) {
-        throw std::runtime_error(ClientMessages::NotConnected);
-    }
+    const std::lock_guard<std::mutex> commandLock(_commandMutex);
+    stopLocked();
+}
+
+void TraceBufferClient::stopLocked() {
+    requireConnection();
     (void)writeCommand(TraceCommandCode::Stop, NoPayload, false);
     _isStarted = false;
 }
 
 void TraceBufferClient::Clear() {
+    const std::lock_guard<std::mutex> commandLock(_commandMutex);
     if (!_isStarted) {
         return;
     }
-    Stop();
-    Start();
+    stopLocked();
+    startLocked();
 }
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -20,5 +20,9 @@ inline constexpr std::byte CommandMarker{0x4D};
 inline constexpr std::size_t CommandPayloadSize = 17;
 inline constexpr std::size_t CommandFrameSize = 2 + CommandPayloadSize;
 inline constexpr unsigned ResponseTimeoutMs = 3000;
+// After a command gave up waiting, its answer may still come. For this long the reader looks for it in the trace data
+// and drops it, so that its bytes are not decoded as trace words (unless another command waits meanwhile, which then
+// takes the first frame that comes, as always).
+inline constexpr unsigned LateResponseWindowMs = 10000;
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -75,17 +75,15 @@ oltbTraceBufferConfig_Struct decodeConfigPayload(const std::vector<std::byte>& p
 }
 
 void TraceBufferClient::SetConfig(const oltbTraceBufferConfig_Struct& config) {
-    if (!isSocketOpen()) {
-        throw std::runtime_error(ClientMessages::NotConnected);
-    }
+    const std::lock_guard<std::mutex> commandLock(_commandMutex);
+    requireConnection();
     const std::array<std::byte, ConfigPayloadSize> payload = encodeConfigPayload(config);
     (void)writeCommand(TraceCommandCode::SetConfig, std::vector<std::byte>(payload.begin(), payload.end()), false);
 }
 
 oltbTraceBufferConfig_Struct TraceBufferClient::GetConfig() {
-    if (!isSocketOpen()) {
-        throw std::runtime_error(ClientMessages::NotConnected);
-    }
+    const std::lock_guard<std::mutex> commandLock(_commandMutex);
+    requireConnection();
     return decodeConfigPayload(writeCommand(TraceCommandCode::GetConfig, {}, true));
 }
 

@@ -201,24 +201,24 @@ unsigned TraceDecoder::fillFromSource(BlockSource& source, oltbTraceEvent* event
     const Clock::time_point startTime = Clock::now();
     int waitLimitMs = readTimeoutMs;
     while (count > 0) {
-        if (takeNextBlock(source, waitLimitMs)) {
-            if (!_currentBlock.empty()) {
-                const unsigned decoded = splitAndUnpack(events, start, count);
-                result += decoded;
-                start += decoded;
-                count -= decoded;
-            }
-            if (result > 0) {
-                // Something to deliver: from now on take only what is already queued.
-                waitLimitMs = 0;
-                continue;
-            }
-            if (readTimeoutMs < 0) continue;
-        } else {
-            if (result > 0) return result;
-            if (readTimeoutMs < 0) continue;
-            if (readTimeoutMs == 0) return 0;
+        const bool taken = takeNextBlock(source, waitLimitMs);
+        if (taken && !_currentBlock.empty()) {
+            const unsigned decoded = splitAndUnpack(events, start, count);
+            result += decoded;
+            start += decoded;
+            count -= decoded;
         }
+        if (result > 0) {
+            if (!taken) return result;
+            // Something to deliver: from now on take only what is already queued.
+            waitLimitMs = 0;
+            continue;
+        }
+        // A wait that ends because the connection is gone (an empty block wakes it) ends the call, whatever its
+        // timeout: nothing more will come.
+        if (!source.isConnected()) throw std::runtime_error(EventMessages::NoConnection);
+        if (readTimeoutMs < 0) continue;
+        if (!taken && readTimeoutMs == 0) return 0;
         // Nothing decoded yet (a block of time-base words or carried bytes does not end the call): wait again
         // for what remains of the timeout.
         const auto elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - startTime);

@@ -1,6 +1,6 @@
-// Fuzz target: the reader's response-frame scan over any received bytes. A reported frame lies inside the data,
-// has the shape 4D 4D 4D 4D | L | L payload bytes | B2 B2, and begins a run of 0x4D bytes; without a frame the
-// outcome tells whether the data ends in 0x4D (the start of a frame the next receive may complete).
+// Fuzz target: the reader's response-frame scan over any received bytes. A reported frame lies inside the data and
+// has the shape 4D 4D 4D 4D | L | L payload bytes | B2 B2, and no frame starts earlier; without a frame, the outcome
+// tells whether the data ends in the beginning of one that the next receive may complete.
 #include "FuzzCheck.h"
 
 #include "client/ResponseFrameScanner.h"
@@ -9,30 +9,39 @@ namespace {
 
 using namespace OLVEN::TALIX3::TraceBuffer;
 
-constexpr std::uint8_t HeaderByte = 0x4D;
-constexpr std::uint8_t TrailerByte = 0xB2;
+// The frame's shape at `start`: 1 complete, 0 cannot be one, -1 the data ends before it does.
+int frameAt(const std::uint8_t* data, std::size_t size, std::size_t start) {
+    for (std::size_t i = start; i < start + 4; ++i) {
+        if (i == size) return -1;
+        if (data[i] != 0x4D) return 0;
+    }
+    if (start + 4 >= size || start + data[start + 4] + 7 > size) return -1;
+    const std::size_t end = start + data[start + 4] + 7;
+    return data[end - 2] == 0xB2 && data[end - 1] == 0xB2 ? 1 : 0;
+}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const ResponseFrameScan scan = scanForResponseFrame(reinterpret_cast<const std::byte*>(data), size);
-    switch (scan.outcome) {
-    case ResponseScanOutcome::frameFound: {
-        const std::size_t h = scan.headerStart;
-        FUZZ_CHECK(h < scan.frameEnd && scan.frameEnd <= size);
-        FUZZ_CHECK(scan.frameEnd - h == scan.payloadLength + 7);
-        FUZZ_CHECK(scan.payloadStart == h + 5);
-        for (std::size_t i = h; i < h + 4; ++i) FUZZ_CHECK(data[i] == HeaderByte);
-        FUZZ_CHECK(h == 0 || data[h - 1] != HeaderByte);
-        FUZZ_CHECK(data[h + 4] == scan.payloadLength);
-        FUZZ_CHECK(data[scan.frameEnd - 2] == TrailerByte && data[scan.frameEnd - 1] == TrailerByte);
-        break;
+    std::size_t firstComplete = size;
+    std::size_t firstIncomplete = size;
+    for (std::size_t start = size; start-- > 0;) {
+        const int shape = frameAt(data, size, start);
+        if (shape == 1) firstComplete = start;
+        if (shape == -1) firstIncomplete = start;
     }
+    switch (scan.outcome) {
+    case ResponseScanOutcome::frameFound:
+        FUZZ_CHECK(scan.headerStart == firstComplete);
+        FUZZ_CHECK(scan.frameEnd == scan.headerStart + scan.payloadLength + 7 && scan.frameEnd <= size);
+        FUZZ_CHECK(scan.payloadStart == scan.headerStart + 5 && data[scan.headerStart + 4] == scan.payloadLength);
+        break;
     case ResponseScanOutcome::maybeFrameStart:
-        FUZZ_CHECK(size > 0 && data[size - 1] == HeaderByte);
+        FUZZ_CHECK(firstComplete == size && scan.candidateStart == firstIncomplete && firstIncomplete < size);
         break;
     case ResponseScanOutcome::noFrame:
-        FUZZ_CHECK(size == 0 || data[size - 1] != HeaderByte);
+        FUZZ_CHECK(firstComplete == size && firstIncomplete == size);
         break;
     }
     return 0;

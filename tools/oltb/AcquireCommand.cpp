@@ -8,6 +8,7 @@
 #include "tools/oltb/Interrupt.h"
 #include "tools/oltb/Progress.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -82,7 +83,7 @@ int runAcquire(const AcquireOptions& options) {
     try {
         const std::unique_ptr<Connection> connection = connectTo(options.host);
         const std::vector<const SignalInfo*> signals = chooseSignals(*connection, wanted, true);
-        connection->setReadTimeout(static_cast<int>(std::lround(options.timeoutSeconds * 1000.0)));
+        connection->setReadTimeout(static_cast<int>(std::max(1L, std::lround(options.timeoutSeconds * 1000.0))));
         connection->start();
 
         AcquisitionOutcome outcome;

@@ -62,9 +62,13 @@ int runCapture(const CaptureOptions& options) {
             if (!options.raw) {
                 oltbToSignedPosition(batch.data(), count);
             }
-            outputs.write(batch.data(), count);
             for (std::uint32_t index = 0; index < count; ++index) {
                 summary.add(batch[index]);
+            }
+            try {
+                outputs.write(batch.data(), count);
+            } catch (const OutputError&) {
+                break;  // the other files are finished with what was read; the failure is reported after
             }
             progress.update(summary.totalEvents());
         }
@@ -77,8 +81,16 @@ int runCapture(const CaptureOptions& options) {
                 failure = error.what();
             }
         }
-        outputs.finish();
+        std::optional<std::string> outputFailure;
+        try {
+            outputs.finish();
+        } catch (const OutputError& error) {
+            outputFailure = error.what();
+        }
         reportResult(outputs, summary);
+        if (outputFailure) {
+            throw OutputError(*outputFailure);
+        }
         if (failure) {
             throw ServerError(*failure);
         }

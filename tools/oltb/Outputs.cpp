@@ -51,7 +51,7 @@ Outputs::Outputs(std::vector<std::string> paths) {
         if (seen) {
             throw UsageError("output '" + path + "' is given twice");
         }
-        _outputs.push_back(Output{path, outputFormatOf(path), nullptr, nullptr, nullptr});
+        _outputs.push_back(Output{path, outputFormatOf(path), nullptr, nullptr, nullptr, {}});
     }
 }
 
@@ -78,8 +78,18 @@ std::ostream& Outputs::streamOf(Output& output) {
 }
 
 void Outputs::checkWritten(Output& output) {
-    if (streamOf(output).fail()) {
-        throw OutputError("cannot write " + displayName(output.path) + ": " + std::strerror(errno));
+    if (!output.failure.empty() || !streamOf(output).fail()) {
+        return;
+    }
+    output.failure = "cannot write " + displayName(output.path) + ": " + std::strerror(errno);
+    if (_firstFailure.empty()) {
+        _firstFailure = output.failure;
+    }
+}
+
+void Outputs::throwIfFailed() const {
+    if (!_firstFailure.empty()) {
+        throw OutputError(_firstFailure);
     }
 }
 
@@ -93,10 +103,16 @@ void Outputs::begin(const std::vector<const SignalInfo*>& signals, bool signedPo
         checkWritten(output);
     }
     _begun = true;
+    throwIfFailed();
 }
 
+// An output that can no longer be written is left behind; the others go on, so that a closed standard output does
+// not cost the files.
 void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
     for (Output& output : _outputs) {
+        if (!output.failure.empty()) {
+            continue;
+        }
         for (std::size_t index = 0; index < count; ++index) {
             if (output.csv) {
                 output.csv->write(events[index]);
@@ -106,11 +122,12 @@ void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
         }
         checkWritten(output);
     }
+    throwIfFailed();
 }
 
 void Outputs::finish() {
     for (Output& output : _outputs) {
-        if (output.vcd) {
+        if (output.failure.empty() && output.vcd) {
             output.vcd->finish();
         }
         streamOf(output).flush();
@@ -120,6 +137,7 @@ void Outputs::finish() {
             checkWritten(output);
         }
     }
+    throwIfFailed();
 }
 
 void Outputs::discardUnbegun() {

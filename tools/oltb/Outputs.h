@@ -37,10 +37,10 @@ public:
     // Starts every file; `signals` become the variables of a VCD file. Throws OutputError.
     void begin(const std::vector<const SignalInfo*>& signals, bool signedPositions, VcdTimeZero timeZero);
 
-    // Throws OutputError when a file can no longer be written.
+    // Throws OutputError once a file can no longer be written; the other files are written all the same.
     void write(const oltbTraceEvent* events, std::size_t count);
 
-    // Completes, flushes and closes every file. Throws OutputError.
+    // Completes, flushes and closes every file, also after one of them failed. Throws OutputError if one did.
     void finish();
 
     // Removes the files created by open() when nothing was begun (the command failed before it had events).
@@ -59,13 +59,16 @@ private:
         std::unique_ptr<std::ofstream> file; // null for standard output
         std::unique_ptr<CsvWriter> csv;
         std::unique_ptr<VcdWriter> vcd;
+        std::string failure;  // why it can no longer be written; empty while it can
     };
 
     static std::ostream& streamOf(Output& output);
     void checkWritten(Output& output);
+    void throwIfFailed() const;
 
     std::vector<Output> _outputs;
     bool _begun = false;
+    std::string _firstFailure;
 };
 
 }  // namespace oltb::cli

@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
+#include <cstdlib>
 #include <exception>
 
 #ifndef OLTB_TOOL_VERSION
@@ -28,6 +30,21 @@ constexpr const char* ExitCodesText = R"(Exit codes:
 constexpr const char* OutputText =
     "Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change dump);\n"
     "without -o, CSV goes to standard output. -o may be repeated to write one series to several files.";
+
+// A positive, finite number of `unit` no larger than `most` ("nan", "inf", "0" and "abc" are refused).
+CLI::Validator positiveNumberOf(const std::string& unit, double most = 1e12) {
+    return CLI::Validator(
+        [unit, most](std::string& input) -> std::string {
+            char* end = nullptr;
+            const double value = std::strtod(input.c_str(), &end);
+            if (end == input.c_str() || *end != '\0' || !std::isfinite(value) || value <= 0.0 || value > most) {
+                return "must be a positive number of " + unit + (most < 1e12 ? " up to " + CLI::detail::to_string(most) : "") +
+                       ", not '" + input + "'";
+            }
+            return {};
+        },
+        "POSITIVE");
+}
 
 void addOutputOptions(CLI::App& command, std::vector<std::string>& outputs, bool& raw, bool& quiet) {
     command.add_option("-o,--output", outputs, "file to write (.csv or .vcd; - for CSV on standard output)")
@@ -64,9 +81,9 @@ int main(int argc, char** argv) {
     captureCommand->add_option("-s,--signals", capture.signals,
                                "signals to trace (comma list; default: the server's configuration)");
     auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds, "seconds to trace")
-                               ->check(CLI::PositiveNumber);
+                               ->check(positiveNumberOf("seconds"));
     auto* eventsOption =
-        captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")->check(CLI::PositiveNumber);
+        captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")->check(positiveNumberOf("events"));
     durationOption->excludes(eventsOption);
     addOutputOptions(*captureCommand, capture.outputs, capture.raw, capture.quiet);
 
@@ -81,9 +98,9 @@ int main(int argc, char** argv) {
                                "signals to trace (comma list; default: the server's configuration); Label is added");
     acquireCommand->add_option("--timeout", acquire.timeoutSeconds, "longest silence of the server, seconds")
         ->capture_default_str()
-        ->check(CLI::Range(0.01, 3600.0));
+        ->check(positiveNumberOf("seconds", 3600.0));
     acquireCommand->add_option("--max-wait", acquire.maxWaitSeconds, "give up after this many seconds (default: none)")
-        ->check(CLI::PositiveNumber);
+        ->check(positiveNumberOf("seconds"));
     addOutputOptions(*acquireCommand, acquire.outputs, acquire.raw, acquire.quiet);
 
     try {
