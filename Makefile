@@ -1,14 +1,48 @@
-# The project's commands. Every target installs what is missing first (scripts/setup.sh).
+# The project's commands; `make` alone lists them. Every target first installs the Debian packages it needs and
+# lacks (scripts/setup.sh TARGET), and only those.
 JOBS ?= 2
+MAKEFLAGS += --no-print-directory
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
+SIM_ADDRESS ?= 127.0.0.9
+SETUP = @bash scripts/setup.sh
 
-.PHONY: setup build check test test-release test-asan test-tsan demo clean
+.DEFAULT_GOAL := help
+.PHONY: help demo sim sim-stop build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
+	fuzz-build bench mutants clean
 
-setup:
-	@bash scripts/setup.sh
+help:
+	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
+	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
+	@echo "make build       the release build: library, tools, tests (build/release)"
+	@echo "make check       the release build and its tests"
+	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind"
+	@echo "make test-asan, test-tsan, test-m32, test-valgrind, fuzz-ci   one step of make test each"
+	@echo "make fuzz        each fuzz target for FUZZ_SECONDS (60)"
+	@echo "make bench       the benchmarks, each figure beside its limit"
+	@echo "make mutants     the mutation check of the test suite (ONLY=filter for some mutants)"
+	@echo "make clean       remove build/"
 
-build: setup
-	cmake --preset release >/dev/null
+# The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and out/demo.vcd
+# and print its summary. Builds only the two programs.
+demo:
+	$(SETUP) demo
+	cmake --preset release -DOLTB_REQUIRE_TESTS=OFF >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	@bash scripts/demo.sh
+
+# The simulator in the background, for the README's examples: its output goes to build/sim.log.
+sim:
+	$(SETUP) demo
+	cmake --preset release -DOLTB_REQUIRE_TESTS=OFF >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	@bash scripts/sim.sh start $(SIM_ADDRESS)
+
+sim-stop:
+	@bash scripts/sim.sh stop
+
+build:
+	$(SETUP) build
+	cmake --preset release -DOLTB_REQUIRE_TESTS=ON >/dev/null
 	cmake --build --preset release -j $(JOBS)
 
 # Normal build and its tests only: the quick loop while developing.
@@ -17,26 +51,29 @@ check: build
 
 # Everything: the normal build, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer, the 32-bit library,
 # a short fuzzing run and the valgrind checks.
-test: test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind
+test:
+	$(SETUP) build bench m32 fuzz valgrind
+	$(MAKE) test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind
 
 test-release: check
 
-test-asan: setup
+test-asan:
+	$(SETUP) asan
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
 	cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest $(CTEST_FLAGS)
 
-test-tsan: setup
+test-tsan:
+	$(SETUP) tsan
 	cmake --preset tsan >/dev/null
 	cmake --build --preset tsan -j $(JOBS)
 	cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
 
-.PHONY: test-m32 test-valgrind fuzz fuzz-ci fuzz-build
-
 # The shipped 32-bit x86 library with the C test programs (layouts, exports, a session with the simulator), built
 # with -m32 in build/m32; there is no 32-bit GoogleTest. The simulator is the normal build's.
-test-m32: setup
+test-m32:
+	$(SETUP) build m32
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) --target oltb-sim
 	cmake --preset m32 -DOLTB_SIMULATOR=$(CURDIR)/build/release/tools/oltb-sim/oltb-sim >/dev/null
@@ -47,6 +84,7 @@ test-m32: setup
 # accesses. The C program ends with a connection still open: the library ends it at process exit.
 VALGRIND = valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect --error-exitcode=1
 test-valgrind: build
+	$(SETUP) valgrind
 	cd build/release/tests/api && ../../../../tests/api/with_simulator.sh ../../tools/oltb-sim/oltb-sim 127.0.1.65 \
 		$(VALGRIND) ./api_c_simulator_test 127.0.1.65
 	cd build/release/tests/api && $(VALGRIND) ./oltb_api_test
@@ -56,7 +94,8 @@ test-valgrind: build
 # fuzz-ci` runs the decoding path for 40 s and the two small parsers for 10 s each. Figures and failing inputs:
 # fuzz/run.sh.
 FUZZ_SECONDS ?= 60
-fuzz-build: setup
+fuzz-build:
+	$(SETUP) build fuzz
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS)
 
@@ -66,19 +105,11 @@ fuzz: fuzz-build
 fuzz-ci: fuzz-build
 	@bash fuzz/run.sh 40 10
 
-# The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and
-# out/demo.vcd and print its summary. Builds only the two programs.
-demo: setup
-	cmake --preset release >/dev/null
-	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
-	@bash scripts/demo.sh
-
-.PHONY: bench
-
 # Benchmarks (preset bench, build/bench): the decoding core on blocks in memory, reading over loopback from the
 # simulator, and the CPU and memory cost at the card's rate. One line per figure, each beside its limit measured
-# in the same run; they gate nothing. Takes about a minute and a half.
-bench: setup
+# in the same run; they gate nothing.
+bench:
+	$(SETUP) bench
 	cmake --preset bench >/dev/null
 	cmake --build --preset bench -j $(JOBS)
 	build/bench/bench/oltb_bench_decode

@@ -1,27 +1,47 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project needs, and only those that are missing. Does nothing when all are
-# present. Run as root, or with sudo available.
+# Installs the Debian packages that one make target needs, and only those that are missing; does nothing when all
+# are present. Usage: scripts/setup.sh TARGET... (demo, build, test, asan, tsan, m32, fuzz, valgrind, bench, mutants).
+# Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
-packages=(cmake make g++ gcc clang libgtest-dev libconcurrentqueue-dev libcli11-dev libbenchmark-dev
-          libclang-rt-14-dev g++-multilib valgrind python3 binutils)
+declare -A needs=(
+  [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
+  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils"
+  [m32]="g++-multilib"
+  [fuzz]="clang libclang-rt-14-dev"
+  [valgrind]="valgrind"
+  [bench]="libbenchmark-dev"
+  [mutants]="python3"
+)
+needs[test]="${needs[build]}"
+needs[asan]="${needs[build]}"
+needs[tsan]="${needs[build]}"
+needs[bench]="${needs[build]} ${needs[bench]}"
+needs[mutants]="${needs[build]} ${needs[mutants]}"
+
+packages=()
+for target in "$@"; do
+  [ -n "${needs[$target]+x}" ] || { echo "setup: unknown target '$target'" >&2; exit 2; }
+  packages+=(${needs[$target]})
+done
 
 missing=()
-for package in "${packages[@]}"; do
+for package in $(printf '%s\n' "${packages[@]}" | sort -u); do
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
     missing+=("$package")
   fi
 done
+[ ${#missing[@]} -eq 0 ] && exit 0
 
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
-fi
-
-echo "setup: installing ${missing[*]}"
-sudo=""
-if [ "$(id -u)" -ne 0 ]; then
+if [ "$(id -u)" -eq 0 ]; then
+  sudo=""
+elif command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
   sudo="sudo"
+else
+  echo "setup: missing packages; as root, run: apt-get install -y ${missing[*]}" >&2
+  exit 1
 fi
+echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -129,6 +129,14 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     EXPECT_GT(handle, 0) << takeLastError();
     oltbDisconnect(handle);
 
+    // Standard output closes early: the file beside it is finished with every row read.
+    ChildProcess piped("/bin/bash", {"-c", std::string(OLTB_TOOL_PATH) + " capture 127.0.0.61 --events 50000 -o - -o " +
+                                           path("beside.csv") + " | head -c 100 >/dev/null"});
+    EXPECT_EQ(piped.waitForExit(30s), 0);
+    const std::string beside = readFile(path("beside.csv"));
+    EXPECT_GT(csvRows(beside).size(), 100U);
+    EXPECT_EQ(beside.back(), '\n');
+
     Simulator closing("127.0.0.66", {"--close-after-words", "3000"});
     const ToolResult lost = runTool({"capture", "127.0.0.66", "--signals", DemoSignals, "-o", path("lost.csv")});
     EXPECT_EQ(lost.exitCode, 3);
@@ -174,7 +182,8 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         {{"capture", "127.0.0.69", "-o", path("missing/dir/trace.csv")}, {4, "oltb: cannot create " + path("missing/dir/trace.csv")}},
         {{}, {2, ""}},
         {{"capture", "127.0.0.69", "--duration", "1", "--events", "5"}, {2, ""}},
-        {{"capture", "127.0.0.69", "--duration", "-1"}, {2, ""}},
+        {{"capture", "127.0.0.69", "--duration", "nan"}, {2, "--duration: must be a positive number of seconds"}},
+        {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "--timeout", "nan"}, {2, "--timeout: must be a positive"}},
         {{"acquire", "127.0.0.69", "--start", "65536", "--end", "2"}, {2, ""}},
         {{"config", "127.0.0.69", "--all", "--none"}, {2, ""}},
     };

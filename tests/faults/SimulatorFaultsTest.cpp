@@ -148,4 +148,24 @@ TEST(SimulatorAtFullSpeed, ClearAndStopNeverLetAStaleOrMissingWordThrough) {
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
+// Start, Stop and Clear from two threads at once: the started flag, the decoder's reset and the command change
+// together, so the client never believes tracing stopped while the server streams, and the stream that follows
+// the last Start counts from 0 without a misaligned word (the thread sanitizer build checks the reset as well).
+TEST(SimulatorAtFullSpeed, CommandsOfTwoThreadsKeepTheStreamAligned) {
+    Simulator simulator("127.0.3.70", {"--counter", "--max-rate"});
+    ASSERT_TRUE(simulator.ready()) << simulator.standardError();
+    const int handle = oltbConnect("127.0.3.70");
+    ASSERT_GT(handle, 0) << takeLastError();
+    ASSERT_EQ(oltbSetReadTimeout(handle, 0), 0);
+    for (int round = 0; round < 40; ++round) {
+        std::thread other([handle, round] { EXPECT_EQ(round % 2 == 0 ? oltbStop(handle) : oltbClear(handle), 0); });
+        EXPECT_EQ(oltbStart(handle), 0);
+        other.join();
+        EXPECT_EQ(oltbStart(handle), 0);
+        ASSERT_GE(expectCountingFrom(handle, 0, 2000, 2s), 2000U) << "round " << round;
+        EXPECT_EQ(oltbStop(handle), 0);
+    }
+    EXPECT_EQ(oltbDisconnect(handle), 0);
+}
+
 }  // namespace

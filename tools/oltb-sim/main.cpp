@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+#ifndef OLTB_TOOL_VERSION
+#define OLTB_TOOL_VERSION "unknown"
+#endif
+
 namespace {
 
 constexpr const char* kDescription =
@@ -125,6 +129,7 @@ int main(int argc, char** argv) {
     std::string malformedKind = "auto";
 
     CLI::App app{kDescription, "oltb-sim"};
+    app.set_version_flag("--version", std::string("oltb-sim ") + OLTB_TOOL_VERSION);
     app.footer(kFooter);
     app.add_option("-a,--address", settings.address, "Address to listen on (port 9495)")->capture_default_str();
     app.add_option("--speed", settings.speed, "Trace seconds per wall-clock second")

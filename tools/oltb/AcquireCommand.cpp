@@ -1,77 +1,64 @@
-// "oltb acquire": the events between a start label and an end label. oltbAcquire blocks until the end label, so
-// it runs on a thread of its own while the main thread shows progress and watches for Ctrl-C and the longest
-// wait. To end the wait early the main thread stops the trace; the server falls silent and the acquisition ends
-// with a timeout after at most the read timeout. Only a complete series is written.
+// "oltb acquire": the events between a start label and an end label. The tool reads the trace in slices and keeps
+// the label window itself, so that it knows at every moment which label it waits for: a wait that goes on too long
+// or an interrupt ends within a slice, and the message says which label did not come. Only a complete series is
+// written.
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/Interrupt.h"
+#include "tools/oltb/LabelWindow.h"
 #include "tools/oltb/Progress.h"
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <optional>
-#include <thread>
+#include <string>
 
 namespace oltb::cli {
 
 namespace {
 
-constexpr auto WatchInterval = std::chrono::milliseconds(50);
+// Short enough that the longest wait and Ctrl-C are noticed promptly, long enough not to spin.
+constexpr int ReadSliceMs = 100;
+constexpr std::uint32_t BatchEvents = 4096;
 
-struct AcquisitionOutcome {
-    std::uint32_t count = 0;
-    std::optional<std::string> failure;
-};
+std::string seconds(double value) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%g s", value);
+    return text;
+}
 
-enum class EndOfWait { Completed, Interrupted, TooLong };
-
-// Runs the acquisition on its own thread and waits for it; stops the trace when the user interrupts or the
-// longest wait has passed.
-EndOfWait waitForAcquisition(Connection& connection, const AcquireOptions& options, AcquisitionOutcome& outcome) {
-    std::atomic<bool> done{false};
-    std::thread worker;
-    {
-        InterruptsBlockedForNewThreads blocked;
-        worker = std::thread([&] {
-            try {
-                outcome.count = connection.acquire(static_cast<std::uint16_t>(options.startLabel),
-                                                   static_cast<std::uint16_t>(options.endLabel));
-            } catch (const std::exception& error) {
-                outcome.failure = error.what();
-            }
-            done = true;
-        });
-    }
+// Reads until the window is complete; throws ServerError when the server falls silent for too long, when the
+// longest wait has passed or the connection fails. Returns false when interrupted.
+bool collect(Connection& connection, const AcquireOptions& options, LabelWindow& window) {
+    const std::string start = "start label " + std::to_string(options.startLabel);
+    const std::string end = "end label " + std::to_string(options.endLabel);
     Progress progress(progressWanted(options.quiet), stderr);
-    const std::string waiting = "acquiring between labels " + std::to_string(options.startLabel) + " and " +
-                                std::to_string(options.endLabel);
-    EndOfWait end = EndOfWait::Completed;
-    while (!done) {
-        const bool tooLong = options.maxWaitSeconds > 0.0 && progress.elapsedSeconds() >= options.maxWaitSeconds;
-        if (end == EndOfWait::Completed && (interruptRequested() || tooLong)) {
-            end = interruptRequested() ? EndOfWait::Interrupted : EndOfWait::TooLong;
+    std::vector<oltbTraceEvent> batch(BatchEvents);
+    double lastArrival = 0.0;
+    while (!interruptRequested()) {
+        const std::uint32_t count = connection.tryRead(batch.data(), BatchEvents);
+        const double now = progress.elapsedSeconds();
+        if (window.add(batch.data(), count)) {
             progress.finish();
-            printError("stopping the trace; the acquisition ends within " +
-                       std::to_string(static_cast<int>(std::ceil(options.timeoutSeconds))) + " s" +
-                       (end == EndOfWait::Interrupted ? " (interrupt again to quit at once)" : ""));
-            try {
-                connection.stop();
-            } catch (const ServerError&) {
-                // The acquisition reports the connection's state itself.
-            }
+            return true;
         }
-        if (end == EndOfWait::Completed) {
-            progress.showWaiting(waiting);
+        const std::string missing = window.startSeen() ? start + " came, but no " + end : "no " + start;
+        if (count > 0) {
+            lastArrival = now;
+        } else if (now - lastArrival >= options.timeoutSeconds) {
+            progress.finish();
+            throw ServerError(missing + ": the server sent nothing for " + seconds(options.timeoutSeconds) +
+                              " (--timeout)");
         }
-        std::this_thread::sleep_for(WatchInterval);
+        if (now >= options.maxWaitSeconds) {
+            progress.finish();
+            throw ServerError(missing + " within " + seconds(options.maxWaitSeconds) + " (--max-wait)");
+        }
+        progress.showWaiting(window.startSeen() ? std::to_string(window.size()) + " events since the " + start +
+                                                      ", waiting for the " + end
+                                                : "waiting for the " + start);
     }
-    worker.join();
     progress.finish();
-    return end;
+    return false;
 }
 
 }  // namespace
@@ -83,27 +70,16 @@ int runAcquire(const AcquireOptions& options) {
     try {
         const std::unique_ptr<Connection> connection = connectTo(options.host);
         const std::vector<const SignalInfo*> signals = chooseSignals(*connection, wanted, true);
-        connection->setReadTimeout(static_cast<int>(std::max(1L, std::lround(options.timeoutSeconds * 1000.0))));
+        connection->setReadTimeout(ReadSliceMs);
         connection->start();
-
-        AcquisitionOutcome outcome;
-        const EndOfWait end = waitForAcquisition(*connection, options, outcome);
-        if (end == EndOfWait::Interrupted) {
+        LabelWindow window(static_cast<std::uint16_t>(options.startLabel), static_cast<std::uint16_t>(options.endLabel));
+        if (!collect(*connection, options, window)) {
             outputs.discardUnbegun();
             printError("acquisition interrupted before the end label; nothing written");
             return ExitInterrupted;
         }
-        if (end == EndOfWait::TooLong) {
-            char text[80];
-            std::snprintf(text, sizeof(text), "no end label %u within %g s", options.endLabel,
-                          options.maxWaitSeconds);
-            throw ServerError(text);
-        }
-        if (outcome.failure) {
-            throw ServerError(*outcome.failure);
-        }
-        std::vector<oltbTraceEvent> events = connection->takeAcquired(outcome.count);
         connection->stop();
+        std::vector<oltbTraceEvent> events = window.takeEvents();
         if (!options.raw) {
             oltbToSignedPosition(events.data(), static_cast<std::uint32_t>(events.size()));
         }

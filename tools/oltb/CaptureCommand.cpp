@@ -18,6 +18,7 @@ namespace {
 // Short enough that Ctrl-C and the end of the duration are noticed promptly, long enough not to spin.
 constexpr int ReadSliceMs = 200;
 constexpr std::uint32_t BatchEvents = 4096;
+constexpr double TicksPerMicrosecond = 64.0;
 
 }  // namespace
 
@@ -31,7 +32,6 @@ int runCapture(const CaptureOptions& options) {
         if (signals.empty()) {
             throw UsageError("the server traces no signal; choose some with --signals");
         }
-        // Time of a capture counts from the connection's reference, which may lie long before its first event.
         outputs.begin(signals, !options.raw, VcdTimeZero::FirstEvent);
         connection->setReadTimeout(ReadSliceMs);
         connection->start();
@@ -40,6 +40,7 @@ int runCapture(const CaptureOptions& options) {
         Progress progress(progressWanted(options.quiet), stderr);
         std::vector<oltbTraceEvent> batch(BatchEvents);
         std::optional<std::string> failure;
+        std::optional<std::uint64_t> origin;
         while (!interruptRequested()) {
             if (options.maxEvents > 0 && summary.totalEvents() >= options.maxEvents) {
                 break;
@@ -62,6 +63,14 @@ int runCapture(const CaptureOptions& options) {
             if (!options.raw) {
                 oltbToSignedPosition(batch.data(), count);
             }
+            // Time 0 of a capture is its first event (the library counts from the connection's reference).
+            if (count > 0 && !origin) {
+                origin = batch[0].Timestamp;
+            }
+            for (std::uint32_t index = 0; index < count; ++index) {
+                batch[index].Time = static_cast<double>(static_cast<std::int64_t>(batch[index].Timestamp - *origin)) /
+                                    TicksPerMicrosecond;
+            }
             for (std::uint32_t index = 0; index < count; ++index) {
                 summary.add(batch[index]);
             }
@@ -81,16 +90,15 @@ int runCapture(const CaptureOptions& options) {
                 failure = error.what();
             }
         }
-        std::optional<std::string> outputFailure;
         try {
             outputs.finish();
         } catch (const OutputError& error) {
-            outputFailure = error.what();
+            if (!error.standardOutputClosed()) {
+                reportResult(outputs, summary);
+            }
+            throw;
         }
         reportResult(outputs, summary);
-        if (outputFailure) {
-            throw OutputError(*outputFailure);
-        }
         if (failure) {
             throw ServerError(*failure);
         }

@@ -3,6 +3,7 @@
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/Interrupt.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace oltb::cli {
@@ -50,7 +51,12 @@ void reportResult(const Outputs& outputs, const Summary& summary) {
 }
 
 void printError(const std::string& text) {
-    std::cerr << "oltb: " << text << std::endl;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        std::cerr << "oltb: " << text.substr(begin, end - begin) << '\n';
+        begin = end + 1;
+    }
+    std::cerr.flush();
 }
 
 }  // namespace oltb::cli

@@ -13,6 +13,7 @@ struct ConfigOptions {
     std::string setSignals; // empty: leave the configuration as it is
     bool all = false;
     bool none = false;
+    bool allRows = false;  // list the signals that are not traced as well
 };
 
 struct CaptureOptions {
@@ -30,8 +31,8 @@ struct AcquireOptions {
     unsigned startLabel = 0; // 0 .. 65535
     unsigned endLabel = 0;
     std::string signals;           // empty: the server's configuration; Label is added in any case
-    double timeoutSeconds = 10.0;  // the longest silence of the server while waiting
-    double maxWaitSeconds = 0.0;   // 0: wait for the end label as long as it takes
+    double timeoutSeconds = 10.0;   // the longest silence of the server while waiting
+    double maxWaitSeconds = 120.0;  // the longest wait for both labels
     std::vector<std::string> outputs;
     bool raw = false;
     bool quiet = false;

@@ -55,7 +55,14 @@ Connection::Connection(const std::string& host) : _host(host) {
     StandardOutputToStandardError redirect;
     _handle = oltbConnect(host.c_str());
     if (_handle < 0) {
-        throw ServerError(takeLibraryError());
+        const std::string text = takeLibraryError();
+        std::string hint;
+        if (text.find("Unable to get address!") != std::string::npos && host.find(':') != std::string::npos) {
+            hint = "\nthe port is always 9495: give the host alone, without ':" + host.substr(host.rfind(':') + 1) + "'";
+        } else if (text.find("unable to create connectable socket!") != std::string::npos) {
+            hint = "\nnothing listens at " + host + ":9495; is the trace buffer server (or oltb-sim) running?";
+        }
+        throw ServerError(text + hint);
     }
 }
 
@@ -101,23 +108,6 @@ std::uint32_t Connection::tryRead(oltbTraceEvent* buffer, std::uint32_t count) {
     std::uint32_t numberOfEvents = 0;
     check(oltbTryRead(_handle, buffer, 0, count, &numberOfEvents), "reading");
     return numberOfEvents;
-}
-
-std::uint32_t Connection::acquire(std::uint16_t startLabel, std::uint16_t endLabel) {
-    std::uint32_t numberOfElements = 0;
-    check(oltbAcquire(_handle, startLabel, endLabel, &numberOfElements), "acquiring");
-    return numberOfElements;
-}
-
-std::vector<oltbTraceEvent> Connection::takeAcquired(std::uint32_t count) {
-    std::vector<oltbTraceEvent> events(count);
-    if (count == 0) {
-        return events;
-    }
-    std::uint32_t handedOut = 0;
-    check(oltbGetAcquiredElements(_handle, events.data(), 0, count, &handedOut), "fetching the acquired events");
-    events.resize(handedOut);
-    return events;
 }
 
 }  // namespace oltb::cli

@@ -29,18 +29,10 @@ public:
     void setConfig(const oltbTraceBufferConfig_Struct& config);
     void setReadTimeout(int timeoutMs);
     void start();
-    // Also from another thread while acquire() waits: the acquisition then ends with a timeout.
     void stop();
 
     // The events available within the read timeout, at most `count`; 0 when none came.
     std::uint32_t tryRead(oltbTraceEvent* buffer, std::uint32_t count);
-
-    // Blocks until the end label; returns the number of events collected. Safe to call from a thread other than
-    // the one that owns the object, as long as no other reading call overlaps it.
-    std::uint32_t acquire(std::uint16_t startLabel, std::uint16_t endLabel);
-
-    // The series of the last acquire, whole.
-    std::vector<oltbTraceEvent> takeAcquired(std::uint32_t count);
 
 private:
     void check(int result, const char* action);

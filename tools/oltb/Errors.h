@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
 namespace oltb::cli {
 
@@ -27,7 +28,13 @@ public:
 
 class OutputError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit OutputError(const std::string& text, bool standardOutputClosed = false)
+        : std::runtime_error(text), _standardOutputClosed(standardOutputClosed) {}
+    // The reader of standard output went away (a closed pipe, as after `| head`): the end is quiet.
+    bool standardOutputClosed() const { return _standardOutputClosed; }
+
+private:
+    bool _standardOutputClosed;
 };
 
 }  // namespace oltb::cli

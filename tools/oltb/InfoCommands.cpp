@@ -11,12 +11,15 @@ namespace oltb::cli {
 
 namespace {
 
-void printSignalTable(std::ostream& out, const oltbTraceBufferConfig_Struct* config) {
+void printSignalTable(std::ostream& out, const oltbTraceBufferConfig_Struct* config, bool allRows = true) {
     char line[120];
     std::snprintf(line, sizeof(line), "%-20s %-6s %4s %4s%s\n", "signal", "group", "type", "bits",
                   config != nullptr ? "  traced" : "");
     out << line;
     for (const SignalInfo& signal : allSignals()) {
+        if (!allRows && !(config->*signal.configFlag)) {
+            continue;
+        }
         const char* traced = config == nullptr ? "" : (config->*signal.configFlag ? "  yes" : "  -");
         std::snprintf(line, sizeof(line), "%-20s %-6s %4d %4u%s\n", signal.name, signal.group,
                       static_cast<int>(signal.type), signal.bitsPerSample, traced);
@@ -60,7 +63,7 @@ int runConfig(const ConfigOptions& options) {
     const oltbTraceBufferConfig_Struct config = connection->getConfig();
     std::cout << "server " << options.host << ", configuration version " << config.Version << ", "
               << signalsIn(config).size() << " of " << allSignals().size() << " signals traced\n";
-    printSignalTable(std::cout, &config);
+    printSignalTable(std::cout, &config, options.allRows);
     return ExitSuccess;
 }
 

@@ -2,6 +2,9 @@
 
 #include "tools/oltb/Errors.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -21,6 +24,12 @@ std::string lowerCase(std::string text) {
 
 bool endsWith(const std::string& text, const std::string& suffix) {
     return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// A pipe on standard output whose reader has gone (as after | head) reports an error condition.
+bool readerOfStandardOutputGone() {
+    pollfd standardOutput{STDOUT_FILENO, 0, 0};
+    return ::poll(&standardOutput, 1, 0) == 1 && (standardOutput.revents & POLLERR) != 0;
 }
 
 std::string displayName(const std::string& path) {
@@ -84,12 +93,13 @@ void Outputs::checkWritten(Output& output) {
     output.failure = "cannot write " + displayName(output.path) + ": " + std::strerror(errno);
     if (_firstFailure.empty()) {
         _firstFailure = output.failure;
+        _standardOutputClosed = output.path == "-" && readerOfStandardOutputGone();
     }
 }
 
 void Outputs::throwIfFailed() const {
     if (!_firstFailure.empty()) {
-        throw OutputError(_firstFailure);
+        throw OutputError(_firstFailure, _standardOutputClosed);
     }
 }
 

@@ -69,6 +69,7 @@ private:
     std::vector<Output> _outputs;
     bool _begun = false;
     std::string _firstFailure;
+    bool _standardOutputClosed = false;
 };
 
 }  // namespace oltb::cli

@@ -19,38 +19,47 @@ using namespace oltb::cli;
 
 namespace {
 
-constexpr const char* ExitCodesText = R"(Exit codes:
-  0    success (also a capture ended by Ctrl-C: what was read is kept)
-  2    usage error: unknown option or signal, bad label, unknown output format
-  3    server error: connection failed or lost, command or read failed, timeout
-  4    output error: a file could not be created or written
-  130  acquire interrupted by Ctrl-C before its end label: nothing written
-  1    unexpected failure of the tool itself)";
+constexpr const char* ServerExitCodes = R"(Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a
+read failed, a timeout), 1 unexpected failure of the tool itself.)";
 
-constexpr const char* OutputText =
-    "Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change dump);\n"
-    "without -o, CSV goes to standard output. -o may be repeated to write one series to several files.";
+constexpr const char* TraceFooter = R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
+dump for GTKWave or Surfer); without -o, CSV goes to standard output. -o may be repeated: one series, every file.
+--signals replaces the server's configuration, also for the clients that come after.
+Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
+timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
+after | head, ends quietly with 4), 1 unexpected failure of the tool itself.)";
 
-// A positive, finite number of `unit` no larger than `most` ("nan", "inf", "0" and "abc" are refused).
+// A positive, finite number of `unit`, at most `most` ("nan", "inf", "0" and "abc" are refused).
 CLI::Validator positiveNumberOf(const std::string& unit, double most = 1e12) {
     return CLI::Validator(
         [unit, most](std::string& input) -> std::string {
             char* end = nullptr;
             const double value = std::strtod(input.c_str(), &end);
             if (end == input.c_str() || *end != '\0' || !std::isfinite(value) || value <= 0.0 || value > most) {
-                return "must be a positive number of " + unit + (most < 1e12 ? " up to " + CLI::detail::to_string(most) : "") +
-                       ", not '" + input + "'";
+                return "must be a positive number of " + unit +
+                       (most < 1e12 ? " up to " + CLI::detail::to_string(most) : "") + ", not '" + input + "'";
             }
             return {};
         },
         "POSITIVE");
 }
 
-void addOutputOptions(CLI::App& command, std::vector<std::string>& outputs, bool& raw, bool& quiet) {
+const CLI::Validator NotEmpty(
+    [](std::string& input) { return input.empty() ? std::string("must name at least one signal") : std::string(); },
+    "LIST");
+
+void addTraceOptions(CLI::App& command, std::string& host, std::string& signals, std::vector<std::string>& outputs,
+                     bool& raw, bool& quiet) {
+    command.add_option("host", host, "server address (name or number; the port is always 9495)")->required();
+    command.add_option("-s,--signals", signals,
+                       "signals to trace: comma list of names (see oltb signals), groups Conf0..Conf3, or all; "
+                       "sets the server's configuration (default: trace what it is configured for)")
+        ->check(NotEmpty);
     command.add_option("-o,--output", outputs, "file to write (.csv or .vcd; - for CSV on standard output)")
         ->allow_extra_args(false);
     command.add_flag("--raw", raw, "keep head positions as raw 20-bit values");
     command.add_flag("-q,--quiet", quiet, "no progress display on standard error");
+    command.footer(TraceFooter);
 }
 
 }  // namespace
@@ -60,48 +69,50 @@ int main(int argc, char** argv) {
                  "oltb"};
     app.set_version_flag("--version", std::string("oltb ") + OLTB_TOOL_VERSION);
     app.require_subcommand(1);
-    app.footer(std::string(OutputText) + "\n\n" + ExitCodesText);
+    app.footer("Run oltb COMMAND --help for the options of a command.");
 
     app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample");
 
     ConfigOptions config;
-    CLI::App* configCommand = app.add_subcommand("config", "show the server's configuration; replace it first with "
-                                                           "--set, --all or --none");
+    CLI::App* configCommand = app.add_subcommand("config", "show the signals the server traces; replace them first "
+                                                           "with --set, --all or --none");
     configCommand->add_option("host", config.host, "server address (name or number)")->required();
-    auto* setOption = configCommand->add_option("--set", config.setSignals, "trace exactly these signals (comma list)");
+    auto* setOption = configCommand->add_option("--set", config.setSignals, "trace exactly these signals (comma list)")
+                          ->check(NotEmpty);
     auto* allOption = configCommand->add_flag("--all", config.all, "trace every signal");
     auto* noneOption = configCommand->add_flag("--none", config.none, "trace no signal");
+    configCommand->add_flag("--all-rows", config.allRows, "list the signals that are not traced as well");
     setOption->excludes(allOption)->excludes(noneOption);
     allOption->excludes(noneOption);
+    configCommand->footer(std::string("The configuration stays on the server for the clients that come after.\n") +
+                          ServerExitCodes);
 
     CaptureOptions capture;
     CLI::App* captureCommand =
         app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
-    captureCommand->add_option("host", capture.host, "server address (name or number)")->required();
-    captureCommand->add_option("-s,--signals", capture.signals,
-                               "signals to trace (comma list; default: the server's configuration)");
+    addTraceOptions(*captureCommand, capture.host, capture.signals, capture.outputs, capture.raw, capture.quiet);
     auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds, "seconds to trace")
                                ->check(positiveNumberOf("seconds"));
-    auto* eventsOption =
-        captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")->check(positiveNumberOf("events"));
+    auto* eventsOption = captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")
+                             ->check(positiveNumberOf("events"));
     durationOption->excludes(eventsOption);
-    addOutputOptions(*captureCommand, capture.outputs, capture.raw, capture.quiet);
 
     AcquireOptions acquire;
     CLI::App* acquireCommand =
         app.add_subcommand("acquire", "the events between a start label and an end label (labels excluded)");
-    acquireCommand->add_option("host", acquire.host, "server address (name or number)")->required();
+    addTraceOptions(*acquireCommand, acquire.host, acquire.signals, acquire.outputs, acquire.raw, acquire.quiet);
     const CLI::Range labelRange(0, 65535);
     acquireCommand->add_option("--start", acquire.startLabel, "start label number")->required()->check(labelRange);
-    acquireCommand->add_option("--end", acquire.endLabel, "end label number")->required()->check(labelRange);
-    acquireCommand->add_option("-s,--signals", acquire.signals,
-                               "signals to trace (comma list; default: the server's configuration); Label is added");
-    acquireCommand->add_option("--timeout", acquire.timeoutSeconds, "longest silence of the server, seconds")
+    acquireCommand->add_option("--end", acquire.endLabel, "end label number (Label is added to the traced signals)")
+        ->required()
+        ->check(labelRange);
+    acquireCommand->add_option("--timeout", acquire.timeoutSeconds, "give up when the server sends nothing this long")
         ->capture_default_str()
         ->check(positiveNumberOf("seconds", 3600.0));
-    acquireCommand->add_option("--max-wait", acquire.maxWaitSeconds, "give up after this many seconds (default: none)")
+    acquireCommand->add_option("--max-wait", acquire.maxWaitSeconds,
+                               "give up when both labels have not come within this many seconds")
+        ->capture_default_str()
         ->check(positiveNumberOf("seconds"));
-    addOutputOptions(*acquireCommand, acquire.outputs, acquire.raw, acquire.quiet);
 
     try {
         app.parse(argc, argv);
@@ -130,7 +141,9 @@ int main(int argc, char** argv) {
         printError(error.what());
         return ExitServer;
     } catch (const OutputError& error) {
-        printError(error.what());
+        if (!error.standardOutputClosed()) {
+            printError(error.what());
+        }
         return ExitOutput;
     } catch (const std::exception& error) {
         printError(std::string("unexpected failure: ") + error.what());
