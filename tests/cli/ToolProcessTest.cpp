@@ -109,6 +109,7 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     const ToolResult limited = runTool({"capture", "127.0.0.61", "--events", "1000", "--signals", DemoSignals});
     ASSERT_EQ(limited.exitCode, 0) << limited.err;
     EXPECT_EQ(csvRows(limited.out).size(), 1001U);
+    EXPECT_EQ(csvRows(limited.out).at(1).at(1), "0.000000") << "time 0 is the first event, as in the VCD";
     EXPECT_NE(limited.err.find("1000 events written to standard output"), std::string::npos) << limited.err;
 
     ChildProcess capture(OLTB_TOOL_PATH, {"capture", "127.0.0.61", "--signals", DemoSignals, "-o", path("c.csv"),
@@ -168,7 +169,7 @@ TEST(ToolProcess, InterruptedAcquisitionStopsTheTraceAndWritesNothing) {
 TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     Simulator simulator("127.0.0.64");
     ASSERT_TRUE(simulator.ready());
-    const ToolResult config = runTool({"config", "127.0.0.64", "--set", "gate,Label"});
+    const ToolResult config = runTool({"config", "127.0.0.64", "--set", "gate,Label", "--all-rows"});
     ASSERT_EQ(config.exitCode, 0) << config.err;
     EXPECT_NE(config.out.find("configuration version 6, 2 of 63 signals traced"), std::string::npos) << config.out;
     EXPECT_NE(config.out.find("\nGate                 Conf0    22    1  yes\n"), std::string::npos);
@@ -199,6 +200,11 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     }
     EXPECT_FALSE(std::filesystem::exists(path("x.csv")));
     EXPECT_EQ(runTool({"acquire", "--help"}).exitCode, 0);
+    const auto start = Clock::now();  // the longest wait bounds the wall time and names the missing label
+    const ToolResult waited = runTool({"acquire", "127.0.0.64", "--start", "99", "--end", "100", "--max-wait", "1"});
+    EXPECT_LT(secondsSince(start), 2.0);
+    EXPECT_EQ(waited.exitCode, 3);
+    EXPECT_NE(waited.err.find("oltb: no start label 99 within 1 s (--max-wait)"), std::string::npos) << waited.err;
 }
 
 }  // namespace
