@@ -1,4 +1,5 @@
-# What `cmake --install` puts into a prefix, in three components:
+# What `cmake --install` puts into a prefix, in three components that are also the Debian packages
+# (cmake/OltbPackaging.cmake):
 #   runtime      the shared library, under its versioned name with the links libOLVEN...so.0 and libOLVEN...so
 #   development  oltb.h, oltb.pc, and the CMake package: find_package(oltb) gives the imported target oltb::oltb
 #   tools        oltb and oltb-sim with their manual pages (tools/*/CMakeLists.txt)
@@ -33,11 +34,12 @@ install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/oltb.pc.in\" \"${PROJECT_BI
   COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/oltb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# Manual pages are installed compressed as gz/NAME.gz of the build tree, made when CMake
+# Manual pages and Debian's changelog are installed compressed as gz/NAME.gz of the build tree, made when CMake
 # runs (gzip -9n: no name, no time stamp, so the same bytes every time); an edit of the source reruns CMake.
 function(oltb_gzip source)
   get_filename_component(name ${source} NAME)
   file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/gz)
-  execute_process(COMMAND gzip -9n -c ${source} OUTPUT_FILE ${PROJECT_BINARY_DIR}/gz/${name}.gz COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND gzip -9n -c ${source} OUTPUT_FILE ${PROJECT_BINARY_DIR}/gz/${name}.gz
+    COMMAND_ERROR_IS_FATAL ANY)
   set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
 endfunction()
