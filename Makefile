@@ -8,7 +8,7 @@ SETUP = @bash scripts/setup.sh
 
 .DEFAULT_GOAL := help
 .PHONY: help demo sim sim-stop build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
-	fuzz-build bench mutants clean
+	fuzz-build bench mutants install package clean
 
 help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
@@ -20,6 +20,8 @@ help:
 	@echo "make fuzz        each fuzz target for FUZZ_SECONDS (60)"
 	@echo "make bench       the benchmarks, each figure beside its limit"
 	@echo "make mutants     the mutation check of the test suite (ONLY=filter for some mutants)"
+	@echo "make install     install library, header, pkg-config and CMake files, tools into PREFIX ($(PREFIX))"
+	@echo "make package     the Debian packages in build/release/packages, checked with lintian"
 	@echo "make clean       remove build/"
 
 # The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and out/demo.vcd
@@ -114,6 +116,26 @@ bench:
 	cmake --build --preset bench -j $(JOBS)
 	build/bench/bench/oltb_bench_decode
 	build/bench/bench/oltb_bench_stream
+
+# Installation (cmake/OltbInstall.cmake): builds only what is installed. Under /usr/local run as root, which also
+# refreshes the loader's cache (ldconfig).
+PREFIX ?= /usr/local
+install:
+	$(SETUP) demo
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target shipped
+	cmake --install build/release --prefix $(PREFIX)
+	@[ "$$(id -u)" != 0 ] || ldconfig
+
+# The Debian packages (cmake/OltbPackaging.cmake) in build/release/packages; lintian must report no error.
+package:
+	$(SETUP) package
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target shipped
+	rm -rf build/release/packages
+	cd build/release && cpack >/dev/null
+	lintian --fail-on error build/release/packages/*.deb
+	@ls build/release/packages/*.deb
 
 clean:
 	rm -rf build

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that one make target needs, and only those that are missing; does nothing when all
-# are present. Usage: scripts/setup.sh TARGET... (demo, build, test, asan, tsan, m32, fuzz, valgrind, bench, mutants).
+# are present. Usage: scripts/setup.sh TARGET... (demo, build, test, asan, tsan, m32, fuzz, valgrind, bench, mutants,
+# package).
 # Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
@@ -12,12 +13,14 @@ declare -A needs=(
   [valgrind]="valgrind"
   [bench]="libbenchmark-dev"
   [mutants]="python3"
+  [package]="dpkg-dev file pkg-config lintian"
 )
 needs[test]="${needs[build]}"
 needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"
 needs[bench]="${needs[build]} ${needs[bench]}"
 needs[mutants]="${needs[build]} ${needs[mutants]}"
+needs[package]="${needs[demo]} ${needs[package]}"
 
 packages=()
 for target in "$@"; do
