@@ -8,15 +8,15 @@ SETUP = @bash scripts/setup.sh
 
 .DEFAULT_GOAL := help
 .PHONY: help demo sim sim-stop build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
-	fuzz-build bench mutants install package clean
+	fuzz-build bench mutants install package test-install clean
 
 help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
 	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
 	@echo "make build       the release build: library, tools, tests (build/release)"
 	@echo "make check       the release build and its tests"
-	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind"
-	@echo "make test-asan, test-tsan, test-m32, test-valgrind, fuzz-ci   one step of make test each"
+	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind, installation"
+	@echo "make test-asan, test-tsan, test-m32, test-valgrind, fuzz-ci, test-install   one step of make test each"
 	@echo "make fuzz        each fuzz target for FUZZ_SECONDS (60)"
 	@echo "make bench       the benchmarks, each figure beside its limit"
 	@echo "make mutants     the mutation check of the test suite (ONLY=filter for some mutants)"
@@ -52,10 +52,10 @@ check: build
 	cd build/release && ctest $(CTEST_FLAGS)
 
 # Everything: the normal build, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer, the 32-bit library,
-# a short fuzzing run and the valgrind checks.
+# a short fuzzing run, the valgrind checks and the installation.
 test:
-	$(SETUP) build bench m32 fuzz valgrind
-	$(MAKE) test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind
+	$(SETUP) build bench m32 fuzz valgrind package
+	$(MAKE) test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind test-install
 
 test-release: check
 
@@ -73,7 +73,8 @@ test-tsan:
 	cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
 
 # The shipped 32-bit x86 library with the C test programs (layouts, exports, a session with the simulator), built
-# with -m32 in build/m32; there is no 32-bit GoogleTest. The simulator is the normal build's.
+# with -m32 in build/m32; there is no 32-bit GoogleTest. The simulator is the normal build's. Last the library is
+# installed into a scratch prefix and a -m32 program built against it (tests/install).
 test-m32:
 	$(SETUP) build m32
 	cmake --preset release >/dev/null
@@ -81,6 +82,7 @@ test-m32:
 	cmake --preset m32 -DOLTB_SIMULATOR=$(CURDIR)/build/release/tools/oltb-sim/oltb-sim >/dev/null
 	cmake --build --preset m32 -j $(JOBS)
 	cd build/m32 && ctest $(CTEST_FLAGS)
+	SIMULATOR=$(CURDIR)/build/release/tools/oltb-sim/oltb-sim bash tests/install/check_install.sh build/m32 32 i386-linux-gnu
 
 # The tests that connect to the fake server or the simulator, under valgrind memcheck: no leaks, no invalid
 # accesses. The C program ends with a connection still open: the library ends it at process exit.
@@ -136,6 +138,11 @@ package:
 	cd build/release && cpack >/dev/null
 	lintian --fail-on error build/release/packages/*.deb
 	@ls build/release/packages/*.deb
+
+# The installation as another project uses it: a C program built against a scratch prefix with find_package and
+# with pkg-config runs against the installed simulator; the packages hold what they should (tests/install).
+test-install: package
+	bash tests/install/check_install.sh build/release 1
 
 clean:
 	rm -rf build

@@ -8,7 +8,7 @@ set -euo pipefail
 declare -A needs=(
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils"
-  [m32]="g++-multilib"
+  [m32]="g++-multilib pkg-config"
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"
   [bench]="libbenchmark-dev"
