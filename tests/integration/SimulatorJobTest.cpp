@@ -1,6 +1,5 @@
 // The library against oltb-sim's marking job, checked the way a user checks a recorded job: acquire between the
-// job's labels, convert the head positions, and compare with the job's documented geometry and timing. And the
-// whole receive path at full speed: the simulator's counter must arrive complete, once, in order.
+// job's labels, convert the head positions, and compare with the job's documented geometry and timing.
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -140,28 +139,6 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
         ASSERT_EQ(it->second.first - it->second.second, 2000) << "at tick " << it->first;
     }
     EXPECT_GT(steady, 10000U);
-}
-
-TEST(SimulatorCounter, EveryValueArrivesExactlyOnceInOrderAtMaximumRate) {
-    Simulator simulator("127.0.0.50", {"--counter", "--max-rate"});
-    ASSERT_TRUE(simulator.ready()) << simulator.standardError();
-    const int handle = oltbConnect("127.0.0.50");
-    ASSERT_GT(handle, 0) << takeLastError();
-    ASSERT_EQ(oltbSetReadTimeout(handle, 5000), 0);
-    ASSERT_EQ(oltbStart(handle), 0);
-    std::vector<oltbTraceEvent> buffer(65536);
-    std::uint64_t previous = 0;
-    for (std::uint32_t expected = 0; expected < 2000000;) {
-        std::uint32_t count = 0;
-        ASSERT_EQ(oltbRead(handle, buffer.data(), 0, static_cast<std::uint32_t>(buffer.size()), &count), 0);
-        for (std::uint32_t i = 0; i < count; ++i, ++expected) {
-            ASSERT_EQ(static_cast<std::uint32_t>(buffer[i].Value), expected);
-            ASSERT_FALSE(buffer[i].Overflow);
-            ASSERT_TRUE(expected == 0 || buffer[i].Timestamp - previous == 64) << "value " << expected;
-            previous = buffer[i].Timestamp;
-        }
-    }
-    EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
 }  // namespace
