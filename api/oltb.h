@@ -20,8 +20,10 @@
  *      "Unexpected error!"      a failure that is not a standard exception
  *  - Every function may be called from any thread. Calls on different handles are independent. On one handle,
  *    commands (start, stop, clear, configuration) may come from several threads at once; reading functions
- *    (oltbTryRead, oltbRead, oltbAcquire, oltbGetAcquiredElements) must not overlap each other nor oltbStart,
- *    oltbClear or oltbDisconnect of the same handle. Never disconnect a handle another thread is using.
+ *    (oltbTryRead, oltbRead, oltbAcquire, oltbGetAcquiredElements) must not overlap each other nor oltbStart or
+ *    oltbClear of the same handle. oltbDisconnect may come from any thread at any time: calls of other threads
+ *    on the handle end promptly with "No connection to trace buffer server established." (reading) or
+ *    "Connection to trace buffer server not established!" (commands), and nothing is freed while they run.
  *  - Time: one tick is 1/64 us (15.625 ns).
  *  - The library installs no signal handlers. Sends on a connection the server has closed never raise SIGPIPE.
  */
@@ -216,8 +218,9 @@ OLTB_API int oltbConnect(const char* address);
 
 /**
  * Ends a connection: shuts the socket down, discards buffered data, joins the connection's reader thread and
- * frees everything, including an acquired series not yet fetched. The handle is never issued again.
- * Blocks only until the reader thread has ended (promptly).
+ * frees everything, including an acquired series not yet fetched. The handle is never issued again. Calls of
+ * other threads still inside a function on this handle end promptly with their no-connection text; the memory
+ * they use is freed when the last of them returns. Blocks only until the reader thread has ended (promptly).
  * @return 0, also for a handle that is not registered; -1 with "Illegal handle." for a negative handle.
  */
 OLTB_API int oltbDisconnect(int handle);
@@ -249,14 +252,17 @@ OLTB_API int oltbSetReadTimeout(int handle, int timeoutMs);
 
 /* ============================================================================================================
  * Commands. Each blocks until the server's response has arrived, at most 3 s after sending. Commands of one
- * handle issued from several threads are carried out one after another, each with its own response.
+ * handle issued from several threads are carried out one after another, each with its own response, and the
+ * started state changes together with the command that changes it. An answer that comes after its command gave
+ * up is looked for in the trace data for 10 s and dropped (unless another command waits meanwhile, which then
+ * takes it as its own).
  * Failure texts: "Connection to trace buffer server not established!" (the connection is lost),
  * "Could not receive a response from the trace buffer server within 3000ms", and the handle texts.
  * ==========================================================================================================*/
 
 /**
- * Starts tracing: discards everything received and not yet read, then sends Start. Does nothing when the
- * connection is already started. @return 0 / -1.
+ * Starts tracing: discards everything received and not yet read, then sends Start; the trace begins behind its
+ * answer. Does nothing when the connection is already started. @return 0 / -1.
  */
 OLTB_API int oltbStart(int handle);
 
@@ -285,7 +291,8 @@ OLTB_API int oltbSetConfig(int handle, const oltbTraceBufferConfig_Struct* confi
 /* ============================================================================================================
  * Reading. Events are written in time order to buffer[offset], buffer[offset + 1], ... at most count of them.
  * Samples of a word that did not fit are kept and delivered first by the next reading call. Only data received
- * while tracing is started (oltbStart) is delivered.
+ * while tracing is started (oltbStart) is delivered. A lost connection or an oltbDisconnect ends a waiting call
+ * at once, whatever its timeout (a negative one included).
  * Failure texts: "No connection to trace buffer server established." (the connection is lost),
  * "buffer may not be null", "Out parameter is a null pointer!", "TraceEventType N not supported!" (the word is
  * skipped; the next call continues after it), and the handle texts.
