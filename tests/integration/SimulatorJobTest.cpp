@@ -59,8 +59,10 @@ std::vector<std::pair<std::uint64_t, std::uint64_t>> gateIntervals(const std::ve
     return intervals;
 }
 
+// With the scan head as a pure delay and no laser delays, the gate is on exactly while the path marks.
 TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
-    Simulator simulator("127.0.0.40", {"--speed", "10"});
+    Simulator simulator("127.0.0.40", {"--speed", "10", "--servo", "delay", "--laser-on-delay-us", "0",
+                                       "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
     const std::vector<oltbTraceEvent> events = acquire("127.0.0.40", [](oltbTraceBufferConfig_Struct& c) {
         c.Head0TxX = c.Head0TxY = c.Head0RxX = c.Head0RxY = c.Gate = c.LaserPower16 = true;
@@ -80,8 +82,8 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
     EXPECT_NE(txX.back() >> 24, txX.front() >> 24) << "the capture crosses a time base";
     EXPECT_EQ(labels, (std::vector<std::int32_t>{10, 11, 12, 13, 14, 15, 16, 17})) << "as ordinary elements";
 
-    // The gate is on exactly from each shape's first point to its last one, with the shape's power, 1 us after
-    // the shape's label.
+    // The gate is on exactly from each shape's first point to its last one, with the shape's power, from the
+    // shape's label on.
     const std::map<std::uint64_t, XY> commanded = positions(events, oltbEventHead0TxX, oltbEventHead0TxY);
     const auto intervals = gateIntervals(events);
     ASSERT_EQ(intervals.size(), 4U);
@@ -94,7 +96,7 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
         EXPECT_EQ(commanded.at(off), ends[k]) << "shape " << k;
         const auto at = [&, on = on](int type, std::int32_t value) {
             return std::any_of(events.begin(), events.end(), [&](const oltbTraceEvent& e) {
-                return e.Type == type && e.Value == value && e.Timestamp == (type == oltbEventLabel ? on - kTicksPerUs : on);
+                return e.Type == type && e.Value == value && e.Timestamp == on;
             });
         };
         EXPECT_TRUE(at(oltbEventLaserPower16, powers[k])) << "shape " << k;
@@ -120,7 +122,8 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
 }
 
 TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
-    Simulator simulator("127.0.0.41", {"--speed", "10", "--servo-delay-us", "400"});
+    Simulator simulator("127.0.0.41", {"--speed", "10", "--servo-delay-us", "400", "--laser-on-delay-us", "7",
+                                       "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
     const std::vector<oltbTraceEvent> events = acquire("127.0.0.41", [](oltbTraceBufferConfig_Struct& c) {
         c.Head0TxX = c.Head0RxX = c.Head1TxX = c.Head1TxY = c.Gate = true;
@@ -129,12 +132,13 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
     ASSERT_EQ(intervals.size(), 1U);
     const auto [on, off] = intervals.front();
     const auto gateOn = std::find_if(events.begin(), events.end(), [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
-    EXPECT_DOUBLE_EQ(gateOn->Time, 1.0) << "Time counts from label 10, 1 us before the gate";
+    EXPECT_DOUBLE_EQ(gateOn->Time, 7.0) << "Time counts from label 10, where the line starts, 7 us before the gate";
+    const std::uint64_t start = on - 7 * kTicksPerUs;
     const std::map<std::uint64_t, XY> head0 = positions(events, oltbEventHead0TxX, oltbEventHead0RxX);
     const std::map<std::uint64_t, XY> head1 = positions(events, oltbEventHead1TxX, oltbEventHead1TxY);
-    EXPECT_EQ(head0.at(on).first, -300000);
+    EXPECT_EQ(head0.at(start).first, -300000);
     EXPECT_EQ(head0.at(off).first, 300000);
-    EXPECT_EQ(head1.at(on), (XY{150000, -125000})) << "head 1 is head 0 mirrored in X and halved";
+    EXPECT_EQ(head1.at(start), (XY{150000, -125000})) << "head 1 is head 0 mirrored in X and halved";
     std::size_t steady = 0;  // once the actual position moves, it trails by 5000 units/ms * 0.4 ms
     for (auto it = head0.lower_bound(on + 400 * kTicksPerUs); it != head0.upper_bound(off); ++it, ++steady) {
         ASSERT_EQ(it->second.first - it->second.second, 2000) << "at tick " << it->first;
