@@ -1,12 +1,14 @@
 // The library against oltb-sim's marking job, checked the way a user checks a recorded job: acquire between the
-// job's labels, convert the head positions, and compare with the job's documented geometry and timing. And the
-// whole receive path at full speed: the simulator's counter must arrive complete, once, in order.
+// job's labels, convert the head positions, and compare with the job's documented geometry and timing, and a job
+// of the user's own with what --explain says of it. And the whole receive path at full speed: the simulator's
+// counter must arrive complete, once, in order.
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <map>
 
 namespace {
@@ -144,6 +146,47 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
         ASSERT_EQ(it->second.first - it->second.second, 2000) << "at tick " << it->first;
     }
     EXPECT_GT(steady, 10000U);
+}
+
+// A job of the user's own: a file with an error keeps the simulator from starting; a good one runs, and its trace
+// shows the gate and the lag that --explain computes from the model.
+TEST(SimulatorJob, UserJobRunsAndItsTraceAgreesWithTheExplanation) {
+    const std::string bad = scratchDirectory() + "/bad.job", good = scratchDirectory() + "/line.job";
+    std::ofstream(bad) << "label 1\njump 0 0\nmark 1 2 3\n";
+    std::ofstream(good) << "label 3\npower 0x5000\njump -200000 100000\nspeed mark 8000\nmark 200000 100000\nlabel 4\n";
+    ChildProcess refused(OLTB_SIM_PATH, {"--address", "127.0.0.42", "--job", bad});
+    EXPECT_EQ(refused.waitForExit(10s), 1);
+    EXPECT_EQ(refused.standardError(), "oltb-sim: " + bad + ":3: 'mark' takes 2 arguments (X Y), got 3\n");
+    ChildProcess explain(OLTB_SIM_PATH, {"--job", good, "--explain"});
+    ASSERT_EQ(explain.waitForExit(10s), 0) << explain.standardError();
+    const std::string truth = explain.standardOutput();
+    const auto truthOf = [&truth](const std::string& key) {
+        const std::size_t at = truth.find("\"" + key + "\": ");
+        return at == std::string::npos ? NAN : std::stod(truth.substr(at + key.size() + 4));
+    };
+
+    Simulator simulator("127.0.0.42", {"--speed", "10", "--job", good});
+    ASSERT_TRUE(simulator.ready()) << simulator.standardError();
+    const std::vector<oltbTraceEvent> events = acquire("127.0.0.42", [](oltbTraceBufferConfig_Struct& c) {
+        c.Head0TxX = c.Head0RxX = c.Gate = true;
+    }, 3, 4);  // label 3 is the job's first command: the times of both count from it
+    const auto intervals = gateIntervals(events);
+    ASSERT_EQ(intervals.size(), 1U);
+    const double origin = static_cast<double>(events.front().Timestamp) - events.front().Time * kTicksPerUs;
+    const double gateOn = (static_cast<double>(intervals[0].first) - origin) / kTicksPerUs;
+    const double gateOff = (static_cast<double>(intervals[0].second) - origin) / kTicksPerUs;
+    double motionStart = NAN;
+    for (const oltbTraceEvent& e : events) {
+        if (e.Type == oltbEventHead0TxX && e.Value == -200000) motionStart = e.Time;  // its last sample there
+    }
+    const std::map<std::uint64_t, XY> head0 = positions(events, oltbEventHead0TxX, oltbEventHead0RxX);
+    const auto middle = head0.lower_bound((intervals[0].first + intervals[0].second) / 2);
+    ASSERT_NE(middle, head0.end());
+    const double lag = static_cast<double>(middle->second.first - middle->second.second) / 8;  // at 8 units/us
+    EXPECT_NEAR(gateOn, truthOf("gate_on_us"), 0.01);
+    EXPECT_NEAR(gateOff, truthOf("gate_off_us"), 0.01);
+    EXPECT_NEAR(lag, truthOf("tracking_error_us"), 2.0);
+    EXPECT_NEAR(gateOn - (motionStart + lag), truthOf("laser_on_offset_us"), 3.0);
 }
 
 TEST(SimulatorCounter, EveryValueArrivesExactlyOnceInOrderAtMaximumRate) {

@@ -2,7 +2,7 @@
 // and time-base words, the job stream whatever the batching, and command frames cut anywhere by TCP. And the job
 // model: the scan head's lag and ringing, the gate edges the card's delays put, job files with errors.
 #include "CommandFrames.h"
-#include "MarkingJob.h"
+#include "GroundTruth.h"
 #include "JobStream.h"
 #include "WordEncoder.h"
 #include "events/TraceDecoder.h"
@@ -157,11 +157,12 @@ TEST(ServoModel, AtConstantSpeedTheMirrorTrailsByTheTrackingError) {
             EXPECT_NEAR(static_cast<double>(now.x - actual.x) * 1000 / static_cast<double>(later.x - now.x), servo.trackingErrorUs, 1.0);
             EXPECT_NEAR(static_cast<double>(now.y - actual.y) * 1000 / static_cast<double>(later.y - now.y), servo.trackingErrorUs, 1.0);
         }
+        EXPECT_NEAR(explainJob(job).trackingErrorUs, servo.trackingErrorUs, 1.0) << "the least-squares lag";
     }
 }
 
 // The mirror's samples after a long jump: beyond the target and back below damping 1, creeping in at 1; what
-// the model reports of the arrival agrees with them.
+// --explain reports of the arrival agrees with them.
 TEST(ServoModel, BelowDampingOneALongJumpOvershootsAndThenSettles) {
     for (const double damping : {0.4, 1.0}) {
         JobSettings settings;
@@ -214,6 +215,10 @@ TEST(CardTiming, GateEdgesLabelsAndCornersSitWhereTheDelaysPutThem) {
             EXPECT_EQ(job.commanded(0, static_cast<std::int64_t>(tick)).y, 5000) << "the path stands at the corner";
         }
         EXPECT_GT(job.commanded(0, corner + 1280 + 640).x, 10000);
+        const JobTruth truth = explainJob(job);
+        EXPECT_NEAR(truth.trackingErrorUs, 250, 0.01);
+        EXPECT_NEAR(truth.marks.at(0).laserOnOffsetUs, 123.5 - 250, 0.01);
+        EXPECT_NEAR(truth.marks.at(0).laserOffOffsetUs, laserOffDelayUs - 250, 0.01);
     }
 }
 

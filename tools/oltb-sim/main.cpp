@@ -1,5 +1,6 @@
 // oltb-sim: a trace buffer server for machines without a scan controller card. Reads the command line and runs
 // the server; everything the options mean is told by --help.
+#include "GroundTruth.h"
 #include "Server.h"
 
 #include <CLI/CLI.hpp>
@@ -80,6 +81,18 @@ THE SCAN HEAD (--servo)
   rings after a jump or a corner, at 1 and above it does not while the acceleration stays below the
   limit (long jumps at the defaults reach it). delay: the actual positions are the commanded ones
   delayed by the tracking error (0..100000), no dynamics.
+
+WHAT AN ANALYSIS SHOULD FIND (--explain)
+  Prints one JSON object computed from the model (not from a trace) and exits. Times are in us from the
+  job's first command (label 1 of the built-in job). "tracking_error_us": the shift tau that brings the
+  commanded position at t - tau closest to the actual one at t (least squares over the samples taken
+  while the gate is on). "marks", one per polyline: "gate_on_us", "gate_off_us", the mirror's motion
+  (the commanded motion shifted by tau) "motion_start_us", "motion_end_us", and "laser_on_offset_us"
+  = gate on - motion start, "laser_off_offset_us" = gate off - motion end (positive: the laser later
+  than the mirror), with the labels before and after it. "jumps": "from", "to", "length", the
+  commanded arrival "end_us", "settle_us" from then until the mirror stays within --settle-band of the
+  target (null: not before the path moves on) and "overshoot_units" beyond the target. Also the
+  settings, the medians of the offsets and every label with its time.
 
 SIGNALS PRODUCED (all others stay silent)
     Head0/Head1 TxX TxY TxZ   commanded positions, one word each every 10 us (640 ticks)
@@ -166,6 +179,7 @@ int main(int argc, char** argv) {
     std::string servoKind = "second-order";
     double servoDelayUs = -1;
     bool printJob = false;
+    bool explain = false;
     double pauseMs = 50;
     double counterRate = 1e6;
     std::uint64_t closeAfterWords = 0;
@@ -185,6 +199,10 @@ int main(int argc, char** argv) {
     app.add_option("--job", jobFile, "Job file to run instead of the built-in job (format below)")
         ->check(CLI::ExistingFile);
     app.add_flag("--print-job", printJob, "Print the job's text and exit");
+    app.add_flag("--explain", explain, "Print what an analysis of the job's trace should find (JSON) and exit");
+    app.add_option("--settle-band", job.settleBandUnits, "Band around a jump's target for --explain's settle times, units")
+        ->check(CLI::Range(1.0, 100000.0))
+        ->capture_default_str();
     app.add_option("--pause-ms", pauseMs, "Pause between two runs of the job, ms")
         ->check(CLI::Range(0.0, 60000.0))
         ->capture_default_str();
@@ -297,6 +315,10 @@ int main(int argc, char** argv) {
     } catch (const oltbsim::JobFileError& e) {
         std::fprintf(stderr, "oltb-sim: %s\n", e.what());
         return ExitCode::exitBadOptions;
+    }
+    if (explain) {
+        std::fputs(oltbsim::explanationJson(*markingJob, oltbsim::explainJob(*markingJob)).c_str(), stdout);
+        return ExitCode::exitSuccess;
     }
 
     try {
