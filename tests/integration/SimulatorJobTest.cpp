@@ -1,11 +1,13 @@
 // The library against oltb-sim's marking job, checked the way a user checks a recorded job: acquire between the
-// job's labels, convert the head positions, and compare with the job's documented geometry and timing.
+// job's labels, convert the head positions, and compare with the job's documented geometry and timing, and a job
+// of the user's own with what --explain says of it.
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <map>
 
 namespace {
@@ -58,8 +60,10 @@ std::vector<std::pair<std::uint64_t, std::uint64_t>> gateIntervals(const std::ve
     return intervals;
 }
 
+// With the scan head as a pure delay and no laser delays, the gate is on exactly while the path marks.
 TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
-    Simulator simulator("127.0.0.40", {"--speed", "10"});
+    Simulator simulator("127.0.0.40", {"--speed", "10", "--servo", "delay", "--laser-on-delay-us", "0",
+                                       "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
     const std::vector<oltbTraceEvent> events = acquire("127.0.0.40", [](oltbTraceBufferConfig_Struct& c) {
         c.Head0TxX = c.Head0TxY = c.Head0RxX = c.Head0RxY = c.Gate = c.LaserPower16 = true;
@@ -79,8 +83,8 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
     EXPECT_NE(txX.back() >> 24, txX.front() >> 24) << "the capture crosses a time base";
     EXPECT_EQ(labels, (std::vector<std::int32_t>{10, 11, 12, 13, 14, 15, 16, 17})) << "as ordinary elements";
 
-    // The gate is on exactly from each shape's first point to its last one, with the shape's power, 1 us after
-    // the shape's label.
+    // The gate is on exactly from each shape's first point to its last one, with the shape's power, from the
+    // shape's label on.
     const std::map<std::uint64_t, XY> commanded = positions(events, oltbEventHead0TxX, oltbEventHead0TxY);
     const auto intervals = gateIntervals(events);
     ASSERT_EQ(intervals.size(), 4U);
@@ -93,7 +97,7 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
         EXPECT_EQ(commanded.at(off), ends[k]) << "shape " << k;
         const auto at = [&, on = on](int type, std::int32_t value) {
             return std::any_of(events.begin(), events.end(), [&](const oltbTraceEvent& e) {
-                return e.Type == type && e.Value == value && e.Timestamp == (type == oltbEventLabel ? on - kTicksPerUs : on);
+                return e.Type == type && e.Value == value && e.Timestamp == on;
             });
         };
         EXPECT_TRUE(at(oltbEventLaserPower16, powers[k])) << "shape " << k;
@@ -119,7 +123,8 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
 }
 
 TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
-    Simulator simulator("127.0.0.41", {"--speed", "10", "--servo-delay-us", "400"});
+    Simulator simulator("127.0.0.41", {"--speed", "10", "--servo-delay-us", "400", "--laser-on-delay-us", "7",
+                                       "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
     const std::vector<oltbTraceEvent> events = acquire("127.0.0.41", [](oltbTraceBufferConfig_Struct& c) {
         c.Head0TxX = c.Head0RxX = c.Head1TxX = c.Head1TxY = c.Gate = true;
@@ -128,17 +133,59 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
     ASSERT_EQ(intervals.size(), 1U);
     const auto [on, off] = intervals.front();
     const auto gateOn = std::find_if(events.begin(), events.end(), [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
-    EXPECT_DOUBLE_EQ(gateOn->Time, 1.0) << "Time counts from label 10, 1 us before the gate";
+    EXPECT_DOUBLE_EQ(gateOn->Time, 7.0) << "Time counts from label 10, where the line starts, 7 us before the gate";
+    const std::uint64_t start = on - 7 * kTicksPerUs;
     const std::map<std::uint64_t, XY> head0 = positions(events, oltbEventHead0TxX, oltbEventHead0RxX);
     const std::map<std::uint64_t, XY> head1 = positions(events, oltbEventHead1TxX, oltbEventHead1TxY);
-    EXPECT_EQ(head0.at(on).first, -300000);
+    EXPECT_EQ(head0.at(start).first, -300000);
     EXPECT_EQ(head0.at(off).first, 300000);
-    EXPECT_EQ(head1.at(on), (XY{150000, -125000})) << "head 1 is head 0 mirrored in X and halved";
+    EXPECT_EQ(head1.at(start), (XY{150000, -125000})) << "head 1 is head 0 mirrored in X and halved";
     std::size_t steady = 0;  // once the actual position moves, it trails by 5000 units/ms * 0.4 ms
     for (auto it = head0.lower_bound(on + 400 * kTicksPerUs); it != head0.upper_bound(off); ++it, ++steady) {
         ASSERT_EQ(it->second.first - it->second.second, 2000) << "at tick " << it->first;
     }
     EXPECT_GT(steady, 10000U);
+}
+
+// A job of the user's own: a file with an error keeps the simulator from starting; a good one runs, and its trace
+// shows the gate and the lag that --explain computes from the model.
+TEST(SimulatorJob, UserJobRunsAndItsTraceAgreesWithTheExplanation) {
+    const std::string bad = scratchDirectory() + "/bad.job", good = scratchDirectory() + "/line.job";
+    std::ofstream(bad) << "label 1\njump 0 0\nmark 1 2 3\n";
+    std::ofstream(good) << "label 3\npower 0x5000\njump -200000 100000\nspeed mark 8000\nmark 200000 100000\nlabel 4\n";
+    ChildProcess refused(OLTB_SIM_PATH, {"--address", "127.0.0.42", "--job", bad});
+    EXPECT_EQ(refused.waitForExit(10s), 1);
+    EXPECT_EQ(refused.standardError(), "oltb-sim: " + bad + ":3: 'mark' takes 2 arguments (X Y), got 3\n");
+    ChildProcess explain(OLTB_SIM_PATH, {"--job", good, "--explain"});
+    ASSERT_EQ(explain.waitForExit(10s), 0) << explain.standardError();
+    const std::string truth = explain.standardOutput();
+    const auto truthOf = [&truth](const std::string& key) {
+        const std::size_t at = truth.find("\"" + key + "\": ");
+        return at == std::string::npos ? NAN : std::stod(truth.substr(at + key.size() + 4));
+    };
+
+    Simulator simulator("127.0.0.42", {"--speed", "10", "--job", good});
+    ASSERT_TRUE(simulator.ready()) << simulator.standardError();
+    const std::vector<oltbTraceEvent> events = acquire("127.0.0.42", [](oltbTraceBufferConfig_Struct& c) {
+        c.Head0TxX = c.Head0RxX = c.Gate = true;
+    }, 3, 4);  // label 3 is the job's first command: the times of both count from it
+    const auto intervals = gateIntervals(events);
+    ASSERT_EQ(intervals.size(), 1U);
+    const double origin = static_cast<double>(events.front().Timestamp) - events.front().Time * kTicksPerUs;
+    const double gateOn = (static_cast<double>(intervals[0].first) - origin) / kTicksPerUs;
+    const double gateOff = (static_cast<double>(intervals[0].second) - origin) / kTicksPerUs;
+    double motionStart = NAN;
+    for (const oltbTraceEvent& e : events) {
+        if (e.Type == oltbEventHead0TxX && e.Value == -200000) motionStart = e.Time;  // its last sample there
+    }
+    const std::map<std::uint64_t, XY> head0 = positions(events, oltbEventHead0TxX, oltbEventHead0RxX);
+    const auto middle = head0.lower_bound((intervals[0].first + intervals[0].second) / 2);
+    ASSERT_NE(middle, head0.end());
+    const double lag = static_cast<double>(middle->second.first - middle->second.second) / 8;  // at 8 units/us
+    EXPECT_NEAR(gateOn, truthOf("gate_on_us"), 0.01);
+    EXPECT_NEAR(gateOff, truthOf("gate_off_us"), 0.01);
+    EXPECT_NEAR(lag, truthOf("tracking_error_us"), 2.0);
+    EXPECT_NEAR(gateOn - (motionStart + lag), truthOf("laser_on_offset_us"), 3.0);
 }
 
 }  // namespace

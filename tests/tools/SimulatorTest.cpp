@@ -1,6 +1,8 @@
 // The simulator's pure parts, its words decoded by the library's own decoder: word packing with the stamp adjustment
-// and time-base words, the job stream whatever the batching, and command frames cut anywhere by TCP.
+// and time-base words, the job stream whatever the batching, and command frames cut anywhere by TCP. And the job
+// model: the scan head's lag and ringing, the gate edges the card's delays put, job files with errors.
 #include "CommandFrames.h"
+#include "GroundTruth.h"
 #include "JobStream.h"
 #include "WordEncoder.h"
 #include "events/TraceDecoder.h"
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 
 namespace oltbsim {
 namespace {
@@ -131,6 +134,116 @@ TEST(CommandFrameReader, ReassemblesFramesFedOneByteAtATimeAndSkipsStrayBytes) {
         }
     }
     EXPECT_EQ(reads, (std::vector<std::string>{"skipped 1", "skipped 1", "skipped 1", "frame 129 90", "frame 130 0", "skipped 1"}));
+}
+
+MarkingJob jobOf(const std::string& text, JobSettings settings = {}) {
+    settings.program = parseJob(text, "job.txt");
+    return MarkingJob(settings);
+}
+
+// Mid-way along a long diagonal line, how long ago the commanded path was where the mirror is now, per axis.
+TEST(ServoModel, AtConstantSpeedTheMirrorTrailsByTheTrackingError) {
+    const ServoSettings servos[] = {{ServoKind::secondOrder, 100, 0.4, 1e6}, {ServoKind::secondOrder, 400, 1.3, 1e6},
+                                    {ServoKind::delay, 333, 1, 1}};
+    for (const ServoSettings& servo : servos) {
+        JobSettings settings;
+        settings.servo = servo;
+        const MarkingJob job = jobOf("jump -400000 -100000\nmark 400000 100000\n", settings);
+        const ScheduledMark& mark = job.marks().at(0);
+        const std::uint64_t middle = (mark.motionStartTick + mark.motionEndTick) / 2 / 640 * 640;
+        for (std::uint64_t tick = middle - 5 * 64000; tick < middle + 5 * 64000; tick += 64000) {
+            const auto t = static_cast<std::int64_t>(tick);
+            const Position3 actual = job.actual(0, t), now = job.commanded(0, t), later = job.commanded(0, t + 64000);
+            EXPECT_NEAR(static_cast<double>(now.x - actual.x) * 1000 / static_cast<double>(later.x - now.x), servo.trackingErrorUs, 1.0);
+            EXPECT_NEAR(static_cast<double>(now.y - actual.y) * 1000 / static_cast<double>(later.y - now.y), servo.trackingErrorUs, 1.0);
+        }
+        EXPECT_NEAR(explainJob(job).trackingErrorUs, servo.trackingErrorUs, 1.0) << "the least-squares lag";
+    }
+}
+
+// The mirror's samples after a long jump: beyond the target and back below damping 1, creeping in at 1; what
+// --explain reports of the arrival agrees with them.
+TEST(ServoModel, BelowDampingOneALongJumpOvershootsAndThenSettles) {
+    for (const double damping : {0.4, 1.0}) {
+        JobSettings settings;
+        settings.servo.damping = damping;
+        settings.servo.maxAccelerationUnitsPerMs2 = 1e6;
+        settings.timing.jumpDelayUs = 8000;
+        const MarkingJob job = jobOf("jump 400000 0\nmark 400000 1000\n", settings);
+        const ScheduledJump& jump = job.jumps().at(0);
+        std::int64_t furthest = INT64_MIN;
+        std::uint64_t lastOutside = 0;
+        for (std::uint64_t tick = jump.motionEndTick; tick < jump.nextMotionTick; tick += 640) {
+            const Position3 actual = job.actual(0, static_cast<std::int64_t>(tick));
+            furthest = std::max(furthest, actual.x - 400000);
+            if (std::hypot(actual.x - 400000.0, static_cast<double>(actual.y)) > 100) lastOutside = tick;
+        }
+        if (damping < 1) {
+            EXPECT_GT(furthest, 2000) << "overshoot";
+        } else {
+            EXPECT_EQ(furthest, 0);
+        }
+        EXPECT_LT(lastOutside + 640, jump.nextMotionTick) << "settled before the path moves on";
+        const JumpArrival arrival = job.arrivals().at(0);
+        EXPECT_NEAR(arrival.overshootUnits, static_cast<double>(furthest), damping < 1 ? 20 : 1);
+        EXPECT_GT(static_cast<double>(jump.motionEndTick) + arrival.settleTicks, static_cast<double>(lastOutside));
+        EXPECT_LE(static_cast<double>(jump.motionEndTick) + arrival.settleTicks, static_cast<double>(lastOutside + 640));
+    }
+}
+
+// A 1 ms jump and its delay, then a polyline of two 1 ms segments around a corner: the gate, the power, the labels
+// and the path stand where the delays put them; a laser-off delay beyond the mark delay holds the next command.
+TEST(CardTiming, GateEdgesLabelsAndCornersSitWhereTheDelaysPutThem) {
+    for (const auto& [markDelayUs, laserOffDelayUs, endLabelAfter] : {std::tuple{150.0, 80.0, 9600U}, {0.0, 333.0, 21760U}}) {
+        JobSettings settings;
+        settings.timing = {10000, 5000, 100, markDelayUs, 20, 123.5, laserOffDelayUs};
+        settings.servo = {ServoKind::delay, 250, 1, 1};
+        const MarkingJob job = jobOf("jump 10000 0\nlabel 5\nmark 10000 5000\nmark 15000 5000\nlabel 6\n", settings);
+        constexpr std::uint64_t start = 64000 + 64000 + 6400;  // lead-in, jump, jump delay
+        constexpr std::uint64_t corner = start + 64000;
+        constexpr std::uint64_t end = corner + 1280 + 64000;    // polygon delay, second segment
+        const std::uint64_t off = end + static_cast<std::uint64_t>(laserOffDelayUs * 64);
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> gate, power;
+        for (const SignalChange& change : job.changesOf(oltbEventGate)) gate.emplace_back(change.tick, change.value);
+        for (const SignalChange& change : job.changesOf(oltbEventLaserPower16)) power.emplace_back(change.tick, change.value);
+        EXPECT_EQ(gate, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{start + 7904, 1}, {off, 0}}));
+        EXPECT_EQ(power, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{start + 7904, 0x8000}, {off, 0}}));
+        ASSERT_EQ(job.labels().size(), 2U);
+        EXPECT_EQ(job.labels()[0].tick, start);
+        EXPECT_EQ(job.labels()[1].tick, end + endLabelAfter);
+        for (const std::uint64_t tick : {corner, corner + 1280}) {
+            EXPECT_EQ(job.commanded(0, static_cast<std::int64_t>(tick)).y, 5000) << "the path stands at the corner";
+        }
+        EXPECT_GT(job.commanded(0, corner + 1280 + 640).x, 10000);
+        const JobTruth truth = explainJob(job);
+        EXPECT_NEAR(truth.trackingErrorUs, 250, 0.01);
+        EXPECT_NEAR(truth.marks.at(0).laserOnOffsetUs, 123.5 - 250, 0.01);
+        EXPECT_NEAR(truth.marks.at(0).laserOffOffsetUs, laserOffDelayUs - 250, 0.01);
+    }
+}
+
+TEST(JobFile, ErrorsNameTheFileTheLineAndWhatIsWrong) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"jump 0 0\n\n  # a comment\nmrak 1 2\n", "job.txt:4: unknown command 'mrak' (jump, mark, arc, label, power, wait, speed)"},
+        {"mark 1 # 2\n", "job.txt:1: 'mark' takes 2 arguments (X Y), got 1"},
+        {"jump 524288 0\n", "job.txt:1: X 524288 lies outside the field (-524287..524287)"},
+        {"jump 0 1.5\n", "job.txt:1: Y must be a whole number of head units: 1.5"},
+        {"wait ten\n", "job.txt:1: the wait is not a number: 'ten'"},
+        {"speed laser 5\n", "job.txt:1: 'speed' sets 'jump' or 'mark', not 'laser'"},
+        {"label 0x4D01\n", "job.txt:1: labels 19712 to 19967 (0x4D00..0x4DFF) are not used"},
+        {"power 0x4D20\n", "job.txt:1: power 0x4D20 is not used"},
+        {"jump 480000 360000\narc 0 0 106\n", "job.txt:2: the arc leaves the field"},  // beyond at 90 degrees only
+        {"wait 1e7\nwait 1e7\nwait 1e7\nwait 1e7\nwait 1e7\nwait 1e7\nwait 1e7\n", "job.txt: the job lasts 70.0 s"},
+        {"# nothing\n", "job.txt: the job has no commands"},
+    };
+    for (const auto& [text, message] : cases) {
+        try {
+            jobOf(text);
+            ADD_FAILURE() << "accepted: " << text;
+        } catch (const JobFileError& e) {
+            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0U) << e.what();
+        }
+    }
 }
 
 }  // namespace

@@ -1,36 +1,29 @@
-// Layout of the marking job: the path of head 0, the labels around it and the signals that follow the marking.
+// Layout of a job cycle: the path of head 0 from the card's timing, the mirrors following it, the labels and the
+// signals that follow the marking.
 #include "MarkingJob.h"
 
 #include "api/oltb.h"
 
 #include <algorithm>
 #include <cassert>
+#include <cmath>
 
 namespace oltbsim {
 namespace {
 
-constexpr std::uint64_t kLeadInTicks = 64000;          // 1 ms at home before label 1
-constexpr std::uint64_t kSettleTicks = 6400;           // 100 us after a jump and after a mark
-constexpr std::uint64_t kLabelGapTicks = 64;           // 1 us between a shape's label and its gate edge
+constexpr std::uint64_t kLeadInTicks = 64000;          // 1 ms at home before the job
 constexpr std::uint64_t kStartMarkPulseTicks = 640;    // StartMark input high for 10 us before the job
-constexpr double kPi = 3.14159265358979323846;
+// Mirrors that have not come to rest this long after the pause are taken as they are at the end of the cycle.
+constexpr std::uint64_t kLongestRestTicks = 20ULL * 64000000;
 
 constexpr std::uint32_t kPortAJobBusy = 0x0001;        // PortA bit 0: job running
-constexpr unsigned kPortAShapeShift = 8;               // PortA bits 8..11: number of the shape being marked, 1..4
+constexpr unsigned kPortAShapeShift = 8;               // PortA bits 8..11: number of the polyline being marked, 1..15
 
 std::uint64_t roundUpTo(const std::uint64_t value, const std::uint64_t step) {
     return (value + step - 1) / step * step;
 }
 
-// A 16-bit power on a line of `width` bits, rounded up so that any power shows.
-std::uint32_t scalePower(const std::uint32_t power16, const unsigned width) {
-    const std::uint64_t fullScale = (std::uint64_t{1} << width) - 1;
-    return static_cast<std::uint32_t>((power16 * fullScale + 65534) / 65535);
-}
-
-// The shapes' powers (and all other values of the job) keep the top byte of a word's payload clear of 0x4D: a
-// response frame sent right behind such a word would not be recognised by a client, whose frame scan starts
-// at the first of four 0x4D bytes.
+// The job's values (powers, labels; JobFile) keep the top byte of a word's payload clear of 0x4D.
 struct PowerLine {
     std::uint32_t type;
     unsigned width;
@@ -45,66 +38,107 @@ constexpr PowerLine kPowerLines[] = {
     {oltbEventLaserPower1_4, 4, 1},   {oltbEventLaserPower1_2, 2, 1},   {oltbEventLaserPower1_1, 1, 1},
 };
 
+// Watches the mirror after one jump, from the commanded arrival until the path moves on: the last time it came
+// into the band (between two steps, linearly) and how far it went beyond the target.
+class ArrivalWatch {
+public:
+    ArrivalWatch(const ScheduledJump& jump, const double band) : _jump(jump), _band(band) {
+        const double dx = static_cast<double>(jump.to.x - jump.from.x);
+        const double dy = static_cast<double>(jump.to.y - jump.from.y);
+        const double length = std::hypot(dx, dy);
+        _direction = length > 0 ? Vec2{dx / length, dy / length} : Vec2{};
+    }
+
+    bool covers(const std::uint64_t tick) const { return tick >= _jump.motionEndTick && tick < _jump.nextMotionTick; }
+
+    void observe(const std::uint64_t tick, const Vec2 position) {
+        const double dx = position.x - static_cast<double>(_jump.to.x);
+        const double dy = position.y - static_cast<double>(_jump.to.y);
+        const double distance = std::hypot(dx, dy);
+        _arrival.overshootUnits = std::max(_arrival.overshootUnits, dx * _direction.x + dy * _direction.y);
+        const bool inside = distance <= _band;
+        if (inside && !_started) {
+            _arrival.settleTicks = 0;
+        } else if (inside && !_inside) {
+            const double fraction = (_lastDistance - _band) / (_lastDistance - distance);
+            _arrival.settleTicks = static_cast<double>(_lastTick - _jump.motionEndTick) +
+                                   fraction * static_cast<double>(ServoModel::kStepTicks);
+        } else if (!inside) {
+            _arrival.settleTicks = -1;
+        }
+        _started = true;
+        _inside = inside;
+        _lastTick = tick;
+        _lastDistance = distance;
+    }
+
+    JumpArrival arrival() const { return _arrival; }
+
+private:
+    const ScheduledJump& _jump;
+    double _band;
+    Vec2 _direction;
+    JumpArrival _arrival;
+    bool _started = false;
+    bool _inside = false;
+    std::uint64_t _lastTick = 0;
+    double _lastDistance = 0;
+};
+
 }  // namespace
 
-MarkingJob::MarkingJob(const JobSettings& settings) : _settings(settings) {
-    buildPath();
+MarkingJob::MarkingJob(const JobSettings& settings)
+    : _settings(settings), _schedule(scheduleJob(settings.program, settings.timing, kLeadInTicks)) {
+    followPath();
     buildSignals();
 }
 
-void MarkingJob::buildPath() {
-    _path.dwell(kLeadInTicks);
-    _jobStartTick = _path.durationTicks();
-    _labels.push_back({_jobStartTick, kJobStartLabel});
-
-    const auto beginShape = [this](const char* name, const Point start, const std::uint16_t power) {
-        _path.moveTo(start, kJumpSpeedUnitsPerMs);
-        _path.dwell(kSettleTicks);
-        ShapeInfo shape;
-        shape.name = name;
-        shape.startLabel = static_cast<std::uint16_t>(10 + 2 * _shapes.size());
-        shape.endLabel = static_cast<std::uint16_t>(shape.startLabel + 1);
-        shape.power = power;
-        shape.startPoint = start;
-        shape.markStartTick = _path.durationTicks();
-        _shapes.push_back(shape);
-    };
-    const auto endShape = [this]() {
-        ShapeInfo& shape = _shapes.back();
-        shape.markEndTick = _path.durationTicks();
-        _labels.push_back({shape.markStartTick - kLabelGapTicks, shape.startLabel});
-        _labels.push_back({shape.markEndTick + kLabelGapTicks, shape.endLabel});
-        _path.dwell(kSettleTicks);
-    };
-
-    beginShape("line", {-300000, -250000}, 0x4000);
-    _path.moveTo({300000, -250000}, kMarkSpeedUnitsPerMs);
-    endShape();
-
-    beginShape("square", {-100000, -100000}, 0x6000);
-    for (const Point corner : {Point{100000, -100000}, Point{100000, 100000}, Point{-100000, 100000},
-                               Point{-100000, -100000}}) {
-        _path.moveTo(corner, kMarkSpeedUnitsPerMs);
+// Runs the mirrors over the whole cycle, step by step from rest at home: keeps the samples, watches the arrivals
+// after the jumps, and ends the cycle after the pause once the mirrors rest at home again.
+void MarkingJob::followPath() {
+    ServoModel mirror(_settings.servo);
+    mirror.reset(Point{0, 0}, 0);
+    std::vector<ArrivalWatch> watches;
+    for (const ScheduledJump& jump : _schedule.jumps) {
+        watches.emplace_back(jump, _settings.settleBandUnits);
     }
-    endShape();
-
-    beginShape("circle", {350000, 250000}, 0x8000);
-    _path.arc({250000, 250000}, 2 * kPi, kMarkSpeedUnitsPerMs);
-    endShape();
-
-    beginShape("arc", {-150000, 250000}, 0xC000);
-    _path.arc({-250000, 250000}, kPi, kMarkSpeedUnitsPerMs);
-    endShape();
-
-    _path.moveTo({0, 0}, kJumpSpeedUnitsPerMs);
-    _path.dwell(kSettleTicks);
-    _jobEndTick = _path.durationTicks();
-    _labels.push_back({_jobEndTick, kJobEndLabel});
-    std::sort(_labels.begin(), _labels.end(), [](const Label& a, const Label& b) { return a.tick < b.tick; });
-
-    // The actual positions must be home again before the next cycle begins.
-    const std::uint64_t restTicks = std::max(_settings.pauseTicks, _settings.servoDelayTicks + kSamplePeriodTicks);
-    _cycleTicks = roundUpTo(_jobEndTick + restTicks, kSamplePeriodTicks);
+    const std::uint64_t pauseEnd = _schedule.jobEndTick + _settings.pauseTicks;
+    std::uint64_t restFrom = _schedule.homeTick;
+    if (_settings.servo.kind == ServoKind::delay) {
+        restFrom += static_cast<std::uint64_t>(std::llround(_settings.servo.trackingErrorUs * 64));
+    }
+    const std::uint64_t lastTick = std::max(pauseEnd, restFrom) + kLongestRestTicks;
+    std::size_t firstWatch = 0;
+    std::uint64_t restTick = 0;
+    _actual.push_back({0, 0});
+    while (mirror.tick() < lastTick) {
+        mirror.step(_schedule.path);
+        const std::uint64_t tick = mirror.tick();
+        const Vec2 position = mirror.position();
+        while (firstWatch < watches.size() && tick >= _schedule.jumps[firstWatch].nextMotionTick) {
+            ++firstWatch;
+        }
+        for (std::size_t i = firstWatch; i < watches.size() && tick >= _schedule.jumps[i].motionEndTick; ++i) {
+            if (watches[i].covers(tick)) {
+                watches[i].observe(tick, position);
+            }
+        }
+        if (tick % kSamplePeriodTicks == 0) {
+            const auto clamp = [](const double value) {
+                const double limit = static_cast<double>(kFieldLimitUnits);
+                return static_cast<std::int32_t>(std::llround(std::clamp(value, -limit, limit)));
+            };
+            _actual.push_back({clamp(position.x), clamp(position.y)});
+            if (tick >= restFrom && mirror.restsAt(Point{0, 0})) {
+                restTick = tick;
+                break;
+            }
+        }
+    }
+    _cycleTicks = roundUpTo(std::max({pauseEnd, restTick, mirror.tick()}), kSamplePeriodTicks);
+    for (const ArrivalWatch& watch : watches) {
+        _arrivals.push_back(watch.arrival());
+    }
 }
 
 void MarkingJob::addChange(const std::uint32_t type, const std::uint64_t tick, const std::uint32_t value) {
@@ -112,29 +146,30 @@ void MarkingJob::addChange(const std::uint32_t type, const std::uint64_t tick, c
 }
 
 void MarkingJob::buildSignals() {
-    addChange(oltbEventStartMark, _jobStartTick - kStartMarkPulseTicks, 1);
-    addChange(oltbEventStartMark, _jobStartTick, 0);
-    addChange(oltbEventPortA, _jobStartTick, kPortAJobBusy);
-    addChange(oltbEventPortLaserOut1, _jobStartTick, 1);
+    addChange(oltbEventStartMark, jobStartTick() - kStartMarkPulseTicks, 1);
+    addChange(oltbEventStartMark, jobStartTick(), 0);
+    addChange(oltbEventPortA, jobStartTick(), kPortAJobBusy);
+    addChange(oltbEventPortLaserOut1, jobStartTick(), 1);
 
-    for (std::size_t k = 0; k < _shapes.size(); ++k) {
-        const ShapeInfo& shape = _shapes[k];
-        addChange(oltbEventGate, shape.markStartTick, 1);
-        addChange(oltbEventGate, shape.markEndTick, 0);
-        addChange(oltbEventPortLaserOut0, shape.markStartTick, 1);
-        addChange(oltbEventPortLaserOut0, shape.markEndTick, 0);
-        addChange(oltbEventPortA, shape.markStartTick,
-                  kPortAJobBusy | static_cast<std::uint32_t>((k + 1) << kPortAShapeShift));
-        addChange(oltbEventPortA, shape.markEndTick, kPortAJobBusy);
+    const std::vector<ScheduledMark>& marks = _schedule.marks;
+    for (std::size_t k = 0; k < marks.size(); ++k) {
+        const ScheduledMark& mark = marks[k];
+        addChange(oltbEventGate, mark.gateOnTick, 1);
+        addChange(oltbEventGate, mark.gateOffTick, 0);
+        addChange(oltbEventPortLaserOut0, mark.gateOnTick, 1);
+        addChange(oltbEventPortLaserOut0, mark.gateOffTick, 0);
+        addChange(oltbEventPortA, mark.gateOnTick,
+                  kPortAJobBusy | static_cast<std::uint32_t>((k % 15 + 1) << kPortAShapeShift));
+        addChange(oltbEventPortA, mark.gateOffTick, kPortAJobBusy);
         for (const PowerLine& line : kPowerLines) {
-            const std::uint32_t power = line.laser == 0 ? shape.power : shape.power / 2U;
-            addChange(line.type, shape.markStartTick, scalePower(power, line.width));
-            addChange(line.type, shape.markEndTick, 0);
+            const std::uint32_t power = line.laser == 0 ? mark.power : mark.power / 2U;
+            addChange(line.type, mark.gateOnTick, scalePower(power, line.width));
+            addChange(line.type, mark.gateOffTick, 0);
         }
     }
 
-    addChange(oltbEventPortA, _jobEndTick, 0);
-    addChange(oltbEventPortLaserOut1, _jobEndTick, 0);
+    addChange(oltbEventPortA, jobEndTick(), 0);
+    addChange(oltbEventPortLaserOut1, jobEndTick(), 0);
 }
 
 const std::vector<std::uint32_t>& MarkingJob::drivenSignals() {
@@ -164,13 +199,27 @@ std::uint32_t MarkingJob::valueAt(const std::uint32_t type, const std::uint64_t 
 
 Position3 MarkingJob::commanded(const unsigned head, const std::int64_t tick) const {
     assert(head < 2);
-    const Point p = _path.at(tick);
+    const Point p = _schedule.path.at(tick);
     const Point onHead = head == 0 ? p : Point{-p.x / 2, p.y / 2};
     return {onHead.x, onHead.y, (onHead.x * onHead.x + onHead.y * onHead.y) >> 21};
 }
 
 Position3 MarkingJob::actual(const unsigned head, const std::int64_t tick) const {
-    return commanded(head, tick - static_cast<std::int64_t>(_settings.servoDelayTicks));
+    assert(head < 2);
+    Point p{0, 0};
+    if (tick > 0) {
+        const auto period = static_cast<std::int64_t>(kSamplePeriodTicks);
+        const auto index = static_cast<std::size_t>(tick / period);
+        const std::int64_t into = tick % period;
+        const auto sampleAt = [this](const std::size_t i) {
+            return i < _actual.size() ? Point{_actual[i].x, _actual[i].y} : Point{0, 0};
+        };
+        const Point before = sampleAt(index);
+        const Point after = into == 0 ? before : sampleAt(index + 1);
+        p = {before.x + (after.x - before.x) * into / period, before.y + (after.y - before.y) * into / period};
+    }
+    const Point onHead = head == 0 ? p : Point{-p.x / 2, p.y / 2};
+    return {onHead.x, onHead.y, (onHead.x * onHead.x + onHead.y * onHead.y) >> 21};
 }
 
 }  // namespace oltbsim

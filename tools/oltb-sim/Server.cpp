@@ -100,7 +100,7 @@ const char* describeEnd(const SessionEnd end) {
 
 }  // namespace
 
-int runServer(const ServerSettings& settings) {
+int runServer(const ServerSettings& settings, const MarkingJob& job) {
     ShutdownSignal::install();
 
     std::string reason;
@@ -113,7 +113,6 @@ int runServer(const ServerSettings& settings) {
     std::printf("oltb-sim listening on %s:%s\n", settings.address.c_str(), kServerPort);
     std::fflush(stdout);
 
-    const MarkingJob job(settings.job);
     std::unique_ptr<TraceSource> source;
     if (settings.counter) {
         source = std::make_unique<CounterStream>(settings.counterStepTicks);

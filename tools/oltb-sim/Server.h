@@ -4,6 +4,7 @@
 // next; tracing does not (a new client finds it stopped).
 #pragma once
 
+#include "MarkingJob.h"
 #include "ServerSettings.h"
 
 namespace oltbsim {
@@ -15,7 +16,8 @@ enum ExitCode : int {
     exitFailure = 3,       // any other failure
 };
 
-// Runs the server; returns the process exit code.
-int runServer(const ServerSettings& settings);
+// Runs the server, streaming `job` (laid out beforehand, so that a job that cannot run never opens the port) or, in
+// counter mode, the counter; returns the process exit code.
+int runServer(const ServerSettings& settings, const MarkingJob& job);
 
 }  // namespace oltbsim

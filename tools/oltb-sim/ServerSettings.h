@@ -1,8 +1,6 @@
 // Everything the command line decides about the simulated server.
 #pragma once
 
-#include "MarkingJob.h"
-
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -35,7 +33,6 @@ struct ServerSettings {
     bool counter = false;
     std::uint64_t counterStepTicks = 64;
     std::uint64_t clockStartTick = 1000000000;
-    JobSettings job;
     FaultSettings faults;
     bool verbose = false;
 };

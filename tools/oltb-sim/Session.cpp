@@ -2,6 +2,7 @@
 // is queued, so commands are read and answered between batches even at maximum rate.
 #include "Session.h"
 
+#include "CardTiming.h"
 #include "ShutdownSignal.h"
 
 #include <algorithm>
@@ -184,7 +185,7 @@ void Session::startStream() {
     if (_streaming) {
         return;  // a second Start keeps the running stream
     }
-    constexpr std::uint64_t kGrid = MarkingJob::kSamplePeriodTicks;
+    constexpr std::uint64_t kGrid = kServoPeriodTicks;
     const std::uint64_t startTick = (_state.clockTick + kGrid - 1) / kGrid * kGrid;
     _source.start(startTick, _state.selection);
     _pacer.begin(startTick, Pacer::Clock::now());

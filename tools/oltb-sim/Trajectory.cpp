@@ -87,4 +87,16 @@ Point Trajectory::at(const std::int64_t tick) const {
     return evaluate(piece, t - piece.startTick);
 }
 
+Vec2 Trajectory::interpolated(const double tick) const {
+    const double whole = std::floor(tick);
+    const Point before = at(static_cast<std::int64_t>(whole));
+    const double fraction = tick - whole;
+    if (fraction == 0) {
+        return {static_cast<double>(before.x), static_cast<double>(before.y)};
+    }
+    const Point after = at(static_cast<std::int64_t>(whole) + 1);
+    return {static_cast<double>(before.x) + fraction * static_cast<double>(after.x - before.x),
+            static_cast<double>(before.y) + fraction * static_cast<double>(after.y - before.y)};
+}
+
 }  // namespace oltbsim

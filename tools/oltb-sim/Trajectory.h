@@ -15,6 +15,11 @@ struct Point {
     friend bool operator==(const Point& a, const Point& b) noexcept { return a.x == b.x && a.y == b.y; }
 };
 
+struct Vec2 {
+    double x = 0;
+    double y = 0;
+};
+
 class Trajectory {
 public:
     Trajectory(Point start, std::uint64_t periodTicks) : _start(start), _end(start), _periodTicks(periodTicks) {}
@@ -27,6 +32,8 @@ public:
 
     // The position at `tick`; before the start it is the start point, after the end the end point.
     Point at(std::int64_t tick) const;
+    // The position between two ticks, linear from the one to the other.
+    Vec2 interpolated(double tick) const;
 
     std::uint64_t durationTicks() const noexcept { return _durationTicks; }
     Point end() const noexcept { return _end; }

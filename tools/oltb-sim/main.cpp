@@ -1,5 +1,6 @@
 // oltb-sim: a trace buffer server for machines without a scan controller card. Reads the command line and runs
 // the server; everything the options mean is told by --help.
+#include "GroundTruth.h"
 #include "Server.h"
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #ifndef OLTB_TOOL_VERSION
@@ -26,33 +28,84 @@ constexpr const char* kDescription =
 
 constexpr const char* kFooter = R"(
 THE MARKING JOB (default mode)
-  Runs over and over; a started stream begins with a fresh run. Times are from the start of a run,
-  positions in raw head units of head 0 (signed, as converted by oltbToSignedPosition).
-    0 ms      at home (0,0); StartMark high for 10 us just before 1 ms
-    1 ms      label 1: job starts (PortA bit 0 and PortLaserOut1 high while the job runs)
-    for each shape k = 0..3: jump at 25000 units/ms to its start, settle 100 us, label 10+2k,
-      1 us later gate on and laser power on, mark at 5000 units/ms, gate and power off,
-      1 us later label 11+2k, dwell 100 us
-      k=0 line    (-300000,-250000) -> (300000,-250000)                          labels 10/11  power 0x4000
+  The card runs a job over and over; a started stream begins with a fresh run. A run: 1 ms at home
+  (0,0) with StartMark high for its last 10 us; the job's commands (PortA bit 0 and PortLaserOut1 high
+  until the last one is done); a jump home if the job ended elsewhere; the pause (--pause-ms), longer
+  if the mirrors need it to come to rest at home. The lower 16 bits of a label word count the runs.
+  Without --job the built-in job runs (--print-job prints it): with labels 1 and 2 around the whole job
+  and 10+2k / 11+2k around shape k, head 0 marks
+      k=0 line    (-300000,-250000) -> (300000,-250000)                           power 0x4000
       k=1 square  corners (-100000,-100000) (100000,-100000) (100000,100000) (-100000,100000),
-                  marked in that order and back to the first                      labels 12/13  power 0x6000
-      k=2 circle  centre (250000,250000), radius 100000, from (350000,250000), one turn
-                  counterclockwise                                                labels 14/15  power 0x8000
+                  marked in that order and back to the first, as one polyline     power 0x6000
+      k=2 circle  centre (250000,250000), radius 100000, from (350000,250000), once counterclockwise
+                                                                                  power 0x8000
       k=3 arc     centre (-250000,250000), radius 100000, from (-150000,250000) half a turn
-                  counterclockwise to (-350000,250000)                            labels 16/17  power 0xC000
-    then jump home, settle 100 us, label 2: job ends (about 562 ms after label 1)
-    pause (--pause-ms), then the next run. The lower 16 bits of a label word count the runs: 1, 2, ...
-  Signals produced (all others stay silent):
+                  counterclockwise to (-350000,250000)                            power 0xC000
+  each after a jump from the previous end (from home, first), and jumps home at the end.
+
+THE JOB FILE (--job FILE)
+  One command a line; '#' starts a comment; words separated by blanks. Positions in head units of
+  head 0 (whole numbers, -524287..524287), speeds in units/ms, times in us; numbers may be 0x hex.
+    jump X Y            jump to X Y (laser off); the next command waits for the jump delay
+    mark X Y            mark a straight line from the current position to X Y
+    arc CX CY DEGREES   mark around the centre CX CY from the current position; DEGREES > 0 turns
+                        counterclockwise, < 0 clockwise (up to 3600 either way)
+    label N             put label N (0..65535) into the trace at this point of the job
+    power P             laser power of the following marks, 0..65535 (16 bits; initially 0x8000)
+    wait US             stand still for US microseconds, laser off
+    speed jump V        jump speed from here on (initially --jump-speed)
+    speed mark V        mark speed from here on (initially --mark-speed)
+  Consecutive mark and arc lines form one polyline marked with the laser kept on; any other command
+  ends it. The job starts at home (0,0). A line the simulator cannot run is reported as
+  "oltb-sim: FILE:LINE: what is wrong" and the simulator does not start (exit code 1). Example:
+    label 1
+    power 0x6000
+    jump -200000 0
+    mark 200000 0            # a line ...
+    arc 200000 100000 180    # ... and a half circle, one polyline
+    label 2
+
+THE CARD'S TIMING
+  A jump moves at the jump speed; the next command waits for the jump delay after its arrival. A
+  polyline moves at the mark speed; at every corner between two of its segments the path stands still
+  for the polygon delay. The gate (and the laser power) switches on the laser-on delay after the
+  commanded motion of a polyline starts and off the laser-off delay after it ends; the next command
+  waits for the mark delay after the end, and at least until the gate is off. The commanded path runs
+  on the card's 10 us period (moves and delays round up to it); the gate edges fall on any tick.
+
+THE SCAN HEAD (--servo)
+  second-order (default): each mirror axis follows the commanded path through a position loop with
+  natural frequency w and damping z, a = w^2 (commanded - actual) - 2 z w v, the acceleration limited
+  to --max-acceleration, integrated in steps of 1 us or finer. At constant speed the mirror trails by
+  the tracking error 2 z / w (--tracking-error-us, 10..5000); with --damping below 1 it overshoots and
+  rings after a jump or a corner, at 1 and above it does not while the acceleration stays below the
+  limit (long jumps at the defaults reach it). delay: the actual positions are the commanded ones
+  delayed by the tracking error (0..100000), no dynamics.
+
+WHAT AN ANALYSIS SHOULD FIND (--explain)
+  Prints one JSON object computed from the model (not from a trace) and exits. Times are in us from the
+  job's first command (label 1 of the built-in job). "tracking_error_us": the shift tau that brings the
+  commanded position at t - tau closest to the actual one at t (least squares over the samples taken
+  while the gate is on). "marks", one per polyline: "gate_on_us", "gate_off_us", the mirror's motion
+  (the commanded motion shifted by tau) "motion_start_us", "motion_end_us", and "laser_on_offset_us"
+  = gate on - motion start, "laser_off_offset_us" = gate off - motion end (positive: the laser later
+  than the mirror), with the labels before and after it. "jumps": "from", "to", "length", the
+  commanded arrival "end_us", "settle_us" from then until the mirror stays within --settle-band of the
+  target (null: not before the path moves on) and "overshoot_units" beyond the target. Also the
+  settings, the medians of the offsets and every label with its time.
+
+SIGNALS PRODUCED (all others stay silent)
     Head0/Head1 TxX TxY TxZ   commanded positions, one word each every 10 us (640 ticks)
-    Head0/Head1 RxX RxY RxZ   actual positions: the commanded ones delayed by --servo-delay-us
+    Head0/Head1 RxX RxY RxZ   actual positions from the scan head model, sampled with them
                               head 1 = head 0 mirrored in X and halved: (-x/2, y/2); Z of a head is its
                               focus correction (x*x + y*y) / 2^21; X channels travel negated (20 bits)
-    Gate, PortLaserOut0       1 exactly while a shape is marked
-    LaserPower16/8/4/2/1, LaserPower0_16.._1   the shape's power while marking, scaled to the line's
-                              width and rounded up; LaserPower1_16.._1 half of it (laser of head 1)
-    PortA                     bit 0 job running, bits 8..11 number of the shape being marked (k+1)
-    PortLaserOut1             job running;  StartMark  10 us pulse before label 1
-    Label                     the label numbers above
+    Gate, PortLaserOut0       1 while a polyline is marked (its gate, by the laser delays)
+    LaserPower16/8/4/2/1, LaserPower0_16.._1   the polyline's power while the gate is on, scaled to the
+                              line's width and rounded up; LaserPower1_16.._1 half of it (laser of head 1)
+    PortA                     bit 0 job running, bits 8..11 number of the polyline being marked (1..15,
+                              counting on from the job start)
+    PortLaserOut1             job running;  StartMark  10 us pulse before the job
+    Label                     the job's labels
   Narrow signals are sent only when they change (and once with their state when tracing starts): one
   word covers 32/n ticks of an n-bit signal, aligned to that window, first sample in the top bits.
 
@@ -74,7 +127,8 @@ PROTOCOL CHOICES
   response (so the client does not wait in vain); bytes that do not start a frame (0x4D) are reported and
   skipped up to the next 0x4D, without an answer. Responses are queued behind the words already produced,
   between whole words. A client does not see a response right behind a word whose last byte is 0x4D, so
-  the job's values keep that byte clear (the counter reaches 0x4D000000 only after 1.29e9 values).
+  the job's values keep that byte clear: a job file's labels 0x4D00..0x4DFF and powers whose laser level
+  would carry it are refused (the counter reaches 0x4D000000 only after 1.29e9 values).
 
 FAULTS
   --close-after-words N     closes each connection after N words (time-base words included)
@@ -120,7 +174,12 @@ std::optional<std::uint8_t> parseCommandCode(const std::string& text) {
 int main(int argc, char** argv) {
     using oltbsim::ExitCode;
     oltbsim::ServerSettings settings;
-    double servoDelayUs = 250;
+    oltbsim::JobSettings job;
+    std::string jobFile;
+    std::string servoKind = "second-order";
+    double servoDelayUs = -1;
+    bool printJob = false;
+    bool explain = false;
     double pauseMs = 50;
     double counterRate = 1e6;
     std::uint64_t closeAfterWords = 0;
@@ -136,12 +195,51 @@ int main(int argc, char** argv) {
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     app.add_flag("--max-rate", settings.maxRate, "Stream as fast as the client reads (no pacing)");
-    app.add_option("--servo-delay-us", servoDelayUs, "Delay of the actual behind the commanded positions, us")
-        ->check(CLI::Range(0.0, 100000.0))
+
+    app.add_option("--job", jobFile, "Job file to run instead of the built-in job (format below)")
+        ->check(CLI::ExistingFile);
+    app.add_flag("--print-job", printJob, "Print the job's text and exit");
+    app.add_flag("--explain", explain, "Print what an analysis of the job's trace should find (JSON) and exit");
+    app.add_option("--settle-band", job.settleBandUnits, "Band around a jump's target for --explain's settle times, units")
+        ->check(CLI::Range(1.0, 100000.0))
         ->capture_default_str();
     app.add_option("--pause-ms", pauseMs, "Pause between two runs of the job, ms")
         ->check(CLI::Range(0.0, 60000.0))
         ->capture_default_str();
+
+    auto* servo = app.add_option("--servo", servoKind, "Scan head model: second-order or delay")
+                      ->check(CLI::IsMember({"second-order", "delay"}))
+                      ->capture_default_str();
+    auto* tracking = app.add_option("--tracking-error-us", job.servo.trackingErrorUs,
+                                    "Lag of the actual behind the commanded position at constant speed, us")
+                         ->check(CLI::Range(0.0, 100000.0))
+                         ->capture_default_str();
+    app.add_option("--damping", job.servo.damping, "Damping of the scan head: 1 no overshoot, below 1 it rings")
+        ->check(CLI::Range(0.2, 2.0))
+        ->capture_default_str();
+    app.add_option("--max-acceleration", job.servo.maxAccelerationUnitsPerMs2, "Largest acceleration, units/ms^2")
+        ->check(CLI::Range(1000.0, 1e9))
+        ->capture_default_str();
+    app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
+        ->check(CLI::Range(0.0, 100000.0))
+        ->excludes(servo)
+        ->excludes(tracking);
+
+    oltbsim::CardTiming& timing = job.timing;
+    for (const auto& [name, value, help] : {
+             std::tuple{"--jump-speed", &timing.jumpSpeedUnitsPerMs, "Jump speed, units/ms"},
+             std::tuple{"--mark-speed", &timing.markSpeedUnitsPerMs, "Mark speed, units/ms"}}) {
+        app.add_option(name, *value, help)->check(CLI::Range(10.0, 1e6))->capture_default_str();
+    }
+    for (const auto& [name, value, help] : {
+             std::tuple{"--jump-delay-us", &timing.jumpDelayUs, "Wait after a jump before the next command, us"},
+             std::tuple{"--mark-delay-us", &timing.markDelayUs, "Wait after a polyline before the next command, us"},
+             std::tuple{"--polygon-delay-us", &timing.polygonDelayUs, "Stop at each corner of a polyline, us"},
+             std::tuple{"--laser-on-delay-us", &timing.laserOnDelayUs, "Gate on after a polyline's motion starts, us"},
+             std::tuple{"--laser-off-delay-us", &timing.laserOffDelayUs, "Gate off after a polyline's motion ends, us"}}) {
+        app.add_option(name, *value, help)->check(CLI::Range(0.0, 100000.0))->capture_default_str();
+    }
+
     app.add_option("--clock-start", settings.clockStartTick, "Card clock at the first Start, ticks (1/64 us)")
         ->capture_default_str();
     app.add_flag("--counter", settings.counter, "Stream the counting Spi0Rx sequence instead of the job");
@@ -167,8 +265,17 @@ int main(int argc, char** argv) {
         return app.exit(e) == 0 ? ExitCode::exitSuccess : ExitCode::exitBadOptions;
     }
 
-    settings.job.servoDelayTicks = static_cast<std::uint64_t>(std::llround(servoDelayUs * 64));
-    settings.job.pauseTicks = static_cast<std::uint64_t>(std::llround(pauseMs * 64000));
+    if (servoDelayUs >= 0) {
+        servoKind = "delay";
+        job.servo.trackingErrorUs = servoDelayUs;
+    }
+    job.servo.kind = servoKind == "delay" ? oltbsim::ServoKind::delay : oltbsim::ServoKind::secondOrder;
+    if (job.servo.kind == oltbsim::ServoKind::secondOrder &&
+        (job.servo.trackingErrorUs < 10 || job.servo.trackingErrorUs > 5000)) {
+        std::fprintf(stderr, "oltb-sim: --tracking-error-us: must lie from 10 to 5000 us with --servo second-order\n");
+        return ExitCode::exitBadOptions;
+    }
+    job.pauseTicks = static_cast<std::uint64_t>(std::llround(pauseMs * 64000));
     settings.counterStepTicks = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::llround(64e6 / counterRate)));
     if (closeAfterWords > 0) {
         settings.faults.closeAfterWords = closeAfterWords;
@@ -195,8 +302,27 @@ int main(int argc, char** argv) {
                                     : malformedKind == "trailer" ? MalformedKind::brokenTrailer
                                                                  : MalformedKind::automatic;
 
+    std::optional<oltbsim::MarkingJob> markingJob;
     try {
-        return oltbsim::runServer(settings);
+        if (!jobFile.empty()) {
+            job.program = oltbsim::readJobFile(jobFile);
+        }
+        if (printJob) {
+            std::fputs(job.program.text.c_str(), stdout);
+            return ExitCode::exitSuccess;
+        }
+        markingJob.emplace(job);
+    } catch (const oltbsim::JobFileError& e) {
+        std::fprintf(stderr, "oltb-sim: %s\n", e.what());
+        return ExitCode::exitBadOptions;
+    }
+    if (explain) {
+        std::fputs(oltbsim::explanationJson(*markingJob, oltbsim::explainJob(*markingJob)).c_str(), stdout);
+        return ExitCode::exitSuccess;
+    }
+
+    try {
+        return oltbsim::runServer(settings, *markingJob);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "oltb-sim: %s\n", e.what());
         return ExitCode::exitFailure;

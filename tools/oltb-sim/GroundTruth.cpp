@@ -1,0 +1,249 @@
+// The truth behind a job's trace, from the model's own samples and schedule, and its JSON form.
+#include "GroundTruth.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace oltbsim {
+namespace {
+
+constexpr double kScanSteps = 60;
+constexpr double kResolutionUs = 0.001;
+
+struct GateSample {
+    std::size_t index;  // of the sample period
+    double x;
+    double y;
+};
+
+// What an analysis has of a trace: the samples of both positions every period. The commanded position between two
+// samples is taken on the straight line between them.
+struct SampledTrace {
+    std::vector<GateSample> gateOn;  // the actual positions while the gate is on
+    std::vector<Vec2> commanded;     // every period of the cycle
+};
+
+SampledTrace sampleTrace(const MarkingJob& job) {
+    SampledTrace trace;
+    const std::uint64_t period = MarkingJob::kSamplePeriodTicks;
+    for (std::uint64_t tick = 0; tick <= job.cycleTicks(); tick += period) {
+        const Position3 commanded = job.commanded(0, static_cast<std::int64_t>(tick));
+        trace.commanded.push_back({static_cast<double>(commanded.x), static_cast<double>(commanded.y)});
+    }
+    for (const ScheduledMark& mark : job.marks()) {
+        for (std::uint64_t tick = (mark.gateOnTick + period - 1) / period * period; tick < mark.gateOffTick;
+             tick += period) {
+            const Position3 actual = job.actual(0, static_cast<std::int64_t>(tick));
+            trace.gateOn.push_back({tick / period, static_cast<double>(actual.x), static_cast<double>(actual.y)});
+        }
+    }
+    return trace;
+}
+
+double squaredMismatch(const SampledTrace& trace, const double shiftUs) {
+    const double shiftPeriods = shiftUs * static_cast<double>(kTicksPerUs) / MarkingJob::kSamplePeriodTicks;
+    const auto wholePeriods = static_cast<std::ptrdiff_t>(std::floor(shiftPeriods));
+    const double fraction = shiftPeriods - static_cast<double>(wholePeriods);
+    const auto commandedAt = [&trace](const std::ptrdiff_t index) {
+        return index < 0 ? trace.commanded.front() : trace.commanded[static_cast<std::size_t>(index)];
+    };
+    double sum = 0;
+    for (const GateSample& sample : trace.gateOn) {
+        // commanded(t - shift), between the samples before and after that time
+        const auto index = static_cast<std::ptrdiff_t>(sample.index) - wholePeriods;
+        const Vec2 after = commandedAt(index);
+        const Vec2 before = commandedAt(index - 1);
+        const double x = after.x + fraction * (before.x - after.x);
+        const double y = after.y + fraction * (before.y - after.y);
+        sum += (sample.x - x) * (sample.x - x) + (sample.y - y) * (sample.y - y);
+    }
+    return sum;
+}
+
+// A scan for the neighbourhood of the minimum, then a golden-section search within it.
+double leastSquaresShiftUs(const MarkingJob& job) {
+    const SampledTrace trace = sampleTrace(job);
+    if (trace.gateOn.empty()) {
+        return std::numeric_limits<double>::quiet_NaN();
+    }
+    const double highest = 3 * job.settings().servo.trackingErrorUs + 200;
+    const double step = highest / kScanSteps;
+    double best = 0;
+    double bestValue = std::numeric_limits<double>::infinity();
+    for (double shift = 0; shift <= highest; shift += step) {
+        const double value = squaredMismatch(trace, shift);
+        if (value < bestValue) {
+            best = shift;
+            bestValue = value;
+        }
+    }
+    const double ratio = (std::sqrt(5.0) - 1) / 2;
+    double low = std::max(0.0, best - step);
+    double high = best + step;
+    double left = high - ratio * (high - low);
+    double right = low + ratio * (high - low);
+    double leftValue = squaredMismatch(trace, left);
+    double rightValue = squaredMismatch(trace, right);
+    while (high - low > kResolutionUs) {
+        if (leftValue <= rightValue) {
+            high = right;
+            right = left;
+            rightValue = leftValue;
+            left = high - ratio * (high - low);
+            leftValue = squaredMismatch(trace, left);
+        } else {
+            low = left;
+            left = right;
+            leftValue = rightValue;
+            right = low + ratio * (high - low);
+            rightValue = squaredMismatch(trace, right);
+        }
+    }
+    return (low + high) / 2;
+}
+
+double usFromJobStart(const MarkingJob& job, const double tick) {
+    return (tick - static_cast<double>(job.jobStartTick())) / static_cast<double>(kTicksPerUs);
+}
+
+std::string number(const double value) {
+    if (!std::isfinite(value)) {
+        return "null";
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%.3f", value);
+    return text;
+}
+
+std::string point(const Point p) {
+    return "[" + std::to_string(p.x) + ", " + std::to_string(p.y) + "]";
+}
+
+std::string labelOrNull(const int label) {
+    return label < 0 ? "null" : std::to_string(label);
+}
+
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+        }
+        if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+            out += escaped;
+            continue;
+        }
+        out += c;
+    }
+    return out + "\"";
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) {
+        return std::numeric_limits<double>::quiet_NaN();
+    }
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+}  // namespace
+
+JobTruth explainJob(const MarkingJob& job) {
+    JobTruth truth;
+    truth.trackingErrorUs = leastSquaresShiftUs(job);
+    const double shiftTicks = truth.trackingErrorUs * static_cast<double>(kTicksPerUs);
+    for (const ScheduledMark& mark : job.marks()) {
+        MarkTruth result;
+        result.gateOnUs = usFromJobStart(job, static_cast<double>(mark.gateOnTick));
+        result.gateOffUs = usFromJobStart(job, static_cast<double>(mark.gateOffTick));
+        result.motionStartUs = usFromJobStart(job, static_cast<double>(mark.motionStartTick) + shiftTicks);
+        result.motionEndUs = usFromJobStart(job, static_cast<double>(mark.motionEndTick) + shiftTicks);
+        result.laserOnOffsetUs = result.gateOnUs - result.motionStartUs;
+        result.laserOffOffsetUs = result.gateOffUs - result.motionEndUs;
+        truth.marks.push_back(result);
+    }
+    return truth;
+}
+
+std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
+    const JobSettings& settings = job.settings();
+    const CardTiming& timing = settings.timing;
+    const ServoSettings& servo = settings.servo;
+    std::string out = "{\n";
+    const auto field = [&out](const char* name, const std::string& value) {
+        out += "  \"" + std::string(name) + "\": " + value + ",\n";
+    };
+    field("job", quoted(settings.program.source));
+    field("time_origin", quoted("the job's first command; times in us"));
+    field("servo", quoted(servo.kind == ServoKind::delay ? "delay" : "second-order"));
+    field("set_tracking_error_us", number(servo.trackingErrorUs));
+    field("damping", number(servo.damping));
+    field("max_acceleration_units_per_ms2", number(servo.maxAccelerationUnitsPerMs2));
+    field("jump_speed_units_per_ms", number(timing.jumpSpeedUnitsPerMs));
+    field("mark_speed_units_per_ms", number(timing.markSpeedUnitsPerMs));
+    field("jump_delay_us", number(timing.jumpDelayUs));
+    field("mark_delay_us", number(timing.markDelayUs));
+    field("polygon_delay_us", number(timing.polygonDelayUs));
+    field("laser_on_delay_us", number(timing.laserOnDelayUs));
+    field("laser_off_delay_us", number(timing.laserOffDelayUs));
+    field("settle_band_units", number(settings.settleBandUnits));
+    field("job_duration_us", number(usFromJobStart(job, static_cast<double>(job.jobEndTick()))));
+    field("cycle_us", number(static_cast<double>(job.cycleTicks()) / static_cast<double>(kTicksPerUs)));
+    field("tracking_error_us", number(truth.trackingErrorUs));
+    std::vector<double> onOffsets;
+    std::vector<double> offOffsets;
+    for (const MarkTruth& mark : truth.marks) {
+        onOffsets.push_back(mark.laserOnOffsetUs);
+        offOffsets.push_back(mark.laserOffOffsetUs);
+    }
+    field("laser_on_offset_us_median", number(median(onOffsets)));
+    field("laser_off_offset_us_median", number(median(offOffsets)));
+
+    out += "  \"labels\": [";
+    for (std::size_t i = 0; i < job.labels().size(); ++i) {
+        const Label& label = job.labels()[i];
+        out += std::string(i == 0 ? "\n" : ",\n") + "    {\"number\": " + std::to_string(label.number) +
+               ", \"time_us\": " + number(usFromJobStart(job, static_cast<double>(label.tick))) + "}";
+    }
+    out += job.labels().empty() ? "],\n" : "\n  ],\n";
+
+    out += "  \"marks\": [";
+    for (std::size_t i = 0; i < truth.marks.size(); ++i) {
+        const ScheduledMark& mark = job.marks()[i];
+        const MarkTruth& result = truth.marks[i];
+        out += std::string(i == 0 ? "\n" : ",\n") + "    {\"index\": " + std::to_string(i) +
+               ", \"line\": " + std::to_string(mark.line) + ", \"start_label\": " + labelOrNull(mark.startLabel) +
+               ", \"end_label\": " + labelOrNull(mark.endLabel) + ", \"power\": " + std::to_string(mark.power) +
+               ", \"start\": " + point(mark.startPoint) + ", \"gate_on_us\": " + number(result.gateOnUs) +
+               ", \"gate_off_us\": " + number(result.gateOffUs) + ", \"motion_start_us\": " +
+               number(result.motionStartUs) + ", \"motion_end_us\": " + number(result.motionEndUs) +
+               ", \"laser_on_offset_us\": " + number(result.laserOnOffsetUs) +
+               ", \"laser_off_offset_us\": " + number(result.laserOffOffsetUs) + "}";
+    }
+    out += truth.marks.empty() ? "],\n" : "\n  ],\n";
+
+    out += "  \"jumps\": [";
+    for (std::size_t i = 0; i < job.jumps().size(); ++i) {
+        const ScheduledJump& jump = job.jumps()[i];
+        const JumpArrival& arrival = job.arrivals()[i];
+        const double length = std::hypot(static_cast<double>(jump.to.x - jump.from.x),
+                                         static_cast<double>(jump.to.y - jump.from.y));
+        const double settleUs = arrival.settleTicks < 0 ? std::numeric_limits<double>::quiet_NaN()
+                                                        : arrival.settleTicks / static_cast<double>(kTicksPerUs);
+        out += std::string(i == 0 ? "\n" : ",\n") + "    {\"index\": " + std::to_string(i) + ", \"line\": " +
+               (jump.line > 0 ? std::to_string(jump.line) : std::string("null")) + ", \"from\": " +
+               point(jump.from) + ", \"to\": " + point(jump.to) + ", \"length\": " + number(length) +
+               ", \"end_us\": " + number(usFromJobStart(job, static_cast<double>(jump.motionEndTick))) +
+               ", \"settle_us\": " + number(settleUs) + ", \"overshoot_units\": " +
+               number(arrival.overshootUnits) + "}";
+    }
+    out += job.jumps().empty() ? "]\n" : "\n  ]\n";
+    return out + "}\n";
+}
+
+}  // namespace oltbsim

@@ -1,0 +1,241 @@
+// Reading job text line by line: each line is checked on its own (words, numbers, ranges), so an error names the
+// line it is on. What depends on the path (an arc leaving the field) is checked where the job is laid out.
+#include "JobFile.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace oltbsim {
+namespace {
+
+constexpr double kMaxWaitUs = 10e6;
+constexpr double kMinSpeedUnitsPerMs = 10;
+constexpr double kMaxSpeedUnitsPerMs = 1e6;
+constexpr double kMaxArcDegrees = 3600;
+// A client looks for a response frame from the first of its 0x4D bytes on. A trace word whose payload starts with
+// that byte, sent right before a response, would hide the response from it: label numbers and laser levels keep
+// their upper byte clear of it.
+constexpr std::uint32_t kResponseMarkByte = 0x4D;
+
+const char* const kBuiltInJob = R"(# oltb-sim's built-in marking job (oltb-sim --print-job prints it). The job file format is in oltb-sim --help.
+# Head 0 marks a line, a square, a circle and a half arc; the card's speeds and delays come from the options.
+label 1                     # job start
+power 0x4000
+jump -300000 -250000        # shape 0: a line along +X
+label 10
+mark 300000 -250000
+label 11
+power 0x6000
+jump -100000 -100000        # shape 1: a square, one polyline with four corners
+label 12
+mark 100000 -100000
+mark 100000 100000
+mark -100000 100000
+mark -100000 -100000
+label 13
+power 0x8000
+jump 350000 250000          # shape 2: a circle of radius 100000, once counterclockwise
+label 14
+arc 250000 250000 360
+label 15
+power 0xC000
+jump -150000 250000         # shape 3: half a circle counterclockwise, ending at (-350000, 250000)
+label 16
+arc -250000 250000 180
+label 17
+jump 0 0
+label 2                     # job end
+)";
+
+// A whole word as a finite number: decimal, with a fraction or exponent, or 0x hexadecimal.
+bool parseNumber(const std::string& word, double& value) {
+    if (word.empty()) {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    value = std::strtod(word.c_str(), &end);
+    return errno == 0 && end == word.c_str() + word.size() && std::isfinite(value);
+}
+
+class LineParser {
+public:
+    LineParser(const std::string& source, int line, std::vector<std::string> words)
+        : _source(source), _line(line), _words(std::move(words)) {}
+
+    [[noreturn]] void fail(const std::string& what) const { throw JobFileError(_source, _line, what); }
+
+    void expectArguments(const std::size_t count, const char* usage) const {
+        if (_words.size() != count + 1) {
+            fail("'" + _words[0] + "' takes " + std::to_string(count) + " argument" + (count == 1 ? "" : "s") +
+                 " (" + usage + "), got " + std::to_string(_words.size() - 1));
+        }
+    }
+
+    double number(const std::size_t index, const char* name) const {
+        double value = 0;
+        if (!parseNumber(_words[index], value)) {
+            fail(std::string(name) + " is not a number: '" + _words[index] + "'");
+        }
+        return value;
+    }
+
+    std::int64_t position(const std::size_t index, const char* name) const {
+        const double value = number(index, name);
+        if (value != std::floor(value)) {
+            fail(std::string(name) + " must be a whole number of head units: " + _words[index]);
+        }
+        if (std::fabs(value) > static_cast<double>(kFieldLimitUnits)) {
+            fail(std::string(name) + " " + _words[index] + " lies outside the field (-524287..524287)");
+        }
+        return static_cast<std::int64_t>(value);
+    }
+
+    std::uint32_t whole(const std::size_t index, const char* name, const std::uint32_t largest) const {
+        const double value = number(index, name);
+        if (value != std::floor(value) || value < 0 || value > largest) {
+            fail(std::string(name) + " must be a whole number from 0 to " + std::to_string(largest) + ": " +
+                 _words[index]);
+        }
+        return static_cast<std::uint32_t>(value);
+    }
+
+    double inRange(const std::size_t index, const char* name, const double lowest, const double highest,
+                   const char* unit) const {
+        const double value = number(index, name);
+        if (value < lowest || value > highest) {
+            std::ostringstream text;
+            text << name << " must lie from " << lowest << " to " << highest << " " << unit << ": " << _words[index];
+            fail(text.str());
+        }
+        return value;
+    }
+
+    const std::vector<std::string>& words() const { return _words; }
+
+private:
+    const std::string& _source;
+    int _line;
+    std::vector<std::string> _words;
+};
+
+bool powerHidesResponses(const std::uint32_t power16) {
+    for (const std::uint32_t level : {power16, power16 / 2}) {  // laser 0 has the power, laser 1 half of it
+        if (level >> 8 == kResponseMarkByte || scalePower(level, 8) == kResponseMarkByte) {
+            return true;
+        }
+    }
+    return false;
+}
+
+JobCommand parseCommand(const LineParser& parser) {
+    const std::string& name = parser.words()[0];
+    JobCommand command;
+    if (name == "jump" || name == "mark") {
+        parser.expectArguments(2, "X Y");
+        command.kind = name == "jump" ? JobCommandKind::jump : JobCommandKind::mark;
+        command.x = parser.position(1, "X");
+        command.y = parser.position(2, "Y");
+    } else if (name == "arc") {
+        parser.expectArguments(3, "CX CY DEGREES");
+        command.kind = JobCommandKind::arc;
+        command.x = parser.position(1, "CX");
+        command.y = parser.position(2, "CY");
+        command.value = parser.inRange(3, "DEGREES", -kMaxArcDegrees, kMaxArcDegrees, "degrees");
+        if (command.value == 0) {
+            parser.fail("an arc of 0 degrees marks nothing");
+        }
+    } else if (name == "label") {
+        parser.expectArguments(1, "N");
+        command.kind = JobCommandKind::label;
+        command.number = parser.whole(1, "the label", 65535);
+        if (command.number >> 8 == kResponseMarkByte) {
+            parser.fail("labels 19712 to 19967 (0x4D00..0x4DFF) are not used: the upper byte 0x4D would hide a "
+                        "response from the client");
+        }
+    } else if (name == "power") {
+        parser.expectArguments(1, "P");
+        command.kind = JobCommandKind::power;
+        command.number = parser.whole(1, "the power", 65535);
+        if (powerHidesResponses(command.number)) {
+            parser.fail("power " + parser.words()[1] + " is not used: a laser level with the byte 0x4D would hide "
+                        "a response from the client; take a power a little higher or lower");
+        }
+    } else if (name == "wait") {
+        parser.expectArguments(1, "US");
+        command.kind = JobCommandKind::wait;
+        command.value = parser.inRange(1, "the wait", 0, kMaxWaitUs, "us");
+    } else if (name == "speed") {
+        parser.expectArguments(2, "jump|mark V");
+        const std::string& which = parser.words()[1];
+        if (which != "jump" && which != "mark") {
+            parser.fail("'speed' sets 'jump' or 'mark', not '" + which + "'");
+        }
+        command.kind = which == "jump" ? JobCommandKind::jumpSpeed : JobCommandKind::markSpeed;
+        command.value = parser.inRange(2, "the speed", kMinSpeedUnitsPerMs, kMaxSpeedUnitsPerMs, "units/ms");
+    } else {
+        parser.fail("unknown command '" + name + "' (jump, mark, arc, label, power, wait, speed)");
+    }
+    return command;
+}
+
+}  // namespace
+
+JobFileError::JobFileError(const std::string& source, const int line, const std::string& what)
+    : std::runtime_error(source + (line > 0 ? ":" + std::to_string(line) : std::string()) + ": " + what) {}
+
+std::uint32_t scalePower(const std::uint32_t power16, const unsigned widthBits) noexcept {
+    const std::uint64_t fullScale = (std::uint64_t{1} << widthBits) - 1;
+    return static_cast<std::uint32_t>((power16 * fullScale + 65534) / 65535);
+}
+
+JobProgram parseJob(const std::string& text, const std::string& source) {
+    JobProgram program;
+    program.source = source;
+    program.text = text;
+    std::istringstream lines(text);
+    int lineNumber = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++lineNumber;
+        const std::string code = line.substr(0, line.find('#'));
+        std::istringstream wordStream(code);
+        std::vector<std::string> words;
+        for (std::string word; wordStream >> word;) {
+            words.push_back(word);
+        }
+        if (words.empty()) {
+            continue;
+        }
+        JobCommand command = parseCommand(LineParser(source, lineNumber, std::move(words)));
+        command.line = lineNumber;
+        program.commands.push_back(command);
+    }
+    if (program.commands.empty()) {
+        throw JobFileError(source, 0, "the job has no commands");
+    }
+    return program;
+}
+
+JobProgram readJobFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw JobFileError(path, 0, "cannot read the job file");
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    return parseJob(text.str(), path);
+}
+
+const std::string& builtInJobText() {
+    static const std::string text = kBuiltInJob;
+    return text;
+}
+
+JobProgram builtInJob() {
+    return parseJob(builtInJobText(), "built-in job");
+}
+
+}  // namespace oltbsim
