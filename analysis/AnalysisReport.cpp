@@ -199,7 +199,8 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     }
 
     if (!result.jumps.empty()) {
-        const auto late = std::count_if(result.jumps.begin(), result.jumps.end(), [](const Jump& j) { return !j.settled; });
+        const auto late = std::count_if(result.jumps.begin(), result.jumps.end(),
+                                        [](const Jump& j) { return !j.settled && !j.cutShort; });
         out += "\nJumps: " + std::to_string(result.jumps.size()) + "; settled: the mirror stays within " +
                units.length(result.settleBandUnits) + " of the target before the next motion begins; " +
                std::to_string(late) + " did not\n";
@@ -208,7 +209,7 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
             const Jump& jump = result.jumps[i];
             out += format("  %4zu %13.3f %13.3f %16s %10s %8s\n", i + 1, jump.startUs, jump.endUs,
                           units.length(jump.length).c_str(), optionalUs(jump.settleUs).c_str(),
-                          jump.settled ? "yes" : "NO");
+                          jump.settled ? "yes" : jump.cutShort ? "(end)" : "NO");
         }
         if (result.jumps.size() > options.markRows) {
             out += format("  ... and %zu more (--json lists them all)\n", result.jumps.size() - options.markRows);
@@ -227,8 +228,8 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
                              axisLag("Y", result.trackingErrorYUs);
     if (!lags.empty()) {
         suggestions += "  - Tracking error " + lags +
-                       ": the laser-on delay and the jump delays must cover it; a tuning of the head's servo that "
-                       "lowers it shortens both.\n";
+                       ": the laser-on delay and the jump delays must cover it;\n"
+                       "    tuning the head's servo for a smaller one shortens both.\n";
     }
     if (!suggestions.empty()) {
         out += "\nSuggested changes on the card\n" + suggestions;

@@ -71,7 +71,8 @@ void settle(Jump& jump, const Path& commanded, std::size_t end, const Path& actu
     if (lastBeforeNext > 0 && distance[lastBeforeNext - 1] <= band) {
         usable = lastBeforeNext;
     } else if (!nextStart) {
-        return;  // still outside when the trace ends
+        jump.cutShort = true;  // still outside when the trace ends
+        return;
     } else if (distance.back() > band) {
         // Leaving for the next motion: the distance grows steadily from its last low point on.
         while (usable > 1 && distance[usable - 2] <= distance[usable - 1]) {
@@ -241,7 +242,9 @@ std::vector<JumpDelay> jumpDelayTable(const std::vector<Jump>& jumps) {
     std::vector<JumpDelay> table;
     std::vector<const Jump*> sorted;
     for (const Jump& jump : jumps) {
-        sorted.push_back(&jump);
+        if (!jump.cutShort) {
+            sorted.push_back(&jump);
+        }
     }
     std::sort(sorted.begin(), sorted.end(), [](const Jump* a, const Jump* b) { return a->length < b->length; });
     std::vector<bool> unknown;  // a jump of the range did not settle within the trace

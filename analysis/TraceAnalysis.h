@@ -52,6 +52,7 @@ struct Jump {
     double length = 0;   // commanded path length, units
     std::optional<double> settleUs;  // end of the commanded motion until the mirror stays within the band
     bool settled = false;            // ... and that before the next commanded motion began
+    bool cutShort = false;           // the trace ended before the mirror settled: the settle time is unknown
 };
 
 // The jump delay that every traced jump up to `upToLength` units would have needed.
