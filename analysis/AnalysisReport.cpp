@@ -22,8 +22,10 @@ std::string number(std::optional<double> value) {
     if (rounded == 0) {
         rounded = 0;  // no "-0"
     }
-    char text[40];
-    const auto written = std::to_chars(text, text + sizeof(text), rounded);
+    char text[64];
+    const auto written = std::abs(rounded) < 1e15
+                             ? std::to_chars(text, text + sizeof(text), rounded, std::chars_format::fixed)
+                             : std::to_chars(text, text + sizeof(text), rounded);
     return std::string(text, written.ptr);
 }
 
@@ -63,7 +65,7 @@ std::string format(const char* pattern, ...) {
     return text;
 }
 
-// Lengths, small errors and speeds in head units, or in mm, um and mm/s with a scale.
+// Lengths, small errors and speeds in head units, or in mm, µm and mm/s with a scale.
 struct Units {
     double perMm = 0;
     std::string length(double units) const {
@@ -71,7 +73,7 @@ struct Units {
     }
     std::string error(std::optional<double> units) const {
         if (!units) return "-";
-        return perMm > 0 ? format("%.1f um", *units / perMm * 1000) : format("%.1f units", *units);
+        return perMm > 0 ? format("%.1f µm", *units / perMm * 1000) : format("%.1f units", *units);
     }
     std::string speed(double unitsPerMs) const {
         return perMm > 0 ? format("%.1f mm/s", unitsPerMs / perMm * 1000) : format("%.0f units/ms", unitsPerMs);
@@ -90,17 +92,17 @@ std::string laserAdvice(const char* edge, const char* delay, std::optional<doubl
     const double size = std::abs(*offset);
     const bool late = *offset > 0;
     const bool on = edge[1] == 'n';
-    std::string text = format("Laser %-3s %+.1f us (median over the marks): ", edge, *offset);
+    std::string text = format("Laser %-3s %+.1f µs (median over the marks): ", edge, *offset);
     if (size < 2) {
         text += "the laser switches with the mirror.";
-        suggestion = format("  - %s: fits (within 2 us); leave it.\n", delay);
+        suggestion = format("  - %s: fits (within 2 µs); leave it.\n", delay);
         return text + "\n";
     }
     const char* effect = on ? (late ? "the start of each mark is missing" : "a burnt dot at the start of each mark")
                             : (late ? "a burnt dot at the end of each mark" : "the end of each mark is missing");
-    text += format("the laser switches %s %.1f us %s the mirror %s the mark: %s.", on ? "on" : "off", size,
-                   late ? "after" : "before", on ? "starts" : "ends", effect);
-    suggestion = format("  - %s: %s it by %.0f us.\n", delay, late ? "shorten" : "lengthen", size);
+    text += format("the laser switches %s %.1f µs %s the mirror %s the mark:\n          %s.", on ? "on" : "off",
+                   size, late ? "after" : "before", on ? "starts" : "ends", effect);
+    suggestion = format("  - %s: %s it by %.0f µs.\n", delay, late ? "shorten" : "lengthen", size);
     return text + "\n";
 }
 
@@ -167,7 +169,7 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     const char* where = result.errorsWhileMarking ? "while marking" : "over the whole trace";
 
     out += "\nTracking error (how far the mirror runs behind the command):  X " +
-           optionalUs(result.trackingErrorXUs) + " us   Y " + optionalUs(result.trackingErrorYUs) + " us\n";
+           optionalUs(result.trackingErrorXUs) + " µs   Y " + optionalUs(result.trackingErrorYUs) + " µs\n";
     out += format("Following error %s (mirror - command shifted by the tracking error):\n", where);
     out += "  X rms " + units.error(result.followingErrorX.rms) + ", max " + units.error(result.followingErrorX.max) +
            "   Y rms " + units.error(result.followingErrorY.rms) + ", max " + units.error(result.followingErrorY.max) +
@@ -179,8 +181,9 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     if (!result.marks.empty()) {
         out += format("\nMarks: %zu (laser offsets: + the laser switched after the mirror, - before)\n",
                       result.marks.size());
-        out += format("  %4s %13s %13s %16s %16s %10s %10s\n", "#", "gate on us", "gate off us", "length", "speed",
-                      "on us", "off us");
+        // printf counts bytes, and "µ" takes two.
+        out += format("  %4s %14s %14s %16s %16s %11s %11s\n", "#", "gate on µs", "gate off µs", "length", "speed",
+                      "on µs", "off µs");
         for (std::size_t i = 0; i < result.marks.size() && i < options.markRows; ++i) {
             const Mark& mark = result.marks[i];
             out += format("  %4zu %13.3f %13.3f %16s %16s %10s %10s\n", i + 1, mark.startUs, mark.endUs,
@@ -199,29 +202,32 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     }
 
     if (!result.jumps.empty()) {
+        // Without the tracking error there is no settle time, and nothing is known about settling.
+        const bool known = result.pathTrackingErrorUs.has_value();
         const auto late = std::count_if(result.jumps.begin(), result.jumps.end(),
                                         [](const Jump& j) { return !j.settled && !j.cutShort; });
         out += "\nJumps: " + std::to_string(result.jumps.size()) + "; settled: the mirror stays within " +
                units.length(result.settleBandUnits) + " of the target before the next motion begins; " +
-               std::to_string(late) + " did not\n";
-        out += format("  %4s %13s %13s %16s %10s %8s\n", "#", "start us", "end us", "length", "settle us", "settled");
+               (known ? std::to_string(late) + " did not\n" : std::string("not measured\n"));
+        out += format("  %4s %14s %14s %16s %11s %8s\n", "#", "start µs", "end µs", "length", "settle µs",
+                      "settled");
         for (std::size_t i = 0; i < result.jumps.size() && i < options.markRows; ++i) {
             const Jump& jump = result.jumps[i];
             out += format("  %4zu %13.3f %13.3f %16s %10s %8s\n", i + 1, jump.startUs, jump.endUs,
                           units.length(jump.length).c_str(), optionalUs(jump.settleUs).c_str(),
-                          jump.settled ? "yes" : jump.cutShort ? "(end)" : "NO");
+                          !known ? "-" : jump.settled ? "yes" : jump.cutShort ? "(end)" : "NO");
         }
         if (result.jumps.size() > options.markRows) {
             out += format("  ... and %zu more (--json lists them all)\n", result.jumps.size() - options.markRows);
         }
         for (const JumpDelay& row : result.jumpDelayTable) {
             suggestions += "  - Jump delay for jumps up to " + units.length(row.upToLength) + ": " +
-                           (row.delayUs ? format("at least %.0f us.\n", std::ceil(*row.delayUs))
+                           (row.delayUs ? format("at least %.0f µs.\n", std::ceil(*row.delayUs))
                                         : std::string("longer than this trace shows (a jump never settled).\n"));
         }
     }
     const auto axisLag = [](const char* axis, std::optional<double> lag) {
-        return lag ? format("%.1f us on %s", *lag, axis) : std::string();
+        return lag ? format("%.1f µs on %s", *lag, axis) : std::string();
     };
     const std::string lags = axisLag("X", result.trackingErrorXUs) +
                              (result.trackingErrorXUs && result.trackingErrorYUs ? " and " : "") +

@@ -205,8 +205,9 @@ std::vector<Mark> measureMarks(const Path& commanded, const std::vector<Interval
     return marks;
 }
 
-std::vector<Jump> measureJumps(const Path& commanded, const std::vector<Motion>& motions, const std::vector<Interval>& gate,
-                               const Path* actual, std::optional<double> lagUs, double band) {
+std::vector<Jump> measureJumps(const Path& commanded, const std::vector<Motion>& motions,
+                               const std::vector<Interval>& gate, const Path* actual, std::optional<double> lagUs,
+                               double band) {
     std::vector<Jump> jumps;
     const double lag = lagUs.value_or(0.0);
     std::size_t k = 0;

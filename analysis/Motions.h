@@ -29,8 +29,9 @@ std::vector<Mark> measureMarks(const Path& commanded, const std::vector<Interval
 // The commanded motions with the gate off (less than half of the shifted motion under the gate). With the actual
 // path, each gets its settle time: from the end of the commanded motion until the mirror stays within `band` of
 // the target.
-std::vector<Jump> measureJumps(const Path& commanded, const std::vector<Motion>& motions, const std::vector<Interval>& gate,
-                               const Path* actual, std::optional<double> lagUs, double band);
+std::vector<Jump> measureJumps(const Path& commanded, const std::vector<Motion>& motions,
+                               const std::vector<Interval>& gate, const Path* actual, std::optional<double> lagUs,
+                               double band);
 
 // The largest settle time of the jumps in each range of lengths (ranges end at 1, 2, 5, 10, 20, 50, ... units).
 std::vector<JumpDelay> jumpDelayTable(const std::vector<Jump>& jumps);

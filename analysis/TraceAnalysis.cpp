@@ -32,7 +32,8 @@ void putInOrder(Series& series) {
     }
     std::vector<std::size_t> order(series.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
-    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return series.t[a] < series.t[b]; });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return series.t[a] < series.t[b]; });
     Series sorted;
     for (const std::size_t i : order) {
         sorted.add(series.t[i], series.v[i]);
