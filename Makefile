@@ -110,14 +110,15 @@ fuzz-ci: fuzz-build
 	@bash fuzz/run.sh 40 10
 
 # Benchmarks (preset bench, build/bench): the decoding core on blocks in memory, reading over loopback from the
-# simulator, and the CPU and memory cost at the card's rate. One line per figure, each beside its limit measured
-# in the same run; they gate nothing.
+# simulator, the CPU and memory cost at the card's rate, and the trace analysis. One line per figure, each beside
+# its limit measured in the same run; they gate nothing.
 bench:
 	$(SETUP) bench
 	cmake --preset bench >/dev/null
 	cmake --build --preset bench -j $(JOBS)
 	build/bench/bench/oltb_bench_decode
 	build/bench/bench/oltb_bench_stream
+	build/bench/bench/oltb_bench_analysis
 
 # Installation (cmake/OltbInstall.cmake): builds only what is installed. Under /usr/local run as root, which also
 # refreshes the loader's cache (ldconfig).

@@ -63,31 +63,42 @@ bool collect(Connection& connection, const AcquireOptions& options, LabelWindow&
 
 }  // namespace
 
+std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
+                                            const std::optional<std::vector<const SignalInfo*>>& wanted) {
+    const std::unique_ptr<Connection> connection = connectTo(options.host);
+    AcquiredEvents acquired;
+    acquired.signals = chooseSignals(*connection, wanted, true);
+    connection->setReadTimeout(ReadSliceMs);
+    connection->start();
+    LabelWindow window(static_cast<std::uint16_t>(options.startLabel), static_cast<std::uint16_t>(options.endLabel));
+    if (!collect(*connection, options, window)) {
+        return std::nullopt;
+    }
+    connection->stop();
+    acquired.events = window.takeEvents();
+    if (!options.raw) {
+        oltbToSignedPosition(acquired.events.data(), static_cast<std::uint32_t>(acquired.events.size()));
+    }
+    return acquired;
+}
+
 int runAcquire(const AcquireOptions& options) {
     const auto wanted = parseWantedSignals(options.signals);
     Outputs outputs(options.outputs);
     outputs.open();
     try {
-        const std::unique_ptr<Connection> connection = connectTo(options.host);
-        const std::vector<const SignalInfo*> signals = chooseSignals(*connection, wanted, true);
-        connection->setReadTimeout(ReadSliceMs);
-        connection->start();
-        LabelWindow window(static_cast<std::uint16_t>(options.startLabel), static_cast<std::uint16_t>(options.endLabel));
-        if (!collect(*connection, options, window)) {
+        std::optional<AcquiredEvents> acquired = acquireEvents(options, wanted);
+        if (!acquired) {
             outputs.discardUnbegun();
             printError("acquisition interrupted before the end label; nothing written");
             return ExitInterrupted;
         }
-        connection->stop();
-        std::vector<oltbTraceEvent> events = window.takeEvents();
-        if (!options.raw) {
-            oltbToSignedPosition(events.data(), static_cast<std::uint32_t>(events.size()));
-        }
+        const std::vector<oltbTraceEvent>& events = acquired->events;
         Summary summary;
         for (const oltbTraceEvent& event : events) {
             summary.add(event);
         }
-        outputs.begin(signals, !options.raw, VcdTimeZero::ReferenceOfTime);
+        outputs.begin(acquired->signals, !options.raw, VcdTimeZero::ReferenceOfTime);
         outputs.write(events.data(), events.size());
         outputs.finish();
         reportResult(outputs, summary);

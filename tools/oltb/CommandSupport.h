@@ -26,6 +26,17 @@ std::vector<const SignalInfo*> chooseSignals(Connection& connection,
                                              const std::optional<std::vector<const SignalInfo*>>& wanted,
                                              bool withLabel);
 
+// The events between the start and the end label of `options` (signed positions unless options.raw), and the
+// signals traced; `wanted` replaces the server's configuration first. Nothing when interrupted before the end
+// label. Throws ServerError.
+struct AcquiredEvents {
+    std::vector<const SignalInfo*> signals;
+    std::vector<oltbTraceEvent> events;
+};
+struct AcquireOptions;
+std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
+                                            const std::optional<std::vector<const SignalInfo*>>& wanted);
+
 // The summary on standard output, or on standard error when CSV went to standard output; the outputs' warnings
 // on standard error.
 void reportResult(const Outputs& outputs, const Summary& summary);

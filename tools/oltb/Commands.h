@@ -38,9 +38,21 @@ struct AcquireOptions {
     bool quiet = false;
 };
 
+struct AnalyzeOptions {
+    std::string input;           // a capture file, or with the labels a server address
+    int head = 0;                // 0 or 1
+    double settleBandUnits = 100.0;
+    bool json = false;
+    double unitsPerMm = 0.0;     // 0: head units
+    AcquireOptions live;         // with startLabel/endLabel given: acquire from the server named by input first
+    bool startGiven = false;
+    bool endGiven = false;
+};
+
 int runSignals();
 int runConfig(const ConfigOptions& options);
 int runCapture(const CaptureOptions& options);
 int runAcquire(const AcquireOptions& options);
+int runAnalyze(const AnalyzeOptions& options);
 
 }  // namespace oltb::cli

@@ -12,7 +12,7 @@ enum ExitCode : int {
     ExitUnexpected = 1,   // a fault of the tool itself
     ExitUsage = 2,        // bad arguments: unknown option or signal, bad label number, unknown output format
     ExitServer = 3,       // connecting, a command or reading failed: unreachable host, lost connection, timeout
-    ExitOutput = 4,       // an output file could not be created or written
+    ExitOutput = 4,       // an output file could not be created or written, an input file could not be read
     ExitInterrupted = 130 // an acquisition ended by Ctrl-C before its end label: nothing written
 };
 
@@ -24,6 +24,16 @@ public:
 class ServerError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// An input file that cannot be read (exit 4) or is not what it should be (exit 2, the text names the line).
+class InputError : public std::runtime_error {
+public:
+    InputError(const std::string& text, bool unreadable) : std::runtime_error(text), _unreadable(unreadable) {}
+    bool unreadable() const { return _unreadable; }
+
+private:
+    bool _unreadable;
 };
 
 class OutputError : public std::runtime_error {

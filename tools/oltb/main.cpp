@@ -114,6 +114,46 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(positiveNumberOf("seconds"));
 
+    AnalyzeOptions analyze;
+    CLI::App* analyzeCommand = app.add_subcommand(
+        "analyze", "measure tracking error, following error, laser timing and jump settling in a trace");
+    analyzeCommand->add_option("input", analyze.input,
+                               "capture file written by oltb (.csv, positions not --raw), or with --start and --end "
+                               "a server address")
+        ->required();
+    analyzeCommand->add_option("--head", analyze.head, "scan head to analyze")->capture_default_str()->check(
+        CLI::Range(0, 1));
+    analyzeCommand->add_option("--settle-band", analyze.settleBandUnits,
+                               "a jump has settled once the mirror stays this close to its target (head units)")
+        ->capture_default_str()
+        ->check(positiveNumberOf("units"));
+    analyzeCommand->add_flag("--json", analyze.json, "one JSON object instead of the summary");
+    analyzeCommand->add_option("--units-per-mm", analyze.unitsPerMm,
+                               "head units per mm: the summary gives mm, um and mm/s (JSON stays in head units)")
+        ->check(positiveNumberOf("units"));
+    auto* analyzeStart = analyzeCommand->add_option("--start", analyze.live.startLabel,
+                                                    "acquire from the server first: start label number")
+                             ->check(labelRange);
+    auto* analyzeEnd =
+        analyzeCommand->add_option("--end", analyze.live.endLabel, "end label number")->check(labelRange);
+    analyzeCommand->add_option("-s,--signals", analyze.live.signals,
+                               "with --start/--end: signals to trace (sets the server's configuration), e.g. "
+                               "Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate")
+        ->check(NotEmpty);
+    analyzeCommand->add_option("--timeout", analyze.live.timeoutSeconds,
+                               "with --start/--end: give up when the server sends nothing this long")
+        ->capture_default_str()
+        ->check(positiveNumberOf("seconds", 3600.0));
+    analyzeCommand->add_option("--max-wait", analyze.live.maxWaitSeconds,
+                               "with --start/--end: give up when both labels have not come within this many seconds")
+        ->capture_default_str()
+        ->check(positiveNumberOf("seconds"));
+    analyzeCommand->add_flag("-q,--quiet", analyze.live.quiet, "no progress display on standard error");
+    analyzeCommand->footer(
+        "Positions are in head units unless --units-per-mm is given; times in us of the capture's time_us.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture (the message names the line),\n"
+        "3 server error, 4 a file that cannot be read, 1 unexpected failure of the tool itself.");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -133,7 +173,15 @@ int main(int argc, char** argv) {
         if (app.got_subcommand(captureCommand)) {
             return runCapture(capture);
         }
+        if (app.got_subcommand(analyzeCommand)) {
+            analyze.startGiven = analyzeStart->count() > 0;
+            analyze.endGiven = analyzeEnd->count() > 0;
+            return runAnalyze(analyze);
+        }
         return runAcquire(acquire);
+    } catch (const InputError& error) {
+        printError(error.what());
+        return error.unreadable() ? ExitOutput : ExitUsage;
     } catch (const UsageError& error) {
         printError(error.what());
         return ExitUsage;

@@ -1,0 +1,27 @@
+// The analysis as a JSON object for programs and as a summary with suggestions for people.
+#pragma once
+
+#include "analysis/TraceAnalysis.h"
+
+#include <functional>
+#include <string>
+
+namespace oltb::analysis {
+
+// The name of a signal by its event type, e.g. "Head0TxX"; without one, "type N".
+using SignalNamer = std::function<std::string(int type)>;
+
+// One JSON object, times in us and lengths in head units; a figure that is missing is null.
+std::string toJson(const Result& result, const SignalNamer& signalName = {});
+
+struct SummaryOptions {
+    std::string source;         // what was analysed, for the first line
+    double unitsPerMm = 0;      // > 0: lengths in mm (errors in um), speeds in mm/s
+    std::size_t markRows = 20;  // at most this many marks and jumps are listed one by one
+    SignalNamer signalName;
+};
+
+// The readable summary: every figure, what to change on the card, and what the trace lacked.
+std::string toSummary(const Result& result, const SummaryOptions& options);
+
+}  // namespace oltb::analysis
