@@ -100,6 +100,12 @@ void settle(Jump& jump, const Path& commanded, std::size_t end, const Path& actu
         const double d1 = distance[lastOut + 1];
         settledAt = t0 + (d0 - band) / (d0 - d1) * (t1 - t0);
     }
+    if (!nextStart && actual.t.back() - settledAt < 2 * lag) {
+        // The last jump of the trace: a mirror that rings may only be passing through the band when the trace ends.
+        // Only a quiet tail of two tracking errors shows that it has come to rest.
+        jump.cutShort = true;
+        return;
+    }
     jump.settleUs = settledAt - endTime;
     jump.settled = settledAt <= decisive;
 }
