@@ -70,9 +70,16 @@ int runAcquire(const AcquireOptions& options) {
     try {
         const std::unique_ptr<Connection> connection = connectTo(options.host);
         const std::vector<const SignalInfo*> signals = chooseSignals(*connection, wanted, true);
+        SeriesInfo info;
+        info.signals = signals;
+        info.signedPositions = !options.raw;
+        info.host = options.host;
+        info.startLabel = static_cast<std::uint16_t>(options.startLabel);
+        info.endLabel = static_cast<std::uint16_t>(options.endLabel);
+        info.startTimeUtc = utcNowIso8601();
         connection->setReadTimeout(ReadSliceMs);
         connection->start();
-        LabelWindow window(static_cast<std::uint16_t>(options.startLabel), static_cast<std::uint16_t>(options.endLabel));
+        LabelWindow window(*info.startLabel, *info.endLabel);
         if (!collect(*connection, options, window)) {
             outputs.discardUnbegun();
             printError("acquisition interrupted before the end label; nothing written");
@@ -87,7 +94,7 @@ int runAcquire(const AcquireOptions& options) {
         for (const oltbTraceEvent& event : events) {
             summary.add(event);
         }
-        outputs.begin(signals, !options.raw, VcdTimeZero::ReferenceOfTime);
+        outputs.begin(info);
         outputs.write(events.data(), events.size());
         outputs.finish();
         reportResult(outputs, summary);

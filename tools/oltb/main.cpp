@@ -23,7 +23,9 @@ constexpr const char* ServerExitCodes = R"(Exit codes: 0 success, 2 usage error,
 read failed, a timeout), 1 unexpected failure of the tool itself.)";
 
 constexpr const char* TraceFooter = R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
-dump for GTKWave or Surfer); without -o, CSV goes to standard output. -o may be repeated: one series, every file.
+dump for GTKWave or Surfer), .h5 (HDF5: one group per signal with the datasets timestamp_ticks, time_us, value,
+overflow, sequence; for MATLAB, h5py, pandas, HDFView); without -o, CSV goes to standard output. -o may be
+repeated: one series, every file. Ctrl-C ends a capture with complete files, HDF5 included.
 --signals replaces the server's configuration, also for the clients that come after.
 Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
 timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
@@ -55,7 +57,7 @@ void addTraceOptions(CLI::App& command, std::string& host, std::string& signals,
                        "signals to trace: comma list of names (see oltb signals), groups Conf0..Conf3, or all; "
                        "sets the server's configuration (default: trace what it is configured for)")
         ->check(NotEmpty);
-    command.add_option("-o,--output", outputs, "file to write (.csv or .vcd; - for CSV on standard output)")
+    command.add_option("-o,--output", outputs, "file to write (.csv, .vcd or .h5; - for CSV on standard output)")
         ->allow_extra_args(false);
     command.add_flag("--raw", raw, "keep head positions as raw 20-bit values");
     command.add_flag("-q,--quiet", quiet, "no progress display on standard error");
