@@ -38,9 +38,15 @@ struct AcquireOptions {
     bool quiet = false;
 };
 
+struct ConvertOptions {
+    std::string input;
+    std::string output;
+};
+
 int runSignals();
 int runConfig(const ConfigOptions& options);
 int runCapture(const CaptureOptions& options);
 int runAcquire(const AcquireOptions& options);
+int runConvert(const ConvertOptions& options);
 
 }  // namespace oltb::cli

@@ -116,6 +116,19 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(positiveNumberOf("seconds"));
 
+    ConvertOptions convert;
+    CLI::App* convertCommand =
+        app.add_subcommand("convert", "turn a capture of oltb (.csv or .h5) into another format (.csv, .vcd, .h5)");
+    convertCommand->add_option("input", convert.input, "the capture to read: a .csv or .h5 file written by oltb")
+        ->required();
+    convertCommand->add_option("output", convert.output, "the file to write: .csv, .vcd or .h5 (- for CSV on "
+                                                         "standard output)")
+        ->required();
+    convertCommand->footer(R"(Reads and writes a batch at a time, so files of any length convert in little memory. A CSV has no
+server, labels or start time for an .h5 file to keep. A failed or interrupted conversion removes its output.
+Exit codes: 0 success, 2 usage error (also an input that is no capture of oltb: the message names the file and
+the line), 4 a file could not be read or written (missing, damaged HDF5), 130 interrupted, 1 unexpected failure.)");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -135,6 +148,9 @@ int main(int argc, char** argv) {
         if (app.got_subcommand(captureCommand)) {
             return runCapture(capture);
         }
+        if (app.got_subcommand(convertCommand)) {
+            return runConvert(convert);
+        }
         return runAcquire(acquire);
     } catch (const UsageError& error) {
         printError(error.what());
@@ -142,6 +158,9 @@ int main(int argc, char** argv) {
     } catch (const ServerError& error) {
         printError(error.what());
         return ExitServer;
+    } catch (const InputError& error) {
+        printError(error.what());
+        return ExitOutput;
     } catch (const OutputError& error) {
         if (!error.standardOutputClosed()) {
             printError(error.what());
