@@ -6,7 +6,7 @@ set -euo pipefail
 
 declare -A needs=(
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
-  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev"
+  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev python3-h5py"
   [m32]="g++-multilib"
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"
