@@ -9,6 +9,7 @@
 #include "tools/oltb/H5Support.h"
 #include "tools/oltb/H5Writer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
