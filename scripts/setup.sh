@@ -7,7 +7,7 @@ set -euo pipefail
 
 declare -A needs=(
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
-  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils python3-numpy python3-pytest"
+  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev python3-numpy python3-pytest python3-h5py"
   [m32]="g++-multilib pkg-config"
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"

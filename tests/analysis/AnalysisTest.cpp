@@ -130,7 +130,7 @@ TEST(AnalyzeCommand, WritesJsonThatParsesBackAndRefusesOtherFiles) {
     const Run runs[] = {
         {{"analyze", directory + "/job.csv", "--json"}, 0, "\"tracking_error_us\": {\"x\": 237."},
         {{"analyze", directory + "/job.csv", "--units-per-mm", "1000"}, 0, "60.000 mm"},
-        {{"analyze", directory + "/other.csv"}, 2, "other.csv:1: not an oltb capture"},
+        {{"analyze", directory + "/other.csv"}, 2, "other.csv: line 1: not a capture written by oltb"},
         {{"analyze", directory + "/absent.csv"}, 4, "absent.csv"},
     };
     std::string json;

@@ -1,7 +1,8 @@
 // The oltb program against the simulator, both as processes: an acquisition's CSV holds exactly what the C interface
 // returns for the same job and its VCD agrees with it, a capture ends at its limit, on Ctrl-C or when the server
-// goes with complete rows, and bad arguments, an unreachable host and an unwritable file give their exit codes and
-// texts. Each test uses its own loopback address (127.0.0.60 .. 127.0.0.69).
+// goes with complete rows (and HDF5 files that convert back to them), and bad arguments, an unreachable host, an
+// unwritable file and files that are no captures give their exit codes and texts. Each test uses its own loopback
+// address (127.0.0.60 .. 127.0.0.69).
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -10,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 namespace {
@@ -17,6 +19,7 @@ namespace {
 using namespace oltb::testing;
 
 const std::string DemoSignals = "Head0TxX,Head0TxY,Gate,LaserPower16";
+const std::string CsvHeader = "timestamp_ticks,time_us,signal,type,value,overflow";
 
 std::string path(const std::string& name) { return scratchDirectory() + "/" + name; }
 
@@ -148,6 +151,39 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     EXPECT_NE(lost.out.find(std::to_string(kept) + " events written to"), std::string::npos) << lost.out;
 }
 
+#ifdef OLTB_WITH_HDF5
+// An HDF5 file holds the series of the CSV beside it, also when Ctrl-C or a vanished server ended the capture: convert
+// gives back the CSV byte for byte, from the HDF5 file and from one made of the CSV. A damaged file cannot be read.
+TEST(ToolProcess, H5CapturesEndedByInterruptOrLostServerConvertBackToTheirCsv) {
+    Simulator simulator("127.0.0.62");
+    Simulator closing("127.0.0.63", {"--close-after-words", "3000"});
+    ASSERT_TRUE(simulator.ready() && closing.ready());
+    ChildProcess interrupted(OLTB_TOOL_PATH, {"capture", "127.0.0.62", "--signals", DemoSignals + ",Label", "-o",
+                                              path("i.h5"), "-o", path("i.csv")});
+    waitUntil([] { return readFile(path("i.csv")).size() > 20000; }, 10s);
+    interrupted.sendSignal(SIGINT);
+    ASSERT_EQ(interrupted.waitForExit(10s), 0) << interrupted.standardError();
+    EXPECT_EQ(runTool({"capture", "127.0.0.63", "--signals", DemoSignals, "-o", path("l.h5"), "-o", path("l.csv")}).exitCode, 3);
+    for (const std::string name : {"i", "l"}) {
+        const std::string csv = readFile(path(name + ".csv"));
+        EXPECT_GT(csvRows(csv).size(), 100U) << name;
+        const std::pair<std::string, std::string> steps[] = {
+            {name + ".h5", name + "-h5.csv"}, {name + ".csv", name + "-csv.h5"}, {name + "-csv.h5", name + "-csv.csv"}};
+        for (const auto& [from, to] : steps) {
+            const ToolResult converted = runTool({"convert", path(from), path(to)});
+            ASSERT_EQ(converted.exitCode, 0) << converted.err;
+        }
+        EXPECT_EQ(readFile(path(name + "-h5.csv")), csv) << name;
+        EXPECT_EQ(readFile(path(name + "-csv.csv")), csv) << name;
+    }
+    std::ofstream(path("damaged.h5")) << "\x89HDF\r\n\x1a\n" << std::string(600, '\x07');
+    const ToolResult damaged = runTool({"convert", path("damaged.h5"), path("d.csv")});
+    EXPECT_EQ(damaged.exitCode, 4);
+    EXPECT_NE(damaged.err.find("oltb: cannot read " + path("damaged.h5") + ": opening the file: "), std::string::npos) << damaged.err;
+    EXPECT_FALSE(std::filesystem::exists(path("d.csv")));
+}
+#endif
+
 TEST(ToolProcess, InterruptedAcquisitionStopsTheTraceAndWritesNothing) {
     ChildProcess simulator(OLTB_SIM_PATH, {"-a", "127.0.0.67", "--verbose"});  // its log shows the commands
     ASSERT_TRUE(simulator.waitForText("oltb-sim listening on 127.0.0.67:9495", 10s));
@@ -187,7 +223,15 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "--timeout", "nan"}, {2, "--timeout: must be a positive"}},
         {{"acquire", "127.0.0.69", "--start", "65536", "--end", "2"}, {2, ""}},
         {{"config", "127.0.0.69", "--all", "--none"}, {2, ""}},
+        {{"convert", path("foreign.csv"), path("f.vcd")}, {2, path("foreign.csv") + ": line 1: not a capture written by oltb"}},
+        {{"convert", path("row.csv"), path("f.csv")}, {2, path("row.csv") + ": line 3: not a row of an oltb capture: value is"}},
+        {{"convert", path("row.csv"), path("row.csv")}, {2, "output '" + path("row.csv") + "' is the capture to read"}},
+        {{"convert", path("f.vcd"), path("f.csv")}, {2, "cannot be read back"}},
+        {{"convert", path("missing.csv"), path("f.csv")}, {4, "oltb: cannot read " + path("missing.csv") + ": No such file"}},
     };
+    std::ofstream(path("foreign.csv")) << "time,value\n1,2\n";
+    const std::string badRow = CsvHeader + "\n1,0.015625,Gate,22,1,0\n2,0.031250,Gate,22,1x,0\n";
+    std::ofstream(path("row.csv")) << badRow;
     for (const auto& [arguments, expected] : cases) {
         SCOPED_TRACE(::testing::PrintToString(arguments));
         const ToolResult tool = runTool(arguments);
@@ -199,6 +243,8 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         }
     }
     EXPECT_FALSE(std::filesystem::exists(path("x.csv")));
+    EXPECT_FALSE(std::filesystem::exists(path("f.csv")) || std::filesystem::exists(path("f.vcd")));
+    EXPECT_EQ(readFile(path("row.csv")), badRow) << "the input is left as it was";
     EXPECT_EQ(runTool({"acquire", "--help"}).exitCode, 0);
     const auto start = Clock::now();  // the longest wait bounds the wall time and names the missing label
     const ToolResult waited = runTool({"acquire", "127.0.0.64", "--start", "99", "--end", "100", "--max-wait", "1"});

@@ -1,7 +1,10 @@
-// The tool's signal table against the public header, --signals lists, and the exact bytes of the CSV and VCD
-// writers: times to the tick, values within their widths, only changes, time that never goes back.
+// The tool's signal table against the public header, --signals lists, the exact bytes of the CSV and VCD
+// writers (times to the tick, values within their widths, only changes, time that never goes back), and an HDF5
+// file read back as the series written.
+#include "tools/oltb/CaptureReader.h"
 #include "tools/oltb/CsvWriter.h"
 #include "tools/oltb/Errors.h"
+#include "tools/oltb/H5Writer.h"
 #include "tools/oltb/Outputs.h"
 #include "tools/oltb/Signals.h"
 #include "tools/oltb/VcdWriter.h"
@@ -11,6 +14,7 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -118,5 +122,45 @@ TEST(VcdWriter, WritesEachChangeAtItsTimeInPicoseconds) {
     EXPECT_EQ(VcdWriter::identifierOf(93), "~");
     EXPECT_EQ(VcdWriter::identifierOf(94), "!!") << "past the 94 single characters";
 }
+
+#ifdef OLTB_WITH_HDF5
+// Events of one tick in the order written whatever their signal, signals interleaved across chunk boundaries, a signal
+// that was not announced, every field, and what the file tells about the series.
+TEST(H5Capture, ReadsBackTheSeriesInTheOrderWrittenWithItsDescription) {
+    const std::string path = ::testing::TempDir() + "oltb-series.h5";
+    SeriesInfo info;
+    info.signals = parseSignalList("Gate,Head0TxX,Label");
+    info.host = "scanner-3";
+    info.startLabel = 7;
+    info.endLabel = 65535;
+    info.startTimeUtc = "2024-05-01T12:34:56.789Z";
+    std::vector<oltbTraceEvent> series;
+    for (std::uint64_t tick = 1000; tick < 1000 + 9000; ++tick) {
+        const double time = static_cast<double>(tick - 1000) / 64.0 - 1.0;
+        series.push_back(eventOf(tick, time, oltbEventHead0TxX, -static_cast<std::int32_t>(tick), tick == 4000));
+        series.insert(tick % 2 ? series.end() : series.end() - 1, eventOf(tick, time, oltbEventGate, tick % 3 == 0));
+        if (tick % 2000 == 0) series.push_back(eventOf(tick, time, tick % 4000 ? oltbEventLabel : oltbEventSpi0Rx, 9));
+    }
+    H5Writer writer(path, info);
+    for (const oltbTraceEvent& event : series) writer.write(event);
+    writer.finish();
+
+    CaptureReader reader(path);
+    std::vector<oltbTraceEvent> read(series.size() + 1);
+    std::size_t count = 0;
+    while (const std::size_t batch = reader.read(read.data() + count, std::min<std::size_t>(1000, read.size() - count))) {
+        count += batch;
+    }
+    ASSERT_EQ(count, series.size());
+    const auto fields = [](const oltbTraceEvent& e) { return std::tuple(e.Timestamp, e.Time, e.Type, e.Overflow, e.Value); };
+    for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(fields(read[i]), fields(series[i])) << "event " << i;
+    EXPECT_EQ(namesOf(reader.info().signals), (std::vector<std::string>{"Gate", "Head0TxX", "Spi0Rx", "Label"}));
+    EXPECT_EQ(std::tie(reader.info().host, reader.info().startTimeUtc), std::tie(info.host, info.startTimeUtc));
+    EXPECT_EQ(reader.info().startLabel, info.startLabel);
+    EXPECT_EQ(reader.info().endLabel, info.endLabel);
+    EXPECT_TRUE(reader.info().signedPositions);
+    std::remove(path.c_str());
+}
+#endif
 
 }  // namespace

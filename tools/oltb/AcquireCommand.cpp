@@ -67,10 +67,16 @@ std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
                                             const std::optional<std::vector<const SignalInfo*>>& wanted) {
     const std::unique_ptr<Connection> connection = connectTo(options.host);
     AcquiredEvents acquired;
-    acquired.signals = chooseSignals(*connection, wanted, true);
+    SeriesInfo& info = acquired.info;
+    info.signals = chooseSignals(*connection, wanted, true);
+    info.signedPositions = !options.raw;
+    info.host = options.host;
+    info.startLabel = static_cast<std::uint16_t>(options.startLabel);
+    info.endLabel = static_cast<std::uint16_t>(options.endLabel);
+    info.startTimeUtc = utcNowIso8601();
     connection->setReadTimeout(ReadSliceMs);
     connection->start();
-    LabelWindow window(static_cast<std::uint16_t>(options.startLabel), static_cast<std::uint16_t>(options.endLabel));
+    LabelWindow window(*info.startLabel, *info.endLabel);
     if (!collect(*connection, options, window)) {
         return std::nullopt;
     }
@@ -98,7 +104,7 @@ int runAcquire(const AcquireOptions& options) {
         for (const oltbTraceEvent& event : events) {
             summary.add(event);
         }
-        outputs.begin(acquired->signals, !options.raw, VcdTimeZero::ReferenceOfTime);
+        outputs.begin(acquired->info);
         outputs.write(events.data(), events.size());
         outputs.finish();
         reportResult(outputs, summary);

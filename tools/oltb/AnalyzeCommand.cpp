@@ -5,82 +5,28 @@
 #include "analysis/TraceAnalysis.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
-#include "tools/oltb/CsvWriter.h"
+#include "tools/oltb/CaptureReader.h"
 #include "tools/oltb/Errors.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <string_view>
 
 namespace oltb::cli {
 
 namespace {
 
-// TEMPORARY: reads the CSV that CsvWriter writes, in the least code that does. The capture reader shared by the
-// tool's commands (CSV and HDF5 files) replaces this function once it is there.
-std::vector<oltbTraceEvent> readCsvCapture(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        throw InputError("cannot read " + path + ": " + std::strerror(errno), true);
-    }
-    std::string text;
-    char block[1 << 16];
-    std::size_t got = 0;
-    while ((got = std::fread(block, 1, sizeof(block), file)) > 0) {
-        text.append(block, got);
-    }
-    const bool failed = std::ferror(file) != 0;
-    std::fclose(file);
-    if (failed) {
-        throw InputError("cannot read " + path, true);
-    }
-
+// The whole capture (CSV or HDF5), head positions as signed numbers.
+std::vector<oltbTraceEvent> readCapture(const std::string& path) {
+    CaptureReader reader(path);
     std::vector<oltbTraceEvent> events;
-    std::size_t lineNumber = 0;
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        std::size_t end = text.find('\n', begin);
-        end = end == std::string::npos ? text.size() : end;
-        std::string_view line(text.data() + begin, end - begin);
-        begin = end + 1;
-        ++lineNumber;
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        const auto fail = [&](const std::string& what) {
-            return InputError(path + ":" + std::to_string(lineNumber) + ": not an oltb capture: " + what, false);
-        };
-        if (lineNumber == 1) {
-            if (line != CsvWriter::Header) throw fail(std::string("the first line must be ") + CsvWriter::Header);
-            continue;
-        }
-        if (line.empty()) continue;
-        oltbTraceEvent event{};
-        const char* p = line.data();
-        const char* const stop = line.data() + line.size();
-        int type = 0;
-        int overflow = 0;
-        const auto field = [&](auto& value) {
-            const auto [next, error] = std::from_chars(p, stop, value);
-            if (error != std::errc() || (next != stop && *next != ',')) throw fail("a field is not a number");
-            p = next == stop ? next : next + 1;
-        };
-        field(event.Timestamp);
-        field(event.Time);
-        p = static_cast<const char*>(std::memchr(p, ',', static_cast<std::size_t>(stop - p)));
-        if (p == nullptr) throw fail("expected 6 fields");
-        ++p;
-        field(type);
-        field(event.Value);
-        field(overflow);
-        if (p != stop || type < 0 || type > 127 || overflow < 0 || overflow > 1) throw fail("expected 6 fields");
-        event.Type = static_cast<oltbTraceEventType>(type);
-        event.Overflow = overflow != 0;
-        events.push_back(event);
+    std::vector<oltbTraceEvent> batch(1 << 16);
+    while (const std::size_t count = reader.read(batch.data(), batch.size())) {
+        events.insert(events.end(), batch.begin(), batch.begin() + static_cast<std::ptrdiff_t>(count));
     }
-    if (lineNumber == 0) {
-        throw InputError(path + ":1: not an oltb capture: the file is empty", false);
+    if (!reader.info().signedPositions) {
+        oltbToSignedPosition(events.data(), static_cast<std::uint32_t>(events.size()));
     }
     return events;
 }
@@ -108,7 +54,7 @@ int runAnalyze(const AnalyzeOptions& options) {
         }
         events = std::move(acquired->events);
     } else {
-        events = readCsvCapture(options.input);
+        events = readCapture(options.input);
     }
 
     analysis::Options settings;

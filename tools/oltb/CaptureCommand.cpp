@@ -32,7 +32,13 @@ int runCapture(const CaptureOptions& options) {
         if (signals.empty()) {
             throw UsageError("the server traces no signal; choose some with --signals");
         }
-        outputs.begin(signals, !options.raw, VcdTimeZero::FirstEvent);
+        SeriesInfo info;
+        info.signals = signals;
+        info.signedPositions = !options.raw;
+        info.timeZero = VcdTimeZero::FirstEvent;
+        info.host = options.host;
+        info.startTimeUtc = utcNowIso8601();
+        outputs.begin(info);
         connection->setReadTimeout(ReadSliceMs);
         connection->start();
 

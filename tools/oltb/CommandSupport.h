@@ -4,6 +4,7 @@
 
 #include "tools/oltb/Connection.h"
 #include "tools/oltb/Outputs.h"
+#include "tools/oltb/SeriesInfo.h"
 #include "tools/oltb/Signals.h"
 #include "tools/oltb/Summary.h"
 
@@ -30,7 +31,7 @@ std::vector<const SignalInfo*> chooseSignals(Connection& connection,
 // signals traced; `wanted` replaces the server's configuration first. Nothing when interrupted before the end
 // label. Throws ServerError.
 struct AcquiredEvents {
-    std::vector<const SignalInfo*> signals;
+    SeriesInfo info;  // the traced signals, the server, the labels and when tracing started
     std::vector<oltbTraceEvent> events;
 };
 struct AcquireOptions;

@@ -49,10 +49,16 @@ struct AnalyzeOptions {
     bool endGiven = false;
 };
 
+struct ConvertOptions {
+    std::string input;
+    std::string output;
+};
+
 int runSignals();
 int runConfig(const ConfigOptions& options);
 int runCapture(const CaptureOptions& options);
 int runAcquire(const AcquireOptions& options);
 int runAnalyze(const AnalyzeOptions& options);
+int runConvert(const ConvertOptions& options);
 
 }  // namespace oltb::cli

@@ -10,10 +10,11 @@ namespace oltb::cli {
 enum ExitCode : int {
     ExitSuccess = 0,
     ExitUnexpected = 1,   // a fault of the tool itself
-    ExitUsage = 2,        // bad arguments: unknown option or signal, bad label number, unknown output format
+    ExitUsage = 2,        // bad arguments: unknown option or signal, bad label number, unknown output format, a
+                          // file to read that is no capture of oltb
     ExitServer = 3,       // connecting, a command or reading failed: unreachable host, lost connection, timeout
-    ExitOutput = 4,       // an output file could not be created or written, an input file could not be read
-    ExitInterrupted = 130 // an acquisition ended by Ctrl-C before its end label: nothing written
+    ExitOutput = 4,       // an output file could not be created or written, or a capture could not be read
+    ExitInterrupted = 130 // an acquisition ended by Ctrl-C before its end label, or a conversion: nothing written
 };
 
 class UsageError : public std::runtime_error {
@@ -26,14 +27,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// An input file that cannot be read (exit 4) or is not what it should be (exit 2, the text names the line).
+// A capture file that cannot be read: missing, not permitted, damaged. (A readable file that is no capture of
+// oltb is a UsageError: the user named the wrong file.)
 class InputError : public std::runtime_error {
 public:
-    InputError(const std::string& text, bool unreadable) : std::runtime_error(text), _unreadable(unreadable) {}
-    bool unreadable() const { return _unreadable; }
-
-private:
-    bool _unreadable;
+    using std::runtime_error::runtime_error;
 };
 
 class OutputError : public std::runtime_error {

@@ -38,16 +38,30 @@ std::string displayName(const std::string& path) {
 
 }  // namespace
 
-OutputFormat outputFormatOf(const std::string& path) {
+std::optional<OutputFormat> formatOfFileName(const std::string& path) {
     const std::string lower = lowerCase(path);
-    if (lower == "-" || endsWith(lower, ".csv")) {
+    if (endsWith(lower, ".csv")) {
         return OutputFormat::Csv;
     }
     if (endsWith(lower, ".vcd")) {
         return OutputFormat::Vcd;
     }
-    throw UsageError("output '" + path +
-                     "': unknown format; name a .csv or .vcd file (or - for CSV on standard output)");
+    if (endsWith(lower, ".h5")) {
+        return OutputFormat::H5;
+    }
+    return std::nullopt;
+}
+
+OutputFormat outputFormatOf(const std::string& path) {
+    const std::optional<OutputFormat> format = path == "-" ? OutputFormat::Csv : formatOfFileName(path);
+    if (!format) {
+        throw UsageError("output '" + path +
+                         "': unknown format; name a .csv, .vcd or .h5 file (or - for CSV on standard output)");
+    }
+    if (*format == OutputFormat::H5 && !H5Writer::available()) {
+        throw UsageError("output '" + path + "': this oltb was built without HDF5 (install libhdf5-dev and build again)");
+    }
+    return *format;
 }
 
 Outputs::Outputs(std::vector<std::string> paths) {
@@ -60,7 +74,7 @@ Outputs::Outputs(std::vector<std::string> paths) {
         if (seen) {
             throw UsageError("output '" + path + "' is given twice");
         }
-        _outputs.push_back(Output{path, outputFormatOf(path), nullptr, nullptr, nullptr, {}});
+        _outputs.push_back(Output{path, outputFormatOf(path), nullptr, nullptr, nullptr, nullptr, {}});
     }
 }
 
@@ -87,10 +101,13 @@ std::ostream& Outputs::streamOf(Output& output) {
 }
 
 void Outputs::checkWritten(Output& output) {
-    if (!output.failure.empty() || !streamOf(output).fail()) {
-        return;
+    if (output.failure.empty() && output.format != OutputFormat::H5 && streamOf(output).fail()) {
+        fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(errno));
     }
-    output.failure = "cannot write " + displayName(output.path) + ": " + std::strerror(errno);
+}
+
+void Outputs::fail(Output& output, const std::string& failure) {
+    output.failure = failure;
     if (_firstFailure.empty()) {
         _firstFailure = output.failure;
         _standardOutputClosed = output.path == "-" && readerOfStandardOutputGone();
@@ -103,12 +120,20 @@ void Outputs::throwIfFailed() const {
     }
 }
 
-void Outputs::begin(const std::vector<const SignalInfo*>& signals, bool signedPositions, VcdTimeZero timeZero) {
+void Outputs::begin(const SeriesInfo& info) {
     for (Output& output : _outputs) {
-        if (output.format == OutputFormat::Csv) {
-            output.csv = std::make_unique<CsvWriter>(streamOf(output));
-        } else {
-            output.vcd = std::make_unique<VcdWriter>(streamOf(output), signals, signedPositions, timeZero);
+        try {
+            if (output.format == OutputFormat::Csv) {
+                output.csv = std::make_unique<CsvWriter>(streamOf(output));
+            } else if (output.format == OutputFormat::Vcd) {
+                output.vcd = std::make_unique<VcdWriter>(streamOf(output), info.signals, info.signedPositions,
+                                                         info.timeZero);
+            } else {
+                output.file.reset();  // HDF5 writes the file itself, from its start
+                output.h5 = std::make_unique<H5Writer>(output.path, info);
+            }
+        } catch (const OutputError& error) {
+            fail(output, error.what());
         }
         checkWritten(output);
     }
@@ -123,12 +148,21 @@ void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
         if (!output.failure.empty()) {
             continue;
         }
-        for (std::size_t index = 0; index < count; ++index) {
-            if (output.csv) {
-                output.csv->write(events[index]);
-            } else {
-                output.vcd->write(events[index]);
+        try {
+            for (std::size_t index = 0; index < count; ++index) {
+                if (output.csv) {
+                    output.csv->write(events[index]);
+                } else if (output.vcd) {
+                    output.vcd->write(events[index]);
+                } else {
+                    output.h5->write(events[index]);
+                }
             }
+            if (output.h5) {
+                output.h5->flushIfDue();
+            }
+        } catch (const OutputError& error) {
+            fail(output, error.what());
         }
         checkWritten(output);
     }
@@ -137,6 +171,17 @@ void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
 
 void Outputs::finish() {
     for (Output& output : _outputs) {
+        if (output.h5) {
+            try {
+                if (output.failure.empty()) {
+                    output.h5->finish();
+                }
+            } catch (const OutputError& error) {
+                fail(output, error.what());
+            }
+            output.h5.reset();
+            continue;
+        }
         if (output.failure.empty() && output.vcd) {
             output.vcd->finish();
         }
@@ -151,15 +196,21 @@ void Outputs::finish() {
 }
 
 void Outputs::discardUnbegun() {
-    if (_begun) {
-        return;
+    if (!_begun) {
+        discard();
     }
+}
+
+void Outputs::discard() {
     for (Output& output : _outputs) {
-        if (output.file) {
-            output.file->close();
-            std::remove(output.path.c_str());
-            output.file.reset();
+        if (output.path == "-") {
+            continue;
         }
+        output.csv.reset();
+        output.vcd.reset();
+        output.h5.reset();
+        output.file.reset();
+        std::remove(output.path.c_str());
     }
 }
 

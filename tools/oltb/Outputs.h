@@ -1,23 +1,29 @@
-// The files a command writes, each in the format its name's extension says (.csv or .vcd); "-" or no file at
-// all means CSV on standard output. One series of events goes to every file.
+// The files a command writes, each in the format its name's extension says (.csv, .vcd or .h5); "-" or no file
+// at all means CSV on standard output. One series of events goes to every file.
 #pragma once
 
 #include "api/oltb.h"
 #include "tools/oltb/CsvWriter.h"
-#include "tools/oltb/Signals.h"
+#include "tools/oltb/H5Writer.h"
+#include "tools/oltb/SeriesInfo.h"
 #include "tools/oltb/VcdWriter.h"
 
 #include <cstddef>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace oltb::cli {
 
-enum class OutputFormat { Csv, Vcd };
+enum class OutputFormat { Csv, Vcd, H5 };
 
-// The format of a file name, by its extension (any case); "-" is CSV. Throws UsageError for anything else.
+// The format of a file name by its extension (any case): .csv, .vcd, .h5; nothing for any other name.
+std::optional<OutputFormat> formatOfFileName(const std::string& path);
+
+// The format of an output by its name; "-" is CSV. Throws UsageError for anything else, and for .h5 when this oltb
+// was built without HDF5.
 OutputFormat outputFormatOf(const std::string& path);
 
 class Outputs {
@@ -34,8 +40,9 @@ public:
 
     bool csvOnStandardOutput() const;
 
-    // Starts every file; `signals` become the variables of a VCD file. Throws OutputError.
-    void begin(const std::vector<const SignalInfo*>& signals, bool signedPositions, VcdTimeZero timeZero);
+    // Starts every file: its header, variables or groups, and what an HDF5 file keeps of `info`. Throws
+    // OutputError.
+    void begin(const SeriesInfo& info);
 
     // Throws OutputError once a file can no longer be written; the other files are written all the same.
     void write(const oltbTraceEvent* events, std::size_t count);
@@ -45,6 +52,9 @@ public:
 
     // Removes the files created by open() when nothing was begun (the command failed before it had events).
     void discardUnbegun();
+
+    // Closes and removes every file created by open(), whatever was written (a conversion that failed).
+    void discard();
 
     // Warnings of the VCD writers (events moved or skipped), empty when there are none.
     std::vector<std::string> warnings() const;
@@ -56,14 +66,16 @@ private:
     struct Output {
         std::string path;
         OutputFormat format;
-        std::unique_ptr<std::ofstream> file; // null for standard output
+        std::unique_ptr<std::ofstream> file; // null for standard output, and for HDF5 once begun
         std::unique_ptr<CsvWriter> csv;
         std::unique_ptr<VcdWriter> vcd;
+        std::unique_ptr<H5Writer> h5;
         std::string failure;  // why it can no longer be written; empty while it can
     };
 
     static std::ostream& streamOf(Output& output);
     void checkWritten(Output& output);
+    void fail(Output& output, const std::string& failure);
     void throwIfFailed() const;
 
     std::vector<Output> _outputs;

@@ -23,7 +23,9 @@ constexpr const char* ServerExitCodes = R"(Exit codes: 0 success, 2 usage error,
 read failed, a timeout), 1 unexpected failure of the tool itself.)";
 
 constexpr const char* TraceFooter = R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
-dump for GTKWave or Surfer); without -o, CSV goes to standard output. -o may be repeated: one series, every file.
+dump for GTKWave or Surfer), .h5 (HDF5: one group per signal with the datasets timestamp_ticks, time_us, value,
+overflow, sequence; for MATLAB, h5py, pandas, HDFView); without -o, CSV goes to standard output. -o may be
+repeated: one series, every file. Ctrl-C ends a capture with complete files, HDF5 included.
 --signals replaces the server's configuration, also for the clients that come after.
 Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
 timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
@@ -55,7 +57,7 @@ void addTraceOptions(CLI::App& command, std::string& host, std::string& signals,
                        "signals to trace: comma list of names (see oltb signals), groups Conf0..Conf3, or all; "
                        "sets the server's configuration (default: trace what it is configured for)")
         ->check(NotEmpty);
-    command.add_option("-o,--output", outputs, "file to write (.csv or .vcd; - for CSV on standard output)")
+    command.add_option("-o,--output", outputs, "file to write (.csv, .vcd or .h5; - for CSV on standard output)")
         ->allow_extra_args(false);
     command.add_flag("--raw", raw, "keep head positions as raw 20-bit values");
     command.add_flag("-q,--quiet", quiet, "no progress display on standard error");
@@ -154,6 +156,19 @@ int main(int argc, char** argv) {
         "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture (the message names the line),\n"
         "3 server error, 4 a file that cannot be read, 1 unexpected failure of the tool itself.");
 
+    ConvertOptions convert;
+    CLI::App* convertCommand =
+        app.add_subcommand("convert", "turn a capture of oltb (.csv or .h5) into another format (.csv, .vcd, .h5)");
+    convertCommand->add_option("input", convert.input, "the capture to read: a .csv or .h5 file written by oltb")
+        ->required();
+    convertCommand->add_option("output", convert.output, "the file to write: .csv, .vcd or .h5 (- for CSV on "
+                                                         "standard output)")
+        ->required();
+    convertCommand->footer(R"(Reads and writes a batch at a time, so files of any length convert in little memory. A CSV has no
+server, labels or start time for an .h5 file to keep. A failed or interrupted conversion removes its output.
+Exit codes: 0 success, 2 usage error (also an input that is no capture of oltb: the message names the file and
+the line), 4 a file could not be read or written (missing, damaged HDF5), 130 interrupted, 1 unexpected failure.)");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -178,16 +193,19 @@ int main(int argc, char** argv) {
             analyze.endGiven = analyzeEnd->count() > 0;
             return runAnalyze(analyze);
         }
+        if (app.got_subcommand(convertCommand)) {
+            return runConvert(convert);
+        }
         return runAcquire(acquire);
-    } catch (const InputError& error) {
-        printError(error.what());
-        return error.unreadable() ? ExitOutput : ExitUsage;
     } catch (const UsageError& error) {
         printError(error.what());
         return ExitUsage;
     } catch (const ServerError& error) {
         printError(error.what());
         return ExitServer;
+    } catch (const InputError& error) {
+        printError(error.what());
+        return ExitOutput;
     } catch (const OutputError& error) {
         if (!error.standardOutputClosed()) {
             printError(error.what());

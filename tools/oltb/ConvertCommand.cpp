@@ -1,0 +1,52 @@
+// "oltb convert IN OUT": a capture that oltb wrote (.csv or .h5) into another file (.csv, .vcd or .h5), a batch at a
+// time through the capture reader and the writers. A conversion that fails or is interrupted removes its output, so
+// that no partial file passes for a whole one.
+#include "tools/oltb/CaptureReader.h"
+#include "tools/oltb/CommandSupport.h"
+#include "tools/oltb/Commands.h"
+#include "tools/oltb/Errors.h"
+#include "tools/oltb/Interrupt.h"
+
+#include <filesystem>
+
+namespace oltb::cli {
+
+namespace {
+
+constexpr std::size_t BatchEvents = 4096;
+
+}  // namespace
+
+int runConvert(const ConvertOptions& options) {
+    Outputs outputs({options.output});
+    std::error_code unused;
+    if (options.output != "-" && std::filesystem::equivalent(options.input, options.output, unused)) {
+        throw UsageError("output '" + options.output + "' is the capture to read");
+    }
+    CaptureReader reader(options.input);
+    outputs.open();
+    try {
+        outputs.begin(reader.info());
+        Summary summary;
+        std::vector<oltbTraceEvent> batch(BatchEvents);
+        while (const std::size_t count = reader.read(batch.data(), batch.size())) {
+            if (interruptRequested()) {
+                outputs.discard();
+                printError("conversion interrupted; nothing written");
+                return ExitInterrupted;
+            }
+            for (std::size_t index = 0; index < count; ++index) {
+                summary.add(batch[index]);
+            }
+            outputs.write(batch.data(), count);
+        }
+        outputs.finish();
+        reportResult(outputs, summary);
+        return ExitSuccess;
+    } catch (...) {
+        outputs.discard();
+        throw;
+    }
+}
+
+}  // namespace oltb::cli

@@ -1,0 +1,133 @@
+#include "tools/oltb/H5Support.h"
+
+namespace oltb::cli::h5 {
+
+namespace {
+
+// HDF5 keeps a stack of errors from the function called down to the one that failed first; the innermost one
+// says what went wrong ("file signature not found", "truncated file: eof = ...").
+herr_t takeInnermost(unsigned position, const H5E_error2_t* error, void* text) {
+    if (position == 0 && error->desc != nullptr) {
+        *static_cast<std::string*>(text) = error->desc;
+    }
+    return 0;
+}
+
+std::string reasonOfLastFailure() {
+    std::string text;
+    H5Ewalk2(H5E_DEFAULT, H5E_WALK_UPWARD, takeInnermost, &text);
+    H5Eclear2(H5E_DEFAULT);
+    return text.empty() ? "HDF5 gave no reason" : text;
+}
+
+Handle variableLengthString() {
+    Handle type = checked(H5Tcopy(H5T_C_S1), H5Tclose, "string type");
+    check(H5Tset_size(type.get(), H5T_VARIABLE), "string type");
+    check(H5Tset_cset(type.get(), H5T_CSET_UTF8), "string type");
+    return type;
+}
+
+// An attribute holding one value of the class expected; reading a list into one value would overrun it.
+Handle openSingleAttribute(hid_t object, const char* name, H5T_class_t expected, const char* kind) {
+    const std::string what = std::string("attribute ") + name;
+    Handle attribute = checked(H5Aopen(object, name, H5P_DEFAULT), H5Aclose, what);
+    const Handle type = checked(H5Aget_type(attribute.get()), H5Tclose, what);
+    const Handle space = checked(H5Aget_space(attribute.get()), H5Sclose, what);
+    const bool variableText = expected != H5T_STRING || H5Tis_variable_str(type.get()) > 0;
+    if (H5Tget_class(type.get()) != expected || !variableText || H5Sget_simple_extent_npoints(space.get()) != 1) {
+        throw Failure(what + " is not " + kind);
+    }
+    return attribute;
+}
+
+}  // namespace
+
+Handle& Handle::operator=(Handle&& other) noexcept {
+    if (this != &other) {
+        close();
+        _id = other._id;
+        _closer = other._closer;
+        other._id = -1;
+    }
+    return *this;
+}
+
+bool Handle::close() {
+    if (_id < 0) {
+        return true;
+    }
+    const herr_t status = _closer(_id);
+    _id = -1;
+    return status >= 0;
+}
+
+void silenceLibraryErrors() {
+    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+}
+
+Handle boundedFileAccess() {
+    Handle access = checked(H5Pcreate(H5P_FILE_ACCESS), H5Pclose, "file access properties");
+    H5AC_cache_config_t config{};
+    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
+    check(H5Pget_mdc_config(access.get(), &config), "metadata cache");
+    config.set_initial_size = true;
+    config.initial_size = 1 << 20;
+    config.min_size = 1 << 20;
+    config.max_size = 2 << 20;
+    check(H5Pset_mdc_config(access.get(), &config), "metadata cache");
+    return access;
+}
+
+Handle checked(hid_t id, Handle::Closer closer, const std::string& action) {
+    if (id < 0) {
+        throw Failure(action + ": " + reasonOfLastFailure());
+    }
+    return Handle(id, closer);
+}
+
+void check(herr_t status, const std::string& action) {
+    if (status < 0) {
+        throw Failure(action + ": " + reasonOfLastFailure());
+    }
+}
+
+void writeAttribute(hid_t object, const char* name, const std::string& value) {
+    const Handle type = variableLengthString();
+    const Handle space = checked(H5Screate(H5S_SCALAR), H5Sclose, "attribute space");
+    const Handle attribute = checked(H5Acreate2(object, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT),
+                                     H5Aclose, std::string("attribute ") + name);
+    const char* text = value.c_str();
+    check(H5Awrite(attribute.get(), type.get(), &text), std::string("attribute ") + name);
+}
+
+void writeAttribute(hid_t object, const char* name, hid_t fileType, long long value) {
+    const Handle space = checked(H5Screate(H5S_SCALAR), H5Sclose, "attribute space");
+    const Handle attribute = checked(H5Acreate2(object, name, fileType, space.get(), H5P_DEFAULT, H5P_DEFAULT),
+                                     H5Aclose, std::string("attribute ") + name);
+    check(H5Awrite(attribute.get(), H5T_NATIVE_LLONG, &value), std::string("attribute ") + name);
+}
+
+std::optional<std::string> readStringAttribute(hid_t object, const char* name) {
+    if (H5Aexists(object, name) <= 0) {
+        return std::nullopt;
+    }
+    const Handle attribute = openSingleAttribute(object, name, H5T_STRING, "one text");
+    const Handle type = variableLengthString();
+    char* text = nullptr;
+    check(H5Aread(attribute.get(), type.get(), &text), std::string("attribute ") + name);
+    std::string value = text != nullptr ? text : "";
+    H5free_memory(text);
+    return value;
+}
+
+std::optional<long long> readIntegerAttribute(hid_t object, const char* name) {
+    if (H5Aexists(object, name) <= 0) {
+        return std::nullopt;
+    }
+    const Handle attribute = openSingleAttribute(object, name, H5T_INTEGER, "one whole number");
+    long long value = 0;
+    check(H5Aread(attribute.get(), H5T_NATIVE_LLONG, &value), std::string("attribute ") + name);
+    return value;
+}
+
+}  // namespace oltb::cli::h5
