@@ -119,6 +119,8 @@ bench:
 	build/bench/bench/oltb_bench_decode
 	build/bench/bench/oltb_bench_stream
 	build/bench/bench/oltb_bench_analysis
+	PYTHONPATH=python OLTB_LIBRARY=$(CURDIR)/build/bench/libOLVEN.TALIX3.Native.TraceBufferLib.so /usr/bin/python3 \
+		bench/python_read_bench.py build/bench/tools/oltb-sim/oltb-sim build/bench/bench/oltb_read_rate
 
 # Installation (cmake/OltbInstall.cmake): builds only what is installed. Under /usr/local run as root, which also
 # refreshes the loader's cache (ldconfig).

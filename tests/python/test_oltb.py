@@ -1,5 +1,5 @@
-"""The Python package against the simulator: a configured acquisition comes back whole and in order, failures carry
-the library's texts, and a capture loads the same from CSV and HDF5."""
+"""The Python package against the simulator: a configured acquisition comes back whole and in order and analyzes as
+the tool does, failures carry the library's texts, and a capture loads the same from CSV and HDF5."""
 
 import os
 import subprocess
@@ -25,8 +25,8 @@ def simulator():
 
 def test_acquisition_comes_back_whole_and_in_order(simulator):
     with oltb.connect(ADDRESS) as client:
-        client.configure("Head0TxX,Head0TxY,Gate,label")
-        assert client.configuration() == ["Gate", "Head0TxX", "Head0TxY", "Label"]
+        client.configure("Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate,label")
+        assert client.configuration() == ["Gate", "Head0TxX", "Head0TxY", "Head0RxX", "Head0RxY", "Label"]
         client.read_timeout = 5000
         client.start()
         job = client.acquire(1, 2, signed=True)
@@ -35,6 +35,8 @@ def test_acquisition_comes_back_whole_and_in_order(simulator):
     x, y = (job[job["type"] == oltb.SIGNAL_TYPES[name]] for name in ("Head0TxX", "Head0TxY"))
     assert len(x) == len(y) > 50000 and np.all(np.diff(x["timestamp"]) == 640)
     assert job["time"][0] >= 0 and np.abs(x["value"]).max() == 350000
+    figures = oltb.analyze(job)  # the simulator's default servo lags by 250 us
+    assert abs(figures["tracking_error_us"]["x"] - 250) < 2 and len(figures["marks"]) == 4
 
 
 def test_failures_carry_the_library_texts(simulator):
