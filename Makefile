@@ -2,7 +2,7 @@
 JOBS ?= 2
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: setup build check test test-release test-asan test-tsan demo clean
+.PHONY: setup build check test test-release test-asan test-tsan demo mutants clean
 
 setup:
 	@bash scripts/setup.sh
@@ -73,6 +73,12 @@ demo: setup
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
 	@bash scripts/demo.sh
+
+# Mutation check of the test suite: every slip listed in scripts/mutants.txt is built alone in a scratch copy
+# (build/mutants, kept for the next run) and run against the suite until its first failure. Prints the mutants no
+# test notices and "caught N of M" last; exits 0 whatever survived. ONLY=id,glob,substring runs a selection.
+mutants: setup
+	/usr/bin/python3 scripts/mutants.py --jobs $(JOBS) $(if $(ONLY),--only '$(ONLY)')
 
 .PHONY: bench
 
