@@ -3,8 +3,9 @@
 
 Each mutant in scripts/mutants.txt is one small slip a developer could make in the library, the tool or the
 simulator. The runner copies the working tree into build/mutants/src, builds it there once unmutated and runs the
-suite once (both must pass), then for every mutant: puts the mutated file in place, rebuilds incrementally, runs
-the suite until the first failure and puts the file back. A mutant is
+suite once (both must pass; the same for the ThreadSanitizer build when mutants need it), then for every mutant:
+puts the mutated file in place, rebuilds incrementally, runs the suite until the first failure and puts the file
+back. A mutant is
 
   caught        it built and a test failed, crashed or timed out;
   survived      it built and every test passed: the suite does not notice this slip;
@@ -17,8 +18,10 @@ survived; only a broken unmutated build or suite (or a broken list) makes it non
 
 The scratch directory stays between runs so that the next run builds incrementally:
   build/mutants/src       the copy of the working tree (files as `git ls-files -co --exclude-standard` lists them)
-  build/mutants/release   the Release build with tests (no benchmarks) that most mutants run in
-  build/mutants/tsan      a ThreadSanitizer build, made only when mutants marked "build: tsan" are selected
+  build/mutants/release   the Release build of it with tests (no benchmarks) that most mutants run in
+  build/mutants/src-tsan, build/mutants/tsan
+                          a second copy and its ThreadSanitizer build, made only when mutants marked "build: tsan"
+                          are selected (some slips, a lock left out, show only there)
   build/mutants/logs      build and test output of the mutants worth a look (of every mutant with --keep)
   build/mutants/results.txt  one line per mutant of the last run
 
@@ -214,6 +217,11 @@ def run_limited(command: List[str], cwd: Path, log: Path, timeout: float,
             os.killpg(process.pid, signal.SIGKILL)
             process.wait()
             status = None
+        except BaseException:
+            # Interrupted (Ctrl-C): the session does not get the terminal's signal, so it is ended here.
+            os.killpg(process.pid, signal.SIGKILL)
+            process.wait()
+            raise
     return status, log.read_text(encoding="utf-8", errors="replace")
 
 
@@ -296,17 +304,24 @@ def fastest_linker() -> Optional[str]:
 
 @dataclass
 class Build:
+    """One scratch build with a source copy of its own, so that mutants of one build leave the other's objects
+    alone."""
     kind: str
+    source: Path
     directory: Path
     jobs: int
+    stress_seconds: float  # OLTB_STRESS_SECONDS of its test runs; 0: the tests' own durations
     test_limit: float = 60.0  # seconds per test program, calibrated by the unmutated run
 
-    def configure(self, source: Path, log: Path) -> None:
+    def configure(self, log: Path) -> None:
         generator = "Ninja" if shutil.which("ninja") else "Unix Makefiles"
         cache = self.directory / "CMakeCache.txt"
-        if cache.exists() and f"CMAKE_GENERATOR:INTERNAL={generator}\n" not in cache.read_text(errors="replace"):
-            shutil.rmtree(self.directory)
-        arguments = ["cmake", "-S", str(source), "-B", str(self.directory), "-G", generator,
+        if cache.exists():
+            text = cache.read_text(errors="replace")
+            if (f"CMAKE_GENERATOR:INTERNAL={generator}\n" not in text
+                    or f"CMAKE_HOME_DIRECTORY:INTERNAL={self.source}\n" not in text):
+                shutil.rmtree(self.directory)
+        arguments = ["cmake", "-S", str(self.source), "-B", str(self.directory), "-G", generator,
                      "-DOLTB_BUILD_TESTS=ON", "-DOLTB_BUILD_TOOLS=ON", "-DOLTB_BUILD_BENCH=OFF",
                      "-DOLTB_BUILD_FUZZ=OFF"] + BUILD_KINDS[self.kind]
         linker = fastest_linker()
@@ -332,9 +347,8 @@ class Build:
 class TestRunner:
     """Runs ctest in a scratch build, in a network namespace of its own when possible."""
 
-    def __init__(self, jobs: int, stress_seconds: float, mutant_timeout: float):
+    def __init__(self, jobs: int, mutant_timeout: float):
         self.jobs = jobs
-        self.stress_seconds = stress_seconds
         self.mutant_timeout = mutant_timeout
         self.isolated = self._namespace_works()
 
@@ -360,8 +374,8 @@ class TestRunner:
         """Runs the focus tests, then (if they passed) the others. Returns (all passed, what failed, output)."""
         environment = dict(os.environ)
         environment.update(TEST_ENVIRONMENT[build.kind])
-        if self.stress_seconds > 0:
-            environment["OLTB_STRESS_SECONDS"] = f"{self.stress_seconds:g}"
+        if build.stress_seconds > 0:
+            environment["OLTB_STRESS_SECONDS"] = f"{build.stress_seconds:g}"
         environment[LIMIT_VARIABLE] = f"{build.test_limit:g}"
         deadline = time.monotonic() + self.mutant_timeout
         phases = [["-R", focus], ["-E", focus]] if focus else [[]]
@@ -430,23 +444,25 @@ class Outcome:
 class Runner:
     def __init__(self, arguments: argparse.Namespace):
         self.arguments = arguments
-        self.source = SCRATCH / "src"
         self.logs = SCRATCH / "logs"
-        self.tests = TestRunner(arguments.jobs, arguments.stress_seconds, arguments.mutant_timeout)
+        self.tests = TestRunner(arguments.jobs, arguments.mutant_timeout)
         self.builds: Dict[str, Build] = {}
 
     def prepare(self, kind: str) -> Build:
-        """Configures and builds one scratch build unmutated and runs its whole suite once; both must pass."""
-        if kind in self.builds:
-            return self.builds[kind]
-        build = Build(kind, SCRATCH / kind, self.arguments.jobs, float(self.arguments.test_timeout))
+        """Brings the build's source copy up to date, builds it unmutated and runs its whole suite once; both must
+        pass."""
+        source = SCRATCH / ("src" if kind == "release" else f"src-{kind}")
+        stress = self.arguments.stress_seconds if kind == "release" else self.arguments.sanitizer_stress_seconds
+        build = Build(kind, source, SCRATCH / kind, self.arguments.jobs, stress, float(self.arguments.test_timeout))
+        changed = sync_tree(source)
+        progress(f"mutants: {kind}: source copy in {source} ({changed} files updated)")
         started = time.monotonic()
-        progress(f"mutants: configuring and building the unmutated {kind} build in {build.directory}")
-        build.configure(self.source, self.logs / f"unmutated-{kind}.configure.log")
+        progress(f"mutants: {kind}: configuring and building the unmutated build in {build.directory}")
+        build.configure(self.logs / f"unmutated-{kind}.configure.log")
         built, output = build.build(self.logs / f"unmutated-{kind}.build.log")
         if not built:
             raise InfrastructureError(f"the unmutated {kind} build fails:\n{tail(output)}")
-        progress(f"mutants: built in {time.monotonic() - started:.0f} s; running the unmutated suite")
+        progress(f"mutants: {kind}: built in {time.monotonic() - started:.0f} s; running the unmutated suite")
         started = time.monotonic()
         passed, failures, output = self.tests.run(build, None, self.logs / f"unmutated-{kind}",
                                                   stop_on_failure=False)
@@ -456,13 +472,12 @@ class Runner:
         slowest = max(test_seconds(output).values(), default=0.0)
         build.test_limit = min(float(self.arguments.test_timeout),
                                max(self.arguments.test_timeout_floor, self.arguments.test_timeout_factor * slowest))
-        progress(f"mutants: unmutated suite passed in {time.monotonic() - started:.0f} s; slowest test "
+        progress(f"mutants: {kind}: unmutated suite passed in {time.monotonic() - started:.0f} s; slowest test "
                  f"{slowest:.1f} s, so each test of a mutant may take {build.test_limit:.0f} s")
-        self.builds[kind] = build
         return build
 
     def run_mutant(self, mutant: Mutant, build: Build) -> Outcome:
-        path = self.source / mutant.file
+        path = build.source / mutant.file
         pristine = read_text(path)
         find, replace = mutant.fields["find"], mutant.fields["replace"]
         if pristine.count(find) != 1:
@@ -492,18 +507,18 @@ class Runner:
         if self.logs.exists():
             shutil.rmtree(self.logs)
         self.logs.mkdir(parents=True)
-        changed = sync_tree(self.source)
-        progress(f"mutants: scratch copy in {self.source} ({changed} files updated)")
         if not self.tests.isolated:
             progress("mutants: warning: no network namespace available; the tests share the loopback addresses "
                      "with any other test run on this machine")
+        # Every build the selection needs is made and checked first: a broken one ends the run before any mutant.
+        for kind in sorted({mutant.build for mutant in mutants}, key=lambda kind: kind != "release"):
+            self.builds[kind] = self.prepare(kind)
 
         # Grouped by build and file, so that a file is put back and recompiled once per group, not per mutant.
         order = sorted(mutants, key=lambda m: (m.build != "release", m.build, m.file))
         outcomes: Dict[str, Outcome] = {}
         for number, mutant in enumerate(order, 1):
-            build = self.prepare(mutant.build)
-            outcome = self.run_mutant(mutant, build)
+            outcome = self.run_mutant(mutant, self.builds[mutant.build])
             outcomes[mutant.id] = outcome
             self.report_progress(number, len(order), outcome)
             if outcome.status in ("caught", "stale") and not self.arguments.keep:
@@ -597,7 +612,11 @@ def main() -> int:
     parser.add_argument("--jobs", type=int, default=2, help="parallel build jobs and tests (default 2)")
     parser.add_argument("--file", type=Path, default=DEFAULT_LIST, help="the list of mutants")
     parser.add_argument("--stress-seconds", type=float, default=4.0,
-                        help="how long each stress test runs (OLTB_STRESS_SECONDS; 0: their own default)")
+                        help="how long each stress test runs in the Release build (OLTB_STRESS_SECONDS; 0: their "
+                             "own durations; default 4)")
+    parser.add_argument("--sanitizer-stress-seconds", type=float, default=0.0,
+                        help="the same in the ThreadSanitizer build, where the stress tests need their own "
+                             "durations to get through enough connection lives (default 0)")
     parser.add_argument("--test-timeout", type=int, default=60,
                         help="longest run of one test program, seconds, if its own TIMEOUT is longer (default 60)")
     parser.add_argument("--test-timeout-factor", type=float, default=4.0,
@@ -629,6 +648,9 @@ def main() -> int:
     except InfrastructureError as error:
         print(f"mutants: {error}", file=sys.stderr)
         return 3
+    except KeyboardInterrupt:
+        print("mutants: interrupted; the mutated file is back to its own text", file=sys.stderr)
+        return 130
 
 
 if __name__ == "__main__":
