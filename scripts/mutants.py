@@ -513,6 +513,7 @@ class Runner:
         # Every build the selection needs is made and checked first: a broken one ends the run before any mutant.
         for kind in sorted({mutant.build for mutant in mutants}, key=lambda kind: kind != "release"):
             self.builds[kind] = self.prepare(kind)
+        prepared = time.monotonic() - run_started
 
         # Grouped by build and file, so that a file is put back and recompiled once per group, not per mutant.
         order = sorted(mutants, key=lambda m: (m.build != "release", m.build, m.file))
@@ -524,7 +525,7 @@ class Runner:
             if outcome.status in ("caught", "stale") and not self.arguments.keep:
                 for log in self.logs.glob(mutant.id + ".*"):
                     log.unlink()
-        return self.summarise(mutants, outcomes, time.monotonic() - run_started)
+        return self.summarise(mutants, outcomes, prepared, time.monotonic() - run_started)
 
     @staticmethod
     def report_progress(number: int, total: int, outcome: Outcome) -> None:
@@ -537,7 +538,7 @@ class Runner:
         }[outcome.status]
         progress(f"[{number}/{total}] {outcome.mutant.id} ({outcome.mutant.file}): {text} ({times})")
 
-    def summarise(self, mutants: List[Mutant], outcomes: Dict[str, Outcome], seconds: float) -> int:
+    def summarise(self, mutants: List[Mutant], outcomes: Dict[str, Outcome], prepared: float, seconds: float) -> int:
         with open(SCRATCH / "results.txt", "w", encoding="utf-8") as results:
             for mutant in mutants:
                 outcome = outcomes[mutant.id]
@@ -563,8 +564,9 @@ class Runner:
                              f"(a bad mutant; log: {self.logs / (mutant.id + '.build.log')})")
             else:
                 lines.append(f"STALE {mutant.id} {mutant.file}: {outcome.detail}")
-        progress(f"mutants: {len(mutants)} mutants in {minutes(seconds)}, "
-                 f"{seconds / max(len(mutants), 1):.1f} s per mutant; details in {SCRATCH / 'results.txt'}")
+        progress(f"mutants: {minutes(seconds)} in all: {minutes(prepared)} for the unmutated builds and suites, "
+                 f"{(seconds - prepared) / max(len(mutants), 1):.1f} s per mutant for {len(mutants)} mutants; "
+                 f"details in {SCRATCH / 'results.txt'}")
         for line in lines:
             print(line)
         print(f"caught {caught} of {measured}", flush=True)
