@@ -12,7 +12,7 @@ declare -A needs=(
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"
   [bench]="libbenchmark-dev"
-  [mutants]="python3"
+  [mutants]="python3 ninja-build lld util-linux"
   [package]="dpkg-dev file pkg-config lintian"
 )
 needs[test]="${needs[build]}"
