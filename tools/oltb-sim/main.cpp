@@ -1,6 +1,8 @@
 // oltb-sim: a trace buffer server for machines without a scan controller card. Reads the command line and runs
 // the server; everything the options mean is told by --help.
+#include "CounterStream.h"
 #include "GroundTruth.h"
+#include "JobStream.h"
 #include "Server.h"
 
 #include <CLI/CLI.hpp>
@@ -8,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -321,8 +324,14 @@ int main(int argc, char** argv) {
         return ExitCode::exitSuccess;
     }
 
+    std::unique_ptr<oltbsim::TraceSource> source;
+    if (settings.counter) {
+        source = std::make_unique<oltbsim::CounterStream>(settings.counterStepTicks);
+    } else {
+        source = std::make_unique<oltbsim::JobStream>(*markingJob);
+    }
     try {
-        return oltbsim::runServer(settings, *markingJob);
+        return oltbsim::runServer(settings, *source);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "oltb-sim: %s\n", e.what());
         return ExitCode::exitFailure;
