@@ -1,8 +1,9 @@
 // The oltb program against the simulator, both as processes: an acquisition's CSV holds exactly what the C interface
 // returns for the same job and its VCD agrees with it, a capture ends at its limit, on Ctrl-C or when the server
 // goes with complete rows (and HDF5 files that convert back to them), and bad arguments, an unreachable host, an
-// unwritable file and files that are no captures give their exit codes and texts. Each test uses its own loopback
-// address (127.0.0.60 .. 127.0.0.69).
+// unwritable file and files that are no captures give their exit codes and texts; a capture replayed by the simulator
+// is captured again with the same events. Each test uses its own loopback addresses (127.0.0.60 .. 127.0.0.69, the
+// replay 127.0.0.78 and 127.0.0.79).
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -12,7 +13,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -181,6 +184,59 @@ TEST(ToolProcess, H5CapturesEndedByInterruptOrLostServerConvertBackToTheirCsv) {
     EXPECT_EQ(damaged.exitCode, 4);
     EXPECT_NE(damaged.err.find("oltb: cannot read " + path("damaged.h5") + ": opening the file: "), std::string::npos) << damaged.err;
     EXPECT_FALSE(std::filesystem::exists(path("d.csv")));
+}
+// Per signal, the ticks from the file's first event, the values and the overflow flags of a CSV capture.
+std::map<std::string, std::vector<std::string>> eventsBySignal(const std::string& csv) {
+    const auto rows = csvRows(csv);
+    std::map<std::string, std::vector<std::string>> events;
+    for (std::size_t i = 1; i < rows.size(); ++i) {
+        events[rows[i][2]].push_back(std::to_string(std::stoull(rows[i][0]) - std::stoull(rows[1][0])) + " " +
+                                     rows[i][4] + " " + rows[i][5]);
+    }
+    return events;
+}
+
+// A capture (with overflows) replayed by the simulator, from its .h5 file and from its CSV, and captured again gives
+// the same events, shifted in time; a signal the capture lacks stays silent. Other files keep the server from starting.
+TEST(ToolProcess, ReplayedCaptureIsCapturedAgainWithTheSameEvents) {
+    const std::string signals = "Gate,LaserPower16,PortA,Head0TxX,Label";
+    {
+        Simulator simulator("127.0.0.78", {"--max-rate", "--overflow-every", "4000", "--overflow-lost", "3"});
+        ASSERT_TRUE(simulator.ready());
+        const ToolResult first = runTool({"capture", "127.0.0.78", "--signals", signals, "--events", "20000", "-q",
+                                          "-o", path("a.h5"), "-o", path("a.csv")});
+        ASSERT_EQ(first.exitCode, 0) << first.err;
+    }
+    const auto captured = eventsBySignal(readFile(path("a.csv")));
+    ASSERT_EQ(captured.size(), 5U);
+    EXPECT_GE(captured.at("Gate").size(), 3U);
+    // A sample that repeats the one before and an overflow are seen only at the start of a word.
+    std::ofstream(path("edges.csv")) << CsvHeader << "\n1000,0.000000,Gate,22,1,0\n1002,0.031250,Gate,22,1,0\n"
+                                     << "1004,0.062500,Gate,22,0,1\n1010,0.156250,Label,126,7,0\n";
+    const std::tuple<std::string, std::string, std::string> replays[] = {
+        {"a.h5", "a.csv", "20000"}, {"a.csv", "a.csv", "20000"}, {"edges.csv", "edges.csv", "4"}};
+    for (const auto& [file, expectedFile, count] : replays) {
+        Simulator replay("127.0.0.79", {"--replay", path(file), "--speed", "2"});
+        ASSERT_TRUE(replay.ready()) << replay.standardError();
+        const ToolResult again = runTool({"capture", "127.0.0.79", "--signals", signals + ",Head0TxY", "--events",
+                                          count, "-q", "-o", path("b.csv")});
+        ASSERT_EQ(again.exitCode, 0) << again.err;
+        EXPECT_EQ(eventsBySignal(readFile(path("b.csv"))), eventsBySignal(readFile(path(expectedFile)))) << file;
+    }
+    std::ofstream(path("damaged.h5")) << "\x89HDF\r\n\x1a\n" << std::string(600, '\x07');
+    std::ofstream(path("foreign.csv")) << "time,value\n1,2\n";
+    std::ofstream(path("wide.csv")) << CsvHeader << "\n1000,0.000000,Gate,22,1,0\n1064,1.000000,Gate,22,2,0\n";
+    const std::pair<std::string, std::string> refused[] = {
+        {"damaged.h5", "cannot read " + path("damaged.h5") + ": opening the file: "},
+        {"foreign.csv", path("foreign.csv") + ": line 1: not a capture written by oltb"},
+        {"wide.csv", path("wide.csv") + ": event 2 (Gate at tick 1064): value 2 does not fit the signal's 1 bit"}};
+    for (const auto& [file, text] : refused) {
+        ChildProcess simulator(OLTB_SIM_PATH, {"--address", "127.0.0.79", "--replay", path(file)});
+        EXPECT_EQ(simulator.waitForExit(10s), 1) << file;
+        EXPECT_NE(simulator.standardError().find("oltb-sim: --replay: " + text), std::string::npos)
+            << simulator.standardError();
+        EXPECT_EQ(simulator.standardOutput(), "") << "it never listened";
+    }
 }
 #endif
 

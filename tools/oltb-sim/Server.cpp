@@ -1,10 +1,9 @@
 // Listening socket and the accept loop.
 #include "Server.h"
 
-#include "CounterStream.h"
-#include "JobStream.h"
 #include "Session.h"
 #include "ShutdownSignal.h"
+#include "api/oltb.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -100,7 +99,7 @@ const char* describeEnd(const SessionEnd end) {
 
 }  // namespace
 
-int runServer(const ServerSettings& settings, const MarkingJob& job) {
+int runServer(const ServerSettings& settings, TraceSource& source) {
     ShutdownSignal::install();
 
     std::string reason;
@@ -113,12 +112,6 @@ int runServer(const ServerSettings& settings, const MarkingJob& job) {
     std::printf("oltb-sim listening on %s:%s\n", settings.address.c_str(), kServerPort);
     std::fflush(stdout);
 
-    std::unique_ptr<TraceSource> source;
-    if (settings.counter) {
-        source = std::make_unique<CounterStream>(settings.counterStepTicks);
-    } else {
-        source = std::make_unique<JobStream>(job);
-    }
     ServerState state;
     state.clockTick = settings.clockStartTick;
     for (const std::uint32_t type : {oltbEventHead0TxX, oltbEventHead0TxY, oltbEventHead0RxX, oltbEventHead0RxY,
@@ -149,7 +142,7 @@ int runServer(const ServerSettings& settings, const MarkingJob& job) {
         if (settings.verbose) {
             std::fprintf(stderr, "oltb-sim: client %s connected\n", peerName.c_str());
         }
-        Session session(client.get(), settings, state, *source);
+        Session session(client.get(), settings, state, source);
         const SessionEnd end = session.run();
         if (settings.verbose || end == SessionEnd::closedAfterWords) {
             std::fprintf(stderr, "oltb-sim: client %s %s\n", peerName.c_str(), describeEnd(end));

@@ -4,8 +4,8 @@
 // next; tracing does not (a new client finds it stopped).
 #pragma once
 
-#include "MarkingJob.h"
 #include "ServerSettings.h"
+#include "TraceSource.h"
 
 namespace oltbsim {
 
@@ -16,8 +16,8 @@ enum ExitCode : int {
     exitFailure = 3,       // any other failure
 };
 
-// Runs the server, streaming `job` (laid out beforehand, so that a job that cannot run never opens the port) or, in
-// counter mode, the counter; returns the process exit code.
-int runServer(const ServerSettings& settings, const MarkingJob& job);
+// Runs the server, streaming `source` (the marking job, the counter or a replay, made beforehand, so that a job or
+// capture that cannot run never opens the port); returns the process exit code.
+int runServer(const ServerSettings& settings, TraceSource& source);
 
 }  // namespace oltbsim

@@ -55,7 +55,13 @@ SessionEnd Session::run() {
             end = SessionEnd::shutdown;
             break;
         }
-        if (_streaming && !_closeLimitReached && pendingBytes() < kOutLowWaterBytes) {
+        if (producing() && pendingBytes() < kOutLowWaterBytes) {
+            // What is queued (an answer to Start, say) goes out first: a source may take a while to produce, as a
+            // replay does that opens its file.
+            if (pendingBytes() > 0 && flush() == IoResult::failed) {
+                end = SessionEnd::connectionLost;
+                break;
+            }
             produceWords();
         }
         if (pendingBytes() > 0 && flush() == IoResult::failed) {
@@ -72,7 +78,7 @@ SessionEnd Session::run() {
         const timespec* wait = nullptr;  // no limit: only input, writability or a signal ends the wait
         if (pendingBytes() > 0) {
             descriptor.events |= POLLOUT;
-        } else if (_streaming && !_closeLimitReached) {
+        } else if (producing()) {
             const auto now = Pacer::Clock::now();
             const auto due = _pacer.delayUntil(_source.nextTick(), now);
             const auto delay = due.count() == 0 ? due

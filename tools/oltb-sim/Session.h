@@ -45,6 +45,8 @@ private:
     void startStream();
     void stopStream();
     std::size_t pendingBytes() const noexcept { return _out.size() - _outPosition; }
+    // Words may still come: tracing runs, no fault ended it and the source has not run out.
+    bool producing() const { return _streaming && !_closeLimitReached && !_source.exhausted(); }
 
     int _socket;
     const ServerSettings& _settings;

@@ -25,6 +25,8 @@ public:
     virtual void generate(std::uint64_t horizonTick, std::size_t maxWords, std::vector<std::uint64_t>& out) = 0;
     // Field tick of the next word: all words before it have been generated.
     virtual std::uint64_t nextTick() const = 0;
+    // True once the stream has nothing more to send until the next start (a replay served once).
+    virtual bool exhausted() const { return false; }
 };
 
 }  // namespace oltbsim

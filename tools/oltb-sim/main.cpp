@@ -1,13 +1,18 @@
 // oltb-sim: a trace buffer server for machines without a scan controller card. Reads the command line and runs
 // the server; everything the options mean is told by --help.
+#include "CounterStream.h"
 #include "GroundTruth.h"
+#include "JobStream.h"
+#include "ReplayStream.h"
 #include "Server.h"
+#include "tools/oltb/Signals.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cmath>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -109,6 +114,21 @@ SIGNALS PRODUCED (all others stay silent)
   Narrow signals are sent only when they change (and once with their state when tracing starts): one
   word covers 32/n ticks of an n-bit signal, aligned to that window, first sample in the top bits.
 
+REPLAY (--replay FILE)
+  Serves a capture that oltb wrote (.csv or .h5, by the extension) instead of the job: each Start replays
+  its events from the beginning as the card would send them, re-encoded into trace words (positions back
+  to raw 20 bits with X negated when the file holds signed ones, narrow signals packed several samples a
+  word, labels with the pass 1, 2, ... in the lower 16 bits, time-base words), paced by --speed or
+  --max-rate. Only the capture's signals that the configuration selects are sent: the card streams what
+  is configured, and a selected signal the capture lacks stays silent. Timestamps are the capture's
+  minus a constant: the first event comes 32 to 63 ticks after the stream's start, each event keeping
+  its place in a 32-tick window. Captured again, the replay gives the same events. After one pass the
+  stream stays silent until the next Start; with --repeat the capture runs again, each pass --pause-ms
+  after the last event of the one before. The whole file is checked before the server listens: one
+  that is no capture of oltb, cannot be read, or holds a value its signal cannot carry is reported
+  ("oltb-sim: --replay: FILE: what is wrong") with exit code 1. Without HDF5 in the build .h5 files
+  are refused.
+
 COUNTER MODE (--counter)
   Spi0Rx words with values 0, 1, 2, ... from each Start, one word every 64e6/RATE ticks, sent whatever
   signals are selected; for integrity tests and benchmarks (best with --max-rate).
@@ -141,7 +161,8 @@ FAULTS
                             overflow flag. Time-base words are never lost.
 
 EXIT CODES
-  0 after SIGINT or SIGTERM (and for --help), 1 bad options, 2 the address cannot be bound
+  0 after SIGINT or SIGTERM (and for --help), 1 bad options, a job file that cannot run or a capture that
+  cannot be replayed, 2 the address cannot be bound
   ("oltb-sim: cannot listen on ADDRESS:9495: reason"), 3 any other failure.
 )";
 
@@ -169,6 +190,23 @@ std::optional<std::uint8_t> parseCommandCode(const std::string& text) {
     return std::nullopt;
 }
 
+// One line on standard error: what the replay serves, so that a client knows which signals to select.
+void describeReplay(const oltbsim::ReplayCapture& capture, const bool repeat, const double pauseMs) {
+    std::string names;
+    for (const std::uint32_t type : capture.types) {
+        const oltb::cli::SignalInfo* signal = oltb::cli::findSignalByType(static_cast<int>(type));
+        names += (names.empty() ? "" : ",") + std::string(signal != nullptr ? signal->name : "?");
+    }
+    const double spanMs = static_cast<double>(capture.lastTick - capture.firstTick) / 64000.0;
+    std::fprintf(stderr, "oltb-sim: replaying %s: %llu events of %s over %.3f ms, ", capture.path.c_str(),
+                 static_cast<unsigned long long>(capture.events), names.c_str(), spanMs);
+    if (repeat) {
+        std::fprintf(stderr, "repeated %g ms after each end\n", pauseMs);
+    } else {
+        std::fprintf(stderr, "once per Start\n");
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -186,6 +224,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> ignoredCommands;
     std::string malformedCommand;
     std::string malformedKind = "auto";
+    std::string replayFile;
+    bool repeat = false;
 
     CLI::App app{kDescription, "oltb-sim"};
     app.set_version_flag("--version", std::string("oltb-sim ") + OLTB_TOOL_VERSION);
@@ -196,14 +236,22 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_flag("--max-rate", settings.maxRate, "Stream as fast as the client reads (no pacing)");
 
-    app.add_option("--job", jobFile, "Job file to run instead of the built-in job (format below)")
-        ->check(CLI::ExistingFile);
-    app.add_flag("--print-job", printJob, "Print the job's text and exit");
-    app.add_flag("--explain", explain, "Print what an analysis of the job's trace should find (JSON) and exit");
+    auto* jobOption = app.add_option("--job", jobFile, "Job file to run instead of the built-in job (format below)")
+                          ->check(CLI::ExistingFile);
+    auto* printJobOption = app.add_flag("--print-job", printJob, "Print the job's text and exit");
+    auto* explainOption =
+        app.add_flag("--explain", explain, "Print what an analysis of the job's trace should find (JSON) and exit");
+    auto* replayOption =
+        app.add_option("--replay", replayFile, "Serve the events of a capture of oltb (.csv or .h5) instead of the job")
+            ->excludes(jobOption)
+            ->excludes(printJobOption)
+            ->excludes(explainOption);
+    app.add_flag("--repeat", repeat, "With --replay: run the capture again and again, --pause-ms apart")
+        ->needs(replayOption);
     app.add_option("--settle-band", job.settleBandUnits, "Band around a jump's target for --explain's settle times, units")
         ->check(CLI::Range(1.0, 100000.0))
         ->capture_default_str();
-    app.add_option("--pause-ms", pauseMs, "Pause between two runs of the job, ms")
+    app.add_option("--pause-ms", pauseMs, "Pause between two runs of the job (or passes of --replay --repeat), ms")
         ->check(CLI::Range(0.0, 60000.0))
         ->capture_default_str();
 
@@ -242,7 +290,8 @@ int main(int argc, char** argv) {
 
     app.add_option("--clock-start", settings.clockStartTick, "Card clock at the first Start, ticks (1/64 us)")
         ->capture_default_str();
-    app.add_flag("--counter", settings.counter, "Stream the counting Spi0Rx sequence instead of the job");
+    app.add_flag("--counter", settings.counter, "Stream the counting Spi0Rx sequence instead of the job")
+        ->excludes(replayOption);
     app.add_option("--counter-rate", counterRate, "Counter words per second of trace time")
         ->check(CLI::Range(1.0, 64e6))
         ->capture_default_str();
@@ -302,27 +351,44 @@ int main(int argc, char** argv) {
                                     : malformedKind == "trailer" ? MalformedKind::brokenTrailer
                                                                  : MalformedKind::automatic;
 
+    std::unique_ptr<oltbsim::TraceSource> source;
     std::optional<oltbsim::MarkingJob> markingJob;
-    try {
-        if (!jobFile.empty()) {
-            job.program = oltbsim::readJobFile(jobFile);
+    if (!replayFile.empty()) {
+        try {
+            auto replay = std::make_unique<oltbsim::ReplayStream>(oltbsim::scanCapture(replayFile), repeat,
+                                                                  job.pauseTicks);
+            describeReplay(replay->capture(), repeat, pauseMs);
+            source = std::move(replay);
+        } catch (const oltbsim::ReplayError& e) {
+            std::fprintf(stderr, "oltb-sim: --replay: %s\n", e.what());
+            return ExitCode::exitBadOptions;
         }
-        if (printJob) {
-            std::fputs(job.program.text.c_str(), stdout);
+    } else {
+        try {
+            if (!jobFile.empty()) {
+                job.program = oltbsim::readJobFile(jobFile);
+            }
+            if (printJob) {
+                std::fputs(job.program.text.c_str(), stdout);
+                return ExitCode::exitSuccess;
+            }
+            markingJob.emplace(job);
+        } catch (const oltbsim::JobFileError& e) {
+            std::fprintf(stderr, "oltb-sim: %s\n", e.what());
+            return ExitCode::exitBadOptions;
+        }
+        if (explain) {
+            std::fputs(oltbsim::explanationJson(*markingJob, oltbsim::explainJob(*markingJob)).c_str(), stdout);
             return ExitCode::exitSuccess;
         }
-        markingJob.emplace(job);
-    } catch (const oltbsim::JobFileError& e) {
-        std::fprintf(stderr, "oltb-sim: %s\n", e.what());
-        return ExitCode::exitBadOptions;
+        if (settings.counter) {
+            source = std::make_unique<oltbsim::CounterStream>(settings.counterStepTicks);
+        } else {
+            source = std::make_unique<oltbsim::JobStream>(*markingJob);
+        }
     }
-    if (explain) {
-        std::fputs(oltbsim::explanationJson(*markingJob, oltbsim::explainJob(*markingJob)).c_str(), stdout);
-        return ExitCode::exitSuccess;
-    }
-
     try {
-        return oltbsim::runServer(settings, *markingJob);
+        return oltbsim::runServer(settings, *source);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "oltb-sim: %s\n", e.what());
         return ExitCode::exitFailure;
