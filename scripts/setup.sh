@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that one make target needs, and only those that are missing; does nothing when all
-# are present. Usage: scripts/setup.sh TARGET... (demo, build, test, asan, tsan, m32, fuzz, valgrind, bench, mutants,
-# package).
+# are present. Usage: scripts/setup.sh TARGET... (demo, report, build, test, asan, tsan, m32, fuzz, valgrind, bench,
+# mutants, package).
 # Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
+# report: the charting library of oltb report's page (dygraphs), built into the tool, so the installed tool needs
+# nothing of it. build: chromium for the test that opens a report page in a real browser.
 declare -A needs=(
+  [report]="libjs-dygraphs"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
-  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev python3-numpy python3-pytest python3-h5py"
+  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev python3-numpy python3-pytest python3-h5py chromium"
   [m32]="g++-multilib pkg-config"
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"
@@ -15,6 +18,8 @@ declare -A needs=(
   [mutants]="python3"
   [package]="dpkg-dev file pkg-config lintian"
 )
+needs[demo]="${needs[demo]} ${needs[report]}"
+needs[build]="${needs[build]} ${needs[report]}"
 needs[test]="${needs[build]}"
 needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"
