@@ -5,10 +5,11 @@
 # Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
-# report: the charting library of oltb report's page (dygraphs), built into the tool, so the installed tool needs
-# nothing of it. build: chromium for the test that opens a report page in a real browser.
+# report: what building oltb report needs: the charting library of its page (dygraphs), built into the tool so that
+# the installed tool needs nothing of it, and zlib, which packs the page's numbers. build: chromium for the test that
+# opens a report page in a real browser.
 declare -A needs=(
-  [report]="libjs-dygraphs"
+  [report]="libjs-dygraphs zlib1g-dev"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev python3-numpy python3-pytest python3-h5py chromium"
   [m32]="g++-multilib pkg-config"

@@ -4,7 +4,8 @@
 With --tool and --simulator: makes the page of a simulator capture (oltb report straight from the server) and
 checks it; with --page: checks that page. Checked: no script error and no console message, whole and zoomed in
 (the page's samples level); the verdict the page writes says it drew; in a screenshot the XY path shows the laser
-on and off and every time plot has lines. --screenshot keeps the screenshot (the README's docs/report.png).
+on and off and every time plot has lines. With the simulator also: the positions the page unpacked span exactly
+the range of a capture of the same job by oltb acquire. --screenshot keeps the screenshot (docs/report.png).
 Exit 0 passed, 1 failed, 77 skipped (no chromium). Every run of a program is bounded in time.
 """
 import argparse, json, os, re, struct, subprocess, sys, tempfile, time, zlib
@@ -83,7 +84,7 @@ def colours(step, rows, box):
     return strong, red, blue
 
 
-def check(work, page, screenshot):
+def check(work, page, screenshot, ranges):
     failures = []
     started = time.monotonic()
     verdict, console = load(work, page)
@@ -91,6 +92,11 @@ def check(work, page, screenshot):
     if verdict.get('state') != 'drawn':
         return failures + ['the page did not draw: %r' % verdict]
     print('page drawn %d ms after it began loading; plots %s' % (verdict['loadMs'], sorted(verdict['boxes'])))
+    for series, signal in (('cx', 'Head0TxX'), ('cy', 'Head0TxY'), ('ax', 'Head0RxX'), ('ay', 'Head0RxY')):
+        print('%s on the page %r, in the capture %r' % (signal, verdict['ranges'].get(series), (ranges or {}).get(signal)))
+        if ranges and tuple(verdict['ranges'].get(series, ())) != ranges[signal]:
+            failures.append('%s on the page spans %r, in the capture %r' % (signal, verdict['ranges'].get(series),
+                                                                            ranges[signal]))
     zoomed, console = load(work, page, '#t=140000,141000')
     failures += ['zoomed, console: ' + line for line in console] + ['zoomed: ' + e for e in zoomed.get('errors', [])]
     if zoomed.get('inView') != 'samples':
@@ -120,10 +126,16 @@ def simulator_page(work, tool, simulator, address):
             if time.monotonic() > deadline or server.poll() is not None:
                 raise RuntimeError('the simulator did not start: ' + open(log.name).read())
             time.sleep(0.1)
-        page = os.path.join(work, 'job.html')
-        subprocess.run([tool, 'report', address, '--start', '1', '--end', '2', '--signals', SIGNALS, '--timeout', '5',
-                        '--max-wait', '30', '-q', '-o', page], check=True, timeout=60)
-        return page
+        page, capture = os.path.join(work, 'job.html'), os.path.join(work, 'job.csv')
+        for command, output in (('report', page), ('acquire', capture)):
+            subprocess.run([tool, command, address, '--start', '1', '--end', '2', '--signals', SIGNALS, '--timeout',
+                            '5', '--max-wait', '30', '-q', '-o', output], check=True, timeout=60, stdout=subprocess.DEVNULL)
+        ranges = {}
+        for row in open(capture).read().splitlines()[1:]:
+            signal, value = row.split(',')[2], int(row.split(',')[4])
+            low, high = ranges.get(signal, (value, value))
+            ranges[signal] = (min(low, value), max(high, value))
+        return page, ranges
     finally:
         server.terminate()
         try:
@@ -145,8 +157,9 @@ def main():
         print('skipped: chromium is not installed (scripts/setup.sh build installs it)')
         return 77
     with tempfile.TemporaryDirectory() as work:
-        page = options.page or simulator_page(work, options.tool, options.simulator, options.address)
-        failures = check(work, page, options.screenshot)
+        page, ranges = (options.page, None) if options.page else simulator_page(
+            work, options.tool, options.simulator, options.address)
+        failures = check(work, page, options.screenshot, ranges)
     for failure in failures:
         print('FAIL: ' + failure)
     return 1 if failures else 0

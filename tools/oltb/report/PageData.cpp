@@ -1,6 +1,8 @@
-// Numbers go to the page as base64 of little-endian Float32 (values) and Float64 (times) arrays: the page turns
-// them into typed arrays without parsing text, and a value costs 5.3 bytes whatever its size.
+// Every array goes to the page packed (PackedNumbers.h): positions in whole head units, following errors in
+// 1/16 unit, times in ticks of the card's clock (1/64 us) from the start of the trace.
 #include "tools/oltb/report/PageData.h"
+
+#include "tools/oltb/report/PackedNumbers.h"
 
 #include "analysis/AnalysisReport.h"
 #include "tools/oltb/Signals.h"
@@ -20,40 +22,13 @@ namespace {
 constexpr float Gap = std::numeric_limits<float>::quiet_NaN();
 constexpr std::size_t OverviewColumns = 2048;
 constexpr std::size_t GridRefinement = 4;
-constexpr std::size_t MaxPathPoints = 60'000;  // per path: more than a full-screen drawing can show
-constexpr std::size_t PathPointBytes = 22;     // base64 of a Float64 time and two Float32 coordinates
-constexpr std::size_t MaxSteps = 50'000;       // gate or laser power changes kept as they are
-constexpr std::size_t StepBytes = 16;          // base64 of a Float64 time and a Float32 value
+constexpr std::size_t MaxPathPoints = 100'000;  // per path: more than a full-screen drawing can show
+constexpr std::size_t MaxSteps = 100'000;       // gate or laser power changes kept as they are
 constexpr std::size_t MaxLabels = 20'000;
 
-// Bytes of base64 for `count` values of `size` bytes.
-std::size_t base64Bytes(std::size_t count, std::size_t size) {
-    return (count * size + 2) / 3 * 4;
-}
-
-template <typename Number>
-std::string base64(const std::vector<Number>& values) {
-    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    const auto* bytes = reinterpret_cast<const unsigned char*>(values.data());
-    const std::size_t size = values.size() * sizeof(Number);
-    std::string out;
-    out.reserve(base64Bytes(values.size(), sizeof(Number)));
-    std::size_t i = 0;
-    for (; i + 2 < size; i += 3) {
-        const unsigned word = bytes[i] << 16 | bytes[i + 1] << 8 | bytes[i + 2];
-        for (const int shift : {18, 12, 6, 0}) {
-            out += alphabet[(word >> shift) & 63];
-        }
-    }
-    if (i < size) {
-        const unsigned word = bytes[i] << 16 | (i + 1 < size ? bytes[i + 1] << 8 : 0);
-        out += alphabet[(word >> 18) & 63];
-        out += alphabet[(word >> 12) & 63];
-        out += i + 1 < size ? alphabet[(word >> 6) & 63] : '=';
-        out += '=';
-    }
-    return out;
-}
+constexpr double PositionScale = 1;  // head positions are whole numbers
+constexpr double ErrorScale = 16;
+constexpr double TickScale = 64;     // ticks per us
 
 // A JSON string that may stand inside a <script> element: no "</script>" and no comment opener can form.
 std::string quoted(const std::string& text) {
@@ -162,11 +137,13 @@ analysis::Series followingError(const analysis::Series& commanded, const analysi
 }
 
 struct NamedSeries {
-    const char* id;  // the page's name: cx, ax, cy, ay, fx, fy
+    const char* id;  // the page's name: cx, ax, cy, ay (positions), fx, fy (following errors)
     const analysis::Series* series;
+    double scale() const { return id[0] == 'f' ? ErrorScale : PositionScale; }
 };
 
-// The time plots' grids, finest last, then the samples themselves if they fit in `budget` bytes.
+// The time plots' grids, coarsest first, then the samples themselves: each as long as the page stays within
+// `budget` bytes, the overview in any case. The grids stop where a column would hold two samples or fewer.
 std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, double durationUs, std::size_t budget,
                        double& finestUs) {
     std::vector<NamedSeries> shown;
@@ -184,52 +161,46 @@ std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, doub
         return "[]";
     }
     const double spacing = std::max(analysis::typicalSpacing(clock->t), 1e-3);
-    const std::size_t sampleBytes =
-        shown.size() * base64Bytes(clock->size(), sizeof(float)) + base64Bytes(clock->size(), sizeof(double));
-    std::string levels = "[";
-    std::size_t spent = 0;
-    for (std::size_t columns = OverviewColumns;; columns *= GridRefinement) {
+    std::string levels;
+    for (std::size_t columns = OverviewColumns; durationUs / static_cast<double>(columns) > 2 * spacing ||
+                                                levels.empty();
+         columns *= GridRefinement) {
         const double columnUs = durationUs / static_cast<double>(columns);
-        const std::size_t bytes = shown.size() * base64Bytes(2 * columns, sizeof(float));
-        // A grid with two samples or fewer per column is no smaller than the samples themselves; the overview is
-        // there in any case unless the samples themselves fit.
-        const bool overview = spent == 0;
-        if (columnUs <= 2 * spacing && !(overview && sampleBytes > budget)) {
-            break;
-        }
-        if (!overview && spent + bytes > budget) {
-            break;
-        }
-        levels += std::string(overview ? "" : ",") + "\n {\"start\": " + number(startUs) +
-                  ", \"step\": " + number(columnUs) + ", \"columns\": " + std::to_string(columns) + ", \"values\": {";
+        std::string level = std::string(levels.empty() ? "" : ",") + "\n {\"start\": " + number(startUs) +
+                            ", \"step\": " + number(columnUs) + ", \"columns\": " + std::to_string(columns) +
+                            ", \"values\": {";
         for (std::size_t i = 0; i < shown.size(); ++i) {
-            levels += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id +
-                      "\": \"" + base64(minMaxColumns(*shown[i].series, startUs, columnUs, columns)) + "\"";
+            level += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
+                     packedNumbers(minMaxColumns(*shown[i].series, startUs, columnUs, columns), shown[i].scale());
         }
-        levels += "}}";
-        spent += bytes;
+        level += "}}";
+        if (!levels.empty() && levels.size() + level.size() > budget) {
+            return "[" + levels + "]";
+        }
+        levels += level;
         finestUs = columnUs;
     }
-    if (spent + sampleBytes <= budget) {
-        levels += std::string(spent == 0 ? "" : ",") + "\n {\"times\": \"" + base64(clock->t) + "\", \"values\": {";
-        for (std::size_t i = 0; i < shown.size(); ++i) {
-            const analysis::Series& series = *shown[i].series;
-            std::vector<float> values(clock->size(), Gap);
-            analysis::ForwardReader reader(series.t, series.v, 4 * analysis::typicalSpacing(series.t));
-            for (std::size_t j = 0; j < clock->size(); ++j) {
-                double value = 0;
-                if (&series == clock) {
-                    values[j] = static_cast<float>(series.v[j]);
-                } else if (reader.at(clock->t[j], value)) {
-                    values[j] = static_cast<float>(value);
-                }
+    std::string samples = ",\n {\"times\": " + packedNumbers(clock->t, TickScale, startUs) + ", \"values\": {";
+    for (std::size_t i = 0; i < shown.size(); ++i) {
+        const analysis::Series& series = *shown[i].series;
+        std::vector<double> values(clock->size(), std::numeric_limits<double>::quiet_NaN());
+        analysis::ForwardReader reader(series.t, series.v, 4 * analysis::typicalSpacing(series.t));
+        for (std::size_t j = 0; j < clock->size(); ++j) {
+            if (&series == clock) {
+                values[j] = series.v[j];
+            } else {
+                reader.at(clock->t[j], values[j]);
             }
-            levels += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": \"" + base64(values) + "\"";
         }
-        levels += "}}";
+        samples += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
+                   packedNumbers(values, shown[i].scale());
+    }
+    samples += "}}";
+    if (levels.size() + samples.size() <= budget) {
+        levels += samples;
         finestUs = 0;
     }
-    return levels + "]";
+    return "[" + levels + "]";
 }
 
 // Steps of the gate or the laser power; beyond `maxSteps` changes, the smallest and largest value per column.
@@ -257,12 +228,12 @@ std::string stepSeries(const std::vector<double>& t, const std::vector<float>& v
             }
         }
     }
-    return "{\"name\": " + quoted(name) + ", \"changes\": " + std::to_string(t.size()) + ", \"t\": \"" +
-           base64(times) + "\", \"v\": \"" + base64(values) + "\"}";
+    return "{\"name\": " + quoted(name) + ", \"changes\": " + std::to_string(t.size()) +
+           ", \"t\": " + packedNumbers(times, TickScale, startUs) + ", \"v\": " + packedNumbers(values, 1) + "}";
 }
 
 // A path thinned to at most `maxPoints`: the distance between kept samples grows until they fit.
-std::string pathJson(const analysis::Path& path, const std::vector<double>& edges, double extent,
+std::string pathJson(const analysis::Path& path, const std::vector<double>& edges, double extent, double startUs,
                      std::size_t maxPoints) {
     if (path.empty()) {
         return "null";
@@ -276,15 +247,15 @@ std::string pathJson(const analysis::Path& path, const std::vector<double>& edge
         }
         distance *= 1.2 * static_cast<double>(kept.size()) / static_cast<double>(maxPoints);
     }
-    std::vector<double> t;
-    std::vector<float> x, y;
+    std::vector<double> t, x, y;
     for (const std::size_t i : kept) {
         t.push_back(path.t[i]);
-        x.push_back(static_cast<float>(path.x[i]));
-        y.push_back(static_cast<float>(path.y[i]));
+        x.push_back(path.x[i]);
+        y.push_back(path.y[i]);
     }
-    return "{\"samples\": " + std::to_string(path.size()) + ", \"distance\": " + number(distance) + ", \"t\": \"" +
-           base64(t) + "\", \"x\": \"" + base64(x) + "\", \"y\": \"" + base64(y) + "\"}";
+    return "{\"samples\": " + std::to_string(path.size()) + ", \"distance\": " + number(distance) +
+           ", \"t\": " + packedNumbers(t, TickScale, startUs) + ", \"x\": " + packedNumbers(x, PositionScale) +
+           ", \"y\": " + packedNumbers(y, PositionScale) + "}";
 }
 
 // The largest following error of either axis under each mark's gate.
@@ -427,9 +398,10 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     data += ",\n \"labels\": " + list(channels.labels, [](const std::pair<double, int>& label) {
                 return "[" + number(label.first) + ", " + std::to_string(label.second) + "]";
             });
-    // The laser's steps take at most an eighth of the budget, the two paths a quarter; the time plots the rest.
-    const std::size_t maxSteps = std::min(MaxSteps, options.byteBudget / 16 / StepBytes);
-    const std::size_t maxPathPoints = std::min(MaxPathPoints, options.byteBudget / 8 / PathPointBytes);
+    // Packed, a change of the laser or a point of a path takes a few bytes at most; their limits keep them to a
+    // small part of the budget, and the time plots take the rest.
+    const std::size_t maxSteps = std::min(MaxSteps, options.byteBudget / 100);
+    const std::size_t maxPathPoints = std::min(MaxPathPoints, options.byteBudget / 50);
     data += ",\n \"gate\": " + stepSeries(channels.gateT, channels.gateV, startUs, durationUs, "Gate", maxSteps);
     data += ",\n \"power\": " +
             stepSeries(channels.powerT, channels.powerV, startUs, durationUs, channels.powerName, maxSteps);
@@ -455,9 +427,9 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
         }
     }
     data += ",\n \"path\": {\"commanded\": " +
-            pathJson(analysis::joinAxes(channels.commandedX, channels.commandedY), edges, high - low, maxPathPoints);
+            pathJson(analysis::joinAxes(channels.commandedX, channels.commandedY), edges, high - low, startUs, maxPathPoints);
     data += ",\n  \"actual\": " +
-            pathJson(analysis::joinAxes(channels.actualX, channels.actualY), edges, high - low, maxPathPoints) + "}";
+            pathJson(analysis::joinAxes(channels.actualX, channels.actualY), edges, high - low, startUs, maxPathPoints) + "}";
     const std::vector<NamedSeries> timeSeries{{"cx", &channels.commandedX}, {"ax", &channels.actualX},
                                               {"cy", &channels.commandedY}, {"ay", &channels.actualY},
                                               {"fx", &errorX},              {"fy", &errorY}};

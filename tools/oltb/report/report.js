@@ -23,14 +23,27 @@
   const endUs = data.startUs + data.durationUs;
 
   // ---- numbers ------------------------------------------------------------------------------------------------
-  function bufferOf(base64) {
-    const text = atob(base64);
+  // A packed array (tools/oltb/report/PackedNumbers.h): base64 of deflated int32 differences of the scaled values.
+  const GapMark = -2147483648;
+  async function unpack(packed, Type) {
+    const text = atob(packed.data);
     const bytes = new Uint8Array(text.length);
     for (let i = 0; i < text.length; ++i) bytes[i] = text.charCodeAt(i);
-    return bytes.buffer;
+    const inflated = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
+    const differences = new Int32Array(await new Response(inflated).arrayBuffer());
+    if (differences.length !== packed.count) throw new Error('a packed array holds ' + differences.length + ' of ' + packed.count + ' numbers');
+    const values = new Type(packed.count);
+    let sum = 0;
+    for (let i = 0; i < differences.length; ++i) {
+      if (differences[i] === GapMark) {
+        values[i] = NaN;
+      } else {
+        sum += differences[i];
+        values[i] = packed.offset + sum / packed.scale;
+      }
+    }
+    return values;
   }
-  const floats = (base64) => new Float32Array(bufferOf(base64));
-  const doubles = (base64) => new Float64Array(bufferOf(base64));
 
   const known = (v) => v !== null && v !== undefined && Number.isFinite(v);
   const fixed = (v, digits) => (known(v) ? v.toFixed(digits) : '–');
@@ -130,16 +143,28 @@
   }
 
   // ---- the trace's data ------------------------------------------------------------------------------------------
-  const levels = data.levels.map((level) => {
-    const values = {};
-    for (const id of Object.keys(level.values)) values[id] = floats(level.values[id]);
-    return level.times ? { times: doubles(level.times), values: values }
-      : { start: level.start, step: level.step, columns: level.columns, values: values };
-  });
-  const decodePath = (path) => (path ? { t: doubles(path.t), x: floats(path.x), y: floats(path.y),
-    samples: path.samples, distance: path.distance } : null);
-  const commandedPath = decodePath(data.path.commanded);
-  const actualPath = decodePath(data.path.actual);
+  let levels = [];
+  let commandedPath = null;
+  let actualPath = null;
+  let laserLines = [];
+  async function unpackAll() {
+    const unpackValues = async (packed) => {
+      const values = {};
+      for (const id of Object.keys(packed)) values[id] = await unpack(packed[id], Float32Array);
+      return values;
+    };
+    levels = await Promise.all(data.levels.map(async (level) => (level.times
+      ? { times: await unpack(level.times, Float64Array), values: await unpackValues(level.values) }
+      : { start: level.start, step: level.step, columns: level.columns, values: await unpackValues(level.values) })));
+    const unpackPath = async (path) => (path ? { t: await unpack(path.t, Float64Array),
+      x: await unpack(path.x, Float32Array), y: await unpack(path.y, Float32Array),
+      samples: path.samples, distance: path.distance } : null);
+    commandedPath = await unpackPath(data.path.commanded);
+    actualPath = await unpackPath(data.path.actual);
+    laserLines = await Promise.all([data.power, data.gate].filter((line) => line).map(async (line) => ({
+      name: line.name, gate: line === data.gate, t: await unpack(line.t, Float64Array),
+      v: await unpack(line.v, Float32Array) })));
+  }
   const markStarts = Float64Array.from(marks, (mark) => mark.start_us);
   const labels = data.labels;
   const labelTimes = Float64Array.from(labels, (label) => label[0]);
@@ -305,12 +330,12 @@
   // The laser: gate and power as steps, from their changes.
   function makeLaserPlot() {
     const div = document.getElementById('plot-laser');
-    const lines = [data.power, data.gate].filter((line) => line);
+    const lines = laserLines;
     if (lines.length === 0) {
       div.hidden = true;
       return null;
     }
-    const series = lines.map((line) => ({ t: doubles(line.t), v: floats(line.v) }));
+    const series = lines;
     const rows = [];
     const next = series.map(() => 0);
     const latest = series.map(() => null);
@@ -331,12 +356,13 @@
     }
     if (rows.length > 0 && rows[rows.length - 1][0] < endUs) rows.push([endUs].concat(latest));
     // With the power beside it, the gate goes on an axis of its own.
-    const twoAxes = data.gate && data.power;
-    const gateAxis = data.gate ? { [data.gate.name]: twoAxes ? { axis: 'y2', fillGraph: true } : { fillGraph: true } } : {};
+    const twoAxes = lines.length === 2;
+    const gate = lines.find((line) => line.gate);
+    const gateAxis = gate ? { [gate.name]: twoAxes ? { axis: 'y2', fillGraph: true } : { fillGraph: true } } : {};
     const graph = new Dygraph(div, rows, {
       labels: ['time'].concat(lines.map((line) => line.name)),
-      colors: lines.map((line) => (line === data.gate ? '#e0a100' : '#c62828')),
-      title: 'Laser: ' + lines.map((line) => line.name).join(' and '), ylabel: data.power ? 'power' : 'gate',
+      colors: lines.map((line) => (line.gate ? '#e0a100' : '#c62828')),
+      title: 'Laser: ' + lines.map((line) => line.name).join(' and '), ylabel: lines[0].gate ? 'gate' : 'power',
       y2label: twoAxes ? 'gate' : undefined,
       xlabel: 'time from the start of the capture', legend: 'always', stepPlot: true,
       connectSeparatedPoints: true, strokeWidth: 1.2, xRangePad: 0, animatedZooms: false,
@@ -370,8 +396,10 @@
   const canvas = document.getElementById('xy');
   const xy = { scale: 1, centerX: 0, centerY: 0 };
   // Whether the laser gate is on at each point of the actual path.
-  const laserOn = actualPath ? new Uint8Array(actualPath.t.length) : null;
-  if (actualPath) {
+  let laserOn = null;
+  function findLaserOn() {
+    if (!actualPath) return;
+    laserOn = new Uint8Array(actualPath.t.length);
     let m = 0;
     for (let i = 0; i < actualPath.t.length; ++i) {
       const t = actualPath.t[i];
@@ -590,37 +618,54 @@
     '. Figures from all ' + data.events.toLocaleString('en') + ' events; the plots are thinned for display only.';
 
   // ---- drawing -----------------------------------------------------------------------------------------------------
-  // The laser plot's second axis narrows its plot area; the others leave the same room, so that times line up.
-  const laserPlot = makeLaserPlot();
-  const rightGap = laserPlot ? 5 + Math.max(0, laserPlot.div.clientWidth - 5 -
-    (laserPlot.graph.getArea().x + laserPlot.graph.getArea().w)) : 5;
-  const head = 'Head' + data.head;
-  const names = data.names;
-  makePlot('plot-x', head + ' X: commanded and actual', ['cx', 'ax'], ['commanded ' + names.cx, 'actual ' + names.ax],
-    ['#8a939e', '#1e6fd9'], positionScale, 'X (' + positionUnit + ')', false);
-  makePlot('plot-y', head + ' Y: commanded and actual', ['cy', 'ay'], ['commanded ' + names.cy, 'actual ' + names.ay],
-    ['#8a939e', '#2e7d32'], positionScale, 'Y (' + positionUnit + ')', false);
-  makePlot('plot-error', 'Following error: actual minus commanded shifted by the tracking error', ['fx', 'fy'],
-    ['error X', 'error Y'], ['#1e6fd9', '#2e7d32'], errorScale, 'error (' + errorUnit + ')', false);
-  for (const plot of allPlots()) zoomOnWheel(plot);
-  applied = view.slice();
-  // A window in the address (report.html#t=FROM,TO in µs) opens the page on it.
-  const opened = /^#t=([-\d.e]+),([-\d.e]+)$/.exec(window.location.hash);
-  if (opened) setWindow(Number(opened[1]), Number(opened[2]));
-  fitPath();
-  drawPath();
-  describePath();
-  describeDetail();
-  window.addEventListener('resize', () => { drawPath(); });
-
+  let laserPlot = null;
+  let rightGap = 5;
   const box = (node) => {
     const rect = node.getBoundingClientRect();
     return [Math.round(rect.left + window.scrollX), Math.round(rect.top + window.scrollY), Math.round(rect.width),
       Math.round(rect.height)];
   };
-  verdict.state = 'drawn';
-  verdict.loadMs = Math.round(performance.now());
-  verdict.boxes = { xy: box(canvas) };
-  for (const plot of allPlots()) verdict.boxes[plot.div.id] = box(plot.div);
-  showVerdict();
+
+  function draw() {
+    // The laser plot's second axis narrows its plot area; the others leave the same room, so that times line up.
+    laserPlot = makeLaserPlot();
+    if (laserPlot) rightGap = 5 + Math.max(0, laserPlot.div.clientWidth - 5 - (laserPlot.graph.getArea().x +
+      laserPlot.graph.getArea().w));
+    const head = 'Head' + data.head;
+    const names = data.names;
+    makePlot('plot-x', head + ' X: commanded and actual', ['cx', 'ax'], ['commanded ' + names.cx, 'actual ' + names.ax],
+      ['#8a939e', '#1e6fd9'], positionScale, 'X (' + positionUnit + ')', false);
+    makePlot('plot-y', head + ' Y: commanded and actual', ['cy', 'ay'], ['commanded ' + names.cy, 'actual ' + names.ay],
+      ['#8a939e', '#2e7d32'], positionScale, 'Y (' + positionUnit + ')', false);
+    makePlot('plot-error', 'Following error: actual minus commanded shifted by the tracking error', ['fx', 'fy'],
+      ['error X', 'error Y'], ['#1e6fd9', '#2e7d32'], errorScale, 'error (' + errorUnit + ')', false);
+    for (const plot of allPlots()) zoomOnWheel(plot);
+    findLaserOn();
+    fitPath();
+    applied = view.slice();
+    // A window in the address (report.html#t=FROM,TO in µs) opens the page on it.
+    const opened = /^#t=([-\d.e]+),([-\d.e]+)$/.exec(window.location.hash);
+    if (opened) setWindow(Number(opened[1]), Number(opened[2]));
+    drawPath();
+    describePath();
+    describeDetail();
+    window.addEventListener('resize', () => { drawPath(); });
+
+    verdict.state = 'drawn';
+    verdict.loadMs = Math.round(performance.now());
+    verdict.boxes = { xy: box(canvas) };
+    for (const plot of allPlots()) verdict.boxes[plot.div.id] = box(plot.div);
+    // The range of each series at the finest level, to compare with the capture.
+    verdict.ranges = {};
+    const finest = levels.length > 0 ? levels[levels.length - 1].values : {};
+    for (const id of Object.keys(finest)) {
+      let low = Infinity;
+      let high = -Infinity;
+      for (const v of finest[id]) if (!Number.isNaN(v)) { low = Math.min(low, v); high = Math.max(high, v); }
+      verdict.ranges[id] = [low, high];
+    }
+    showVerdict();
+  }
+
+  unpackAll().then(draw).catch((failure) => { errors.push(String(failure && failure.stack || failure)); showVerdict(); });
 })();
