@@ -10,7 +10,7 @@ Exit 0 passed, 1 failed, 77 skipped (no chromium). Every run of a program is bou
 """
 import argparse, json, os, re, struct, subprocess, sys, tempfile, time, zlib
 
-WINDOW = (1600, 2200)
+WINDOW = (1600, 1800)
 SIGNALS = 'Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate,LaserPower16,Label'
 
 
@@ -93,7 +93,8 @@ def check(work, page, screenshot, ranges):
         return failures + ['the page did not draw: %r' % verdict]
     print('page drawn %d ms after it began loading; plots %s' % (verdict['loadMs'], sorted(verdict['boxes'])))
     for series, signal in (('cx', 'Head0TxX'), ('cy', 'Head0TxY'), ('ax', 'Head0RxX'), ('ay', 'Head0RxY')):
-        print('%s on the page %r, in the capture %r' % (signal, verdict['ranges'].get(series), (ranges or {}).get(signal)))
+        if ranges:
+            print('%s on the page %r, in the capture %r' % (signal, verdict['ranges'].get(series), ranges[signal]))
         if ranges and tuple(verdict['ranges'].get(series, ())) != ranges[signal]:
             failures.append('%s on the page spans %r, in the capture %r' % (signal, verdict['ranges'].get(series),
                                                                             ranges[signal]))

@@ -614,8 +614,6 @@
     const end = jump.end_us + (known(jump.settle_us) ? jump.settle_us : 0);
     row.addEventListener('click', () => zoomTo(row, jump.start_us, end));
   });
-  document.getElementById('made-by').textContent = 'Made by ' + data.tool + ' report from ' + data.source +
-    '. Figures from all ' + data.events.toLocaleString('en') + ' events; the plots are thinned for display only.';
 
   // ---- drawing -----------------------------------------------------------------------------------------------------
   let laserPlot = null;
@@ -643,6 +641,9 @@
     findLaserOn();
     fitPath();
     applied = view.slice();
+    document.getElementById('made-by').textContent = 'Made by ' + data.tool + ' report from ' + data.source +
+      '. Figures from all ' + data.events.toLocaleString('en') + ' events' + (levels.length > 0 &&
+      !levels[levels.length - 1].times ? '; the plots are thinned for display only.' : '.');
     // A window in the address (report.html#t=FROM,TO in µs) opens the page on it.
     const opened = /^#t=([-\d.e]+),([-\d.e]+)$/.exec(window.location.hash);
     if (opened) setWindow(Number(opened[1]), Number(opened[2]));
