@@ -265,8 +265,16 @@
     canvas.restore();
   }
 
+  // Time ticks in ms, or in s for traces of ten seconds and more, with as many decimals as the window in view needs.
+  const inSeconds = endUs >= 1e7;
   const xAxis = {
-    axisLabelFormatter: (v) => ms(v),
+    axisLabelFormatter: (v, granularity, options, graph) => {
+      const unit = inSeconds ? 1e6 : 1e3;
+      const [a, b] = graph.xAxisRange();
+      const decimals = Math.min(6, Math.max(0, Math.ceil(-Math.log10((b - a) / unit / 10))));
+      return (v / unit).toFixed(decimals) + (inSeconds ? ' s' : ' ms');
+    },
+    axisLabelWidth: 70,
     valueFormatter: (v) => v.toFixed(2) + ' µs',
   };
 
