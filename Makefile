@@ -7,11 +7,13 @@ SIM_ADDRESS ?= 127.0.0.9
 SETUP = @bash scripts/setup.sh
 
 .DEFAULT_GOAL := help
-.PHONY: help demo sim sim-stop build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
+.PHONY: help demo report-screenshot sim sim-stop build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
 	fuzz-build bench mutants install package test-install clean
 
 help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
+	@echo "                 and write its report page out/demo.html"
+	@echo "make report-screenshot   the README's picture docs/report.png of out/demo.html, in headless Chromium"
 	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
 	@echo "make build       the release build: library, tools, tests (build/release)"
 	@echo "make check       the release build and its tests"
@@ -24,13 +26,19 @@ help:
 	@echo "make package     the Debian packages in build/release/packages, checked with lintian"
 	@echo "make clean       remove build/"
 
-# The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and out/demo.vcd
-# and print its summary. Builds only the two programs.
+# The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and out/demo.vcd,
+# print its summary and write its report page out/demo.html. Builds only the two programs.
 demo:
 	$(SETUP) demo
 	cmake --preset release -DOLTB_REQUIRE_TESTS=OFF >/dev/null
 	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
 	@bash scripts/demo.sh
+
+# The README's screenshot of the report page: make demo's page, taken by the script of the browser test, which also
+# checks the page.
+report-screenshot: demo
+	$(SETUP) browser
+	python3 tests/report/check_report_page.py --page out/demo.html --screenshot docs/report.png
 
 # The simulator in the background, for the README's examples: its output goes to build/sim.log.
 sim:

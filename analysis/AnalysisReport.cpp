@@ -95,14 +95,14 @@ std::string laserAdvice(const char* edge, const char* delay, std::optional<doubl
     std::string text = format("Laser %-3s %+.1f µs (median over the marks): ", edge, *offset);
     if (size < 2) {
         text += "the laser switches with the mirror.";
-        suggestion = format("  - %s: fits (within 2 µs); leave it.\n", delay);
+        suggestion = format("%s: fits (within 2 µs); leave it.", delay);
         return text + "\n";
     }
     const char* effect = on ? (late ? "the start of each mark is missing" : "a burnt dot at the start of each mark")
                             : (late ? "a burnt dot at the end of each mark" : "the end of each mark is missing");
     text += format("the laser switches %s %.1f µs %s the mirror %s the mark:\n          %s.", on ? "on" : "off",
                    size, late ? "after" : "before", on ? "starts" : "ends", effect);
-    suggestion = format("  - %s: %s it by %.0f µs.\n", delay, late ? "shorten" : "lengthen", size);
+    suggestion = format("%s: %s it by %.0f µs.", delay, late ? "shorten" : "lengthen", size);
     return text + "\n";
 }
 
@@ -177,7 +177,6 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     out += format("Path deviation %s (distance of the mirror from the commanded path): rms %s, max %s\n", where,
                   units.error(result.pathDeviation.rms).c_str(), units.error(result.pathDeviation.max).c_str());
 
-    std::string suggestions;
     if (!result.marks.empty()) {
         out += format("\nMarks: %zu (laser offsets: + the laser switched after the mirror, - before)\n",
                       result.marks.size());
@@ -195,10 +194,9 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
         if (result.marks.size() > options.markRows) {
             out += format("  ... and %zu more (--json lists them all)\n", result.marks.size() - options.markRows);
         }
-        std::string onAdvice, offAdvice;
-        out += laserAdvice("on", "Laser-on delay", result.laserOnOffsetUs, onAdvice);
-        out += laserAdvice("off", "Laser-off delay", result.laserOffOffsetUs, offAdvice);
-        suggestions += onAdvice + offAdvice;
+        std::string ignored;
+        out += laserAdvice("on", "Laser-on delay", result.laserOnOffsetUs, ignored);
+        out += laserAdvice("off", "Laser-off delay", result.laserOffOffsetUs, ignored);
     }
 
     if (!result.jumps.empty()) {
@@ -220,10 +218,41 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
         if (result.jumps.size() > options.markRows) {
             out += format("  ... and %zu more (--json lists them all)\n", result.jumps.size() - options.markRows);
         }
+    }
+    const std::vector<std::string> suggestions = suggestedChanges(result, options.unitsPerMm);
+    if (!suggestions.empty()) {
+        out += "\nSuggested changes on the card\n";
+        for (const std::string& item : suggestions) {
+            out += "  - " + item + "\n";
+        }
+    }
+    if (!result.missing.empty()) {
+        out += "\nNot measured\n";
+        for (const std::string& item : notMeasured(result)) {
+            out += "  - " + item + "\n";
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> suggestedChanges(const Result& result, double unitsPerMm) {
+    const Units units{unitsPerMm};
+    std::vector<std::string> items;
+    if (!result.marks.empty()) {
+        for (const bool on : {true, false}) {
+            std::string item;
+            laserAdvice(on ? "on" : "off", on ? "Laser-on delay" : "Laser-off delay",
+                        on ? result.laserOnOffsetUs : result.laserOffOffsetUs, item);
+            if (!item.empty()) {
+                items.push_back(item);
+            }
+        }
+    }
+    if (!result.jumps.empty()) {
         for (const JumpDelay& row : result.jumpDelayTable) {
-            suggestions += "  - Jump delay for jumps up to " + units.length(row.upToLength) + ": " +
-                           (row.delayUs ? format("at least %.0f µs.\n", std::ceil(*row.delayUs))
-                                        : std::string("longer than this trace shows (a jump never settled).\n"));
+            items.push_back("Jump delay for jumps up to " + units.length(row.upToLength) + ": " +
+                            (row.delayUs ? format("at least %.0f µs.", std::ceil(*row.delayUs))
+                                         : std::string("longer than this trace shows (a jump never settled).")));
         }
     }
     const auto axisLag = [](const char* axis, std::optional<double> lag) {
@@ -233,21 +262,20 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
                              (result.trackingErrorXUs && result.trackingErrorYUs ? " and " : "") +
                              axisLag("Y", result.trackingErrorYUs);
     if (!lags.empty()) {
-        suggestions += "  - Tracking error " + lags +
-                       ": the laser-on delay and the jump delays must cover it;\n"
-                       "    tuning the head's servo for a smaller one shortens both.\n";
+        items.push_back("Tracking error " + lags +
+                        ": the laser-on delay and the jump delays must cover it;\n"
+                        "    tuning the head's servo for a smaller one shortens both.");
     }
-    if (!suggestions.empty()) {
-        out += "\nSuggested changes on the card\n" + suggestions;
+    return items;
+}
+
+std::vector<std::string> notMeasured(const Result& result) {
+    std::vector<std::string> items;
+    for (const MissingFigure& missing : result.missing) {
+        items.push_back(missing.figure + ": " + missing.reason +
+                        (missing.signals.empty() ? "" : " (trace " + missing.signals + " to get it)") + ".");
     }
-    if (!result.missing.empty()) {
-        out += "\nNot measured\n";
-        for (const MissingFigure& missing : result.missing) {
-            out += "  - " + missing.figure + ": " + missing.reason +
-                   (missing.signals.empty() ? "" : " (trace " + missing.signals + " to get it)") + ".\n";
-        }
-    }
-    return out;
+    return items;
 }
 
 }  // namespace oltb::analysis

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace oltb::analysis {
 
@@ -23,5 +24,12 @@ struct SummaryOptions {
 
 // The readable summary: every figure, what to change on the card, and what the trace lacked.
 std::string toSummary(const Result& result, const SummaryOptions& options);
+
+// What to change on the card, one item each ("Laser-on delay: lengthen it by 250 µs."), as the summary words them;
+// a long item goes on after "\n    ".
+std::vector<std::string> suggestedChanges(const Result& result, double unitsPerMm = 0);
+
+// Each figure the trace could not give, with the reason and what to trace for it, as the summary words them.
+std::vector<std::string> notMeasured(const Result& result);
 
 }  // namespace oltb::analysis

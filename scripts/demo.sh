@@ -2,7 +2,8 @@
 # The main job: starts the simulated trace buffer server on a loopback address, acquires one run of its marking
 # job (the events between label 1, job start, and label 2, job end) with the oltb tool: head 0 positions
 # (commanded and actual), gate, laser power and labels, written once to out/demo.csv and out/demo.vcd, then
-# prints the summary. The simulator is stopped whatever happens; every wait is bounded.
+# prints the summary and makes the report page out/demo.html of the capture. The simulator is stopped whatever
+# happens; every wait is bounded.
 # Expects the programs built (make demo builds them first). Settings: BUILD_DIR, DEMO_ADDRESS, DEMO_OUT.
 set -euo pipefail
 
@@ -64,5 +65,9 @@ echo
 echo "demo: first rows of $out/demo.csv"
 head -n 6 "$out/demo.csv"
 echo
-ls -l "$out/demo.csv" "$out/demo.vcd" | awk '{ printf "demo: %-40s %12s bytes\n", $NF, $5 }'
+echo "demo: the report page of the capture"
+"$tool" report "$out/demo.csv" -o "$out/demo.html"
+echo
+ls -l "$out/demo.csv" "$out/demo.vcd" "$out/demo.html" | awk '{ printf "demo: %-40s %12s bytes\n", $NF, $5 }'
 echo "demo: open the waveforms with e.g.  gtkwave $out/demo.vcd  (or Surfer, PulseView)"
+echo "demo: open the report in a browser: $out/demo.html"

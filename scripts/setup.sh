@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that one make target needs, and only those that are missing; does nothing when all
-# are present. Usage: scripts/setup.sh TARGET... (demo, build, test, asan, tsan, m32, fuzz, valgrind, bench, mutants,
-# package).
+# are present. Usage: scripts/setup.sh TARGET... (demo, report, browser, build, test, asan, tsan, m32, fuzz, valgrind,
+# bench, mutants, package).
 # Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
+# report: what building oltb report needs: the charting library of its page (dygraphs), built into the tool so that
+# the installed tool needs nothing of it, and zlib, which packs the page's numbers. browser: chromium, for the test
+# that opens a report page in a real browser and for the README's screenshot of one.
 declare -A needs=(
+  [report]="libjs-dygraphs zlib1g-dev"
+  [browser]="chromium"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev python3-numpy python3-pytest python3-h5py"
   [m32]="g++-multilib pkg-config"
@@ -15,6 +20,8 @@ declare -A needs=(
   [mutants]="python3 ninja-build lld util-linux"
   [package]="dpkg-dev file pkg-config lintian"
 )
+needs[demo]="${needs[demo]} ${needs[report]}"
+needs[build]="${needs[build]} ${needs[report]} ${needs[browser]}"
 needs[test]="${needs[build]}"
 needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"

@@ -284,6 +284,9 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         {{"convert", path("row.csv"), path("row.csv")}, {2, "output '" + path("row.csv") + "' is the capture to read"}},
         {{"convert", path("f.vcd"), path("f.csv")}, {2, "cannot be read back"}},
         {{"convert", path("missing.csv"), path("f.csv")}, {4, "oltb: cannot read " + path("missing.csv") + ": No such file"}},
+        {{"report", path("foreign.csv"), "-o", path("f.html")}, {2, "line 1: not a capture written by oltb"}},
+        {{"report", path("row.csv"), "-o", path("row.csv")}, {2, "the report would replace its own capture"}},
+        {{"report", path("missing.csv"), "-o", path("f.html")}, {4, "oltb: cannot read " + path("missing.csv")}},
     };
     std::ofstream(path("foreign.csv")) << "time,value\n1,2\n";
     const std::string badRow = CsvHeader + "\n1,0.015625,Gate,22,1,0\n2,0.031250,Gate,22,1x,0\n";
@@ -299,7 +302,8 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         }
     }
     EXPECT_FALSE(std::filesystem::exists(path("x.csv")));
-    EXPECT_FALSE(std::filesystem::exists(path("f.csv")) || std::filesystem::exists(path("f.vcd")));
+    EXPECT_FALSE(std::filesystem::exists(path("f.csv")) || std::filesystem::exists(path("f.vcd")) ||
+                 std::filesystem::exists(path("f.html")));
     EXPECT_EQ(readFile(path("row.csv")), badRow) << "the input is left as it was";
     EXPECT_EQ(runTool({"acquire", "--help"}).exitCode, 0);
     const auto start = Clock::now();  // the longest wait bounds the wall time and names the missing label

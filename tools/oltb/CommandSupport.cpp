@@ -1,5 +1,7 @@
 #include "tools/oltb/CommandSupport.h"
 
+#include "tools/oltb/CaptureReader.h"
+#include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/Interrupt.h"
 
@@ -38,6 +40,41 @@ std::vector<const SignalInfo*> chooseSignals(Connection& connection,
         connection.setConfig(config);
     }
     return signalsIn(connection.getConfig());
+}
+
+namespace {
+
+// The whole capture (CSV or HDF5), head positions as signed numbers.
+std::vector<oltbTraceEvent> readCapture(const std::string& path) {
+    CaptureReader reader(path);
+    std::vector<oltbTraceEvent> events;
+    std::vector<oltbTraceEvent> batch(1 << 16);
+    while (const std::size_t count = reader.read(batch.data(), batch.size())) {
+        events.insert(events.end(), batch.begin(), batch.begin() + static_cast<std::ptrdiff_t>(count));
+    }
+    if (!reader.info().signedPositions) {
+        oltbToSignedPosition(events.data(), static_cast<std::uint32_t>(events.size()));
+    }
+    return events;
+}
+
+}  // namespace
+
+std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions& options) {
+    if (options.startGiven != options.endGiven) {
+        throw UsageError("analyzing a server needs both --start and --end");
+    }
+    if (!options.startGiven) {
+        return readCapture(options.input);
+    }
+    AcquireOptions live = options.live;
+    live.host = options.input;
+    live.raw = false;
+    std::optional<AcquiredEvents> acquired = acquireEvents(live, parseWantedSignals(live.signals));
+    if (!acquired) {
+        return std::nullopt;
+    }
+    return std::move(acquired->events);
 }
 
 void reportResult(const Outputs& outputs, const Summary& summary) {

@@ -38,6 +38,12 @@ struct AcquireOptions;
 std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
                                             const std::optional<std::vector<const SignalInfo*>>& wanted);
 
+// The events that oltb analyze and oltb report look at: the capture file named by options.input, or with both
+// labels given the events acquired between them from the server it names; head positions as signed numbers.
+// Nothing when the acquisition was interrupted before the end label. Throws UsageError, InputError, ServerError.
+struct AnalyzeOptions;
+std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions& options);
+
 // The summary on standard output, or on standard error when CSV went to standard output; the outputs' warnings
 // on standard error.
 void reportResult(const Outputs& outputs, const Summary& summary);

@@ -49,6 +49,11 @@ struct AnalyzeOptions {
     bool endGiven = false;
 };
 
+struct ReportOptions {
+    AnalyzeOptions analysis;  // the trace and the analysis settings, as for analyze (json is not used)
+    std::string output;       // the page to write
+};
+
 struct ConvertOptions {
     std::string input;
     std::string output;
@@ -59,6 +64,7 @@ int runConfig(const ConfigOptions& options);
 int runCapture(const CaptureOptions& options);
 int runAcquire(const AcquireOptions& options);
 int runAnalyze(const AnalyzeOptions& options);
+int runReport(const ReportOptions& options);
 int runConvert(const ConvertOptions& options);
 
 }  // namespace oltb::cli

@@ -64,6 +64,48 @@ void addTraceOptions(CLI::App& command, std::string& host, std::string& signals,
     command.footer(TraceFooter);
 }
 
+// The input and the analysis settings shared by analyze and report; the label options, to see whether they were
+// given.
+struct LabelOptions {
+    CLI::Option* start;
+    CLI::Option* end;
+};
+
+LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
+    const CLI::Range labelRange(0, 65535);
+    command.add_option("input", analyze.input,
+                       "capture file written by oltb (.csv or .h5, positions not --raw), or with --start and --end "
+                       "a server address")
+        ->required();
+    command.add_option("--head", analyze.head, "scan head to analyze")->capture_default_str()->check(CLI::Range(0, 1));
+    command.add_option("--settle-band", analyze.settleBandUnits,
+                       "a jump has settled once the mirror stays this close to its target (head units)")
+        ->capture_default_str()
+        ->check(positiveNumberOf("units"));
+    command.add_option("--units-per-mm", analyze.unitsPerMm,
+                       "head units per mm: lengths in mm, errors in um, speeds in mm/s (JSON stays in head units)")
+        ->check(positiveNumberOf("units"));
+    LabelOptions labels;
+    labels.start = command.add_option("--start", analyze.live.startLabel,
+                                      "acquire from the server first: start label number")
+                       ->check(labelRange);
+    labels.end = command.add_option("--end", analyze.live.endLabel, "end label number")->check(labelRange);
+    command.add_option("-s,--signals", analyze.live.signals,
+                       "with --start/--end: signals to trace (sets the server's configuration), e.g. "
+                       "Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate")
+        ->check(NotEmpty);
+    command.add_option("--timeout", analyze.live.timeoutSeconds,
+                       "with --start/--end: give up when the server sends nothing this long")
+        ->capture_default_str()
+        ->check(positiveNumberOf("seconds", 3600.0));
+    command.add_option("--max-wait", analyze.live.maxWaitSeconds,
+                       "with --start/--end: give up when both labels have not come within this many seconds")
+        ->capture_default_str()
+        ->check(positiveNumberOf("seconds"));
+    command.add_flag("-q,--quiet", analyze.live.quiet, "no progress display on standard error");
+    return labels;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -119,42 +161,23 @@ int main(int argc, char** argv) {
     AnalyzeOptions analyze;
     CLI::App* analyzeCommand = app.add_subcommand(
         "analyze", "measure tracking error, following error, laser timing and jump settling in a trace");
-    analyzeCommand->add_option("input", analyze.input,
-                               "capture file written by oltb (.csv, positions not --raw), or with --start and --end "
-                               "a server address")
-        ->required();
-    analyzeCommand->add_option("--head", analyze.head, "scan head to analyze")->capture_default_str()->check(
-        CLI::Range(0, 1));
-    analyzeCommand->add_option("--settle-band", analyze.settleBandUnits,
-                               "a jump has settled once the mirror stays this close to its target (head units)")
-        ->capture_default_str()
-        ->check(positiveNumberOf("units"));
+    LabelOptions analyzeLabels = addAnalysisOptions(*analyzeCommand, analyze);
     analyzeCommand->add_flag("--json", analyze.json, "one JSON object instead of the summary");
-    analyzeCommand->add_option("--units-per-mm", analyze.unitsPerMm,
-                               "head units per mm: the summary gives mm, um and mm/s (JSON stays in head units)")
-        ->check(positiveNumberOf("units"));
-    auto* analyzeStart = analyzeCommand->add_option("--start", analyze.live.startLabel,
-                                                    "acquire from the server first: start label number")
-                             ->check(labelRange);
-    auto* analyzeEnd =
-        analyzeCommand->add_option("--end", analyze.live.endLabel, "end label number")->check(labelRange);
-    analyzeCommand->add_option("-s,--signals", analyze.live.signals,
-                               "with --start/--end: signals to trace (sets the server's configuration), e.g. "
-                               "Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate")
-        ->check(NotEmpty);
-    analyzeCommand->add_option("--timeout", analyze.live.timeoutSeconds,
-                               "with --start/--end: give up when the server sends nothing this long")
-        ->capture_default_str()
-        ->check(positiveNumberOf("seconds", 3600.0));
-    analyzeCommand->add_option("--max-wait", analyze.live.maxWaitSeconds,
-                               "with --start/--end: give up when both labels have not come within this many seconds")
-        ->capture_default_str()
-        ->check(positiveNumberOf("seconds"));
-    analyzeCommand->add_flag("-q,--quiet", analyze.live.quiet, "no progress display on standard error");
     analyzeCommand->footer(
         "Positions are in head units unless --units-per-mm is given; times in us of the capture's time_us.\n"
         "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture (the message names the line),\n"
         "3 server error, 4 a file that cannot be read, 1 unexpected failure of the tool itself.");
+
+    ReportOptions report;
+    CLI::App* reportCommand = app.add_subcommand(
+        "report", "one HTML page of a trace to open in a browser: the figures of analyze, the XY path, time plots");
+    LabelOptions reportLabels = addAnalysisOptions(*reportCommand, report.analysis);
+    reportCommand->add_option("-o,--output", report.output, "the page to write, e.g. trace.html")->required();
+    reportCommand->footer(
+        "The page holds everything it shows (no network, no server): open it from disk in any browser. The figures\n"
+        "come from every event; long traces are thinned for display only, and the page says how far.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 3 server error, 4 a capture that\n"
+        "cannot be read or a page that cannot be written, 130 interrupted, 1 unexpected failure of the tool itself.");
 
     ConvertOptions convert;
     CLI::App* convertCommand =
@@ -189,9 +212,14 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
             return runCapture(capture);
         }
         if (app.got_subcommand(analyzeCommand)) {
-            analyze.startGiven = analyzeStart->count() > 0;
-            analyze.endGiven = analyzeEnd->count() > 0;
+            analyze.startGiven = analyzeLabels.start->count() > 0;
+            analyze.endGiven = analyzeLabels.end->count() > 0;
             return runAnalyze(analyze);
+        }
+        if (app.got_subcommand(reportCommand)) {
+            report.analysis.startGiven = reportLabels.start->count() > 0;
+            report.analysis.endGiven = reportLabels.end->count() > 0;
+            return runReport(report);
         }
         if (app.got_subcommand(convertCommand)) {
             return runConvert(convert);

@@ -1,0 +1,59 @@
+// The report page's thinning: the envelope of every column survives, the path keeps the laser's edges, and a long
+// trace stays within the page's budget while a short one keeps every sample.
+#include "analysis/SyntheticTrace.h"
+#include "tools/oltb/report/PageData.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace {
+
+using namespace oltb;
+
+TEST(PageData, ColumnsKeepTheirExtremesInTheOrderTheyCame) {
+    analysis::Series series;
+    for (const auto& [t, v] : {std::pair{0.0, 5.0}, {1, -3}, {2, 7}, {10, 9}, {11, 1}, {12, 4}, {30, 2}, {45, 6}}) {
+        series.add(t, v);
+    }
+    const std::vector<float> columns = report::minMaxColumns(series, 0, 10, 4);
+    ASSERT_EQ(columns.size(), 8u);
+    EXPECT_EQ(columns[0], -3);  // the low came first
+    EXPECT_EQ(columns[1], 7);
+    EXPECT_EQ(columns[2], 9);  // the high came first
+    EXPECT_EQ(columns[3], 1);
+    EXPECT_TRUE(std::isnan(columns[4]) && std::isnan(columns[5])) << "an empty column is a gap";
+    EXPECT_EQ(columns[6], 2);  // the last column takes what lies beyond the grid
+    EXPECT_EQ(columns[7], 6);
+}
+
+TEST(PageData, ThinnedPathKeepsEndsSpacingAndBothSidesOfEachGateEdge) {
+    analysis::Path path;
+    for (int i = 0; i <= 100; ++i) {
+        path.t.push_back(i);
+        path.x.push_back(i);
+        path.y.push_back(0);
+    }
+    const std::vector<std::size_t> kept = report::thinPath(path, {15.5, 50}, 10);
+    const std::vector<std::size_t> expected{0, 10, 15, 16, 26, 36, 46, 49, 50, 60, 70, 80, 90, 100};
+    EXPECT_EQ(kept, expected);
+}
+
+TEST(PageData, LongTraceStaysWithinTheBudgetAndShortOneKeepsEverySample) {
+    analysis::SyntheticSettings settings;
+    settings.repeats = 40;
+    const std::vector<oltbTraceEvent> events = analysis::syntheticTrace(settings, analysis::exampleJob());
+    const analysis::Result result = analysis::analyze(events);
+    report::PageOptions options;
+    options.byteBudget = 150'000;
+    const std::string thinned = report::pageData(events.data(), events.size(), result, options);
+    EXPECT_LT(thinned.size(), options.byteBudget) << events.size() << " events";
+    EXPECT_EQ(thinned.find("\"times\""), std::string::npos) << "too long for every sample";
+    EXPECT_EQ(thinned.find("\"finestColumnUs\": 0,"), std::string::npos);
+    options.byteBudget = 100'000'000;
+    const std::string whole = report::pageData(events.data(), events.size(), result, options);
+    EXPECT_NE(whole.find("\"times\""), std::string::npos);
+    EXPECT_NE(whole.find("\"finestColumnUs\": 0,"), std::string::npos);
+}
+
+}  // namespace

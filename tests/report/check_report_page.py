@@ -1,0 +1,170 @@
+#!/usr/bin/env python3
+"""The report page in a real browser (headless Chromium).
+
+With --tool and --simulator: makes the page of a simulator capture (oltb report straight from the server) and
+checks it; with --page: checks that page. Checked: no script error and no console message, whole and zoomed in
+(the page's samples level); the verdict the page writes says it drew; in a screenshot the XY path shows the laser
+on and off and every time plot has lines. With the simulator also: the positions the page unpacked span exactly
+the range of a capture of the same job by oltb acquire. --screenshot keeps the screenshot (docs/report.png).
+Exit 0 passed, 1 failed, 77 skipped (no chromium). Every run of a program is bounded in time.
+"""
+import argparse, json, os, re, struct, subprocess, sys, tempfile, time, zlib
+
+WINDOW = (1600, 1800)
+SIGNALS = 'Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate,LaserPower16,Label'
+
+
+def chromium(work, *arguments):
+    profile = tempfile.mkdtemp(dir=work)  # a new profile each run: nothing left from before
+    command = ['chromium', '--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+               '--disable-background-networking', '--disable-component-update', '--disable-sync',
+               '--user-data-dir=' + profile, '--hide-scrollbars', '--force-device-scale-factor=1',
+               '--window-size=%d,%d' % WINDOW, '--enable-logging=stderr', '--v=0', *arguments]
+    return subprocess.run(command, capture_output=True, text=True, timeout=90)
+
+
+def load(work, page, window=''):
+    """The verdict of the page as drawn, and the console messages."""
+    run = chromium(work, '--virtual-time-budget=5000', '--dump-dom', 'file://' + os.path.abspath(page) + window)
+    found = re.search(r'<div id="verdict"[^>]*>([^<]*)</div>', run.stdout)
+    console = [line for line in run.stderr.splitlines() if 'CONSOLE' in line or 'Uncaught' in line]
+    verdict = json.loads(found.group(1).replace('&quot;', '"').replace('&amp;', '&')) if found and found.group(1) else {}
+    return verdict, console
+
+
+def pixels(path):
+    """Width, height and rows of RGB(A) bytes of an 8-bit PNG, as Chromium writes them."""
+    data = open(path, 'rb').read()
+    position, chunks = 8, []
+    while position < len(data):
+        size, kind = struct.unpack('>I4s', data[position:position + 8])
+        body = data[position + 8:position + 8 + size]
+        if kind == b'IHDR':
+            width, height, depth, color = struct.unpack('>IIBB', body[:10])
+        elif kind == b'IDAT':
+            chunks.append(body)
+        position += 12 + size
+    assert depth == 8 and color in (2, 6), 'unexpected PNG format'
+    step = 3 if color == 2 else 4
+    raw, stride, rows = zlib.decompress(b''.join(chunks)), width * step, []
+    prior = bytearray(stride)
+    for y in range(height):
+        kind, line = raw[y * (stride + 1)], bytearray(raw[y * (stride + 1) + 1:(y + 1) * (stride + 1)])
+        if kind == 1:
+            for i in range(step, stride):
+                line[i] = (line[i] + line[i - step]) & 255
+        elif kind == 2:
+            line = bytearray((a + b) & 255 for a, b in zip(line, prior))
+        elif kind == 3:
+            for i in range(stride):
+                line[i] = (line[i] + (((line[i - step] if i >= step else 0) + prior[i]) >> 1)) & 255
+        elif kind == 4:
+            for i in range(stride):
+                a, b, c = (line[i - step], prior[i], prior[i - step]) if i >= step else (0, prior[i], 0)
+                p = a + b - c
+                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                line[i] = (line[i] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        rows.append(line)
+        prior = line
+    return step, rows
+
+
+def colours(step, rows, box):
+    """Pixels inside the box: drawn in a strong colour (lines, not shading), of them red, of them blue."""
+    left, top, width, height = box
+    strong = red = blue = 0
+    for y in range(top + 3, min(top + height - 3, len(rows))):
+        line = rows[y]
+        for x in range(left + 3, min(left + width - 3, len(line) // step)):
+            r, g, b = line[x * step:x * step + 3]
+            if max(r, g, b) - min(r, g, b) > 60:
+                strong += 1
+                red += r > 150 and g < 100 and b < 100
+                blue += b > 150 and r < 100
+    return strong, red, blue
+
+
+def check(work, page, screenshot, ranges):
+    failures = []
+    started = time.monotonic()
+    verdict, console = load(work, page)
+    failures += ['console: ' + line for line in console] + ['script error: ' + e for e in verdict.get('errors', [])]
+    if verdict.get('state') != 'drawn':
+        return failures + ['the page did not draw: %r' % verdict]
+    print('page drawn %d ms after it began loading; plots %s' % (verdict['loadMs'], sorted(verdict['boxes'])))
+    for series, signal in (('cx', 'Head0TxX'), ('cy', 'Head0TxY'), ('ax', 'Head0RxX'), ('ay', 'Head0RxY')):
+        if ranges:
+            print('%s on the page %r, in the capture %r' % (signal, verdict['ranges'].get(series), ranges[signal]))
+        if ranges and tuple(verdict['ranges'].get(series, ())) != ranges[signal]:
+            failures.append('%s on the page spans %r, in the capture %r' % (signal, verdict['ranges'].get(series),
+                                                                            ranges[signal]))
+    zoomed, console = load(work, page, '#t=140000,141000')
+    failures += ['zoomed, console: ' + line for line in console] + ['zoomed: ' + e for e in zoomed.get('errors', [])]
+    if zoomed.get('inView') != 'samples':
+        failures.append('zoomed to 1 ms the plots do not show the samples: %r' % zoomed.get('inView'))
+    shot = screenshot or os.path.join(work, 'page.png')
+    chromium(work, '--virtual-time-budget=5000', '--screenshot=' + shot, 'file://' + os.path.abspath(page))
+    step, rows = pixels(shot)
+    for name, box in sorted(verdict['boxes'].items()):
+        strong, red, blue = colours(step, rows, box)
+        print('%-11s %7d drawn pixels, %6d red, %6d blue' % (name, strong, red, blue))
+        if strong < 300 or (name == 'xy' and (red < 300 or blue < 100)):
+            failures.append('%s looks blank in the screenshot (%d drawn, %d red, %d blue)' % (name, strong, red, blue))
+    for plot in ('xy', 'plot-x', 'plot-y', 'plot-error', 'plot-laser'):
+        if plot not in verdict['boxes']:
+            failures.append(plot + ' was not drawn')
+    print('checked in %.1f s' % (time.monotonic() - started))
+    return failures
+
+
+def simulator_page(work, tool, simulator, address):
+    """The page of the simulator's job, made by oltb report from the server itself."""
+    log = open(os.path.join(work, 'simulator.out'), 'w+')
+    server = subprocess.Popen([simulator, '--address', address], stdout=log, stderr=subprocess.STDOUT)
+    try:
+        deadline = time.monotonic() + 10
+        while 'listening on' not in open(log.name).read():
+            if time.monotonic() > deadline or server.poll() is not None:
+                raise RuntimeError('the simulator did not start: ' + open(log.name).read())
+            time.sleep(0.1)
+        page, capture = os.path.join(work, 'job.html'), os.path.join(work, 'job.csv')
+        for command, output in (('report', page), ('acquire', capture)):
+            subprocess.run([tool, command, address, '--start', '1', '--end', '2', '--signals', SIGNALS, '--timeout',
+                            '5', '--max-wait', '30', '-q', '-o', output], check=True, timeout=60, stdout=subprocess.DEVNULL)
+        ranges = {}
+        for row in open(capture).read().splitlines()[1:]:
+            signal, value = row.split(',')[2], int(row.split(',')[4])
+            low, high = ranges.get(signal, (value, value))
+            ranges[signal] = (min(low, value), max(high, value))
+        return page, ranges
+    finally:
+        server.terminate()
+        try:
+            server.wait(timeout=5)
+        except subprocess.TimeoutExpired:
+            server.kill()
+            server.wait(timeout=5)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument('--page')
+    parser.add_argument('--tool')
+    parser.add_argument('--simulator')
+    parser.add_argument('--address', default='127.0.4.14')
+    parser.add_argument('--screenshot')
+    options = parser.parse_args()
+    if subprocess.run(['sh', '-c', 'command -v chromium'], capture_output=True).returncode != 0:
+        print('skipped: chromium is not installed (scripts/setup.sh build installs it)')
+        return 77
+    with tempfile.TemporaryDirectory() as work:
+        page, ranges = (options.page, None) if options.page else simulator_page(
+            work, options.tool, options.simulator, options.address)
+        failures = check(work, page, options.screenshot, ranges)
+    for failure in failures:
+        print('FAIL: ' + failure)
+    return 1 if failures else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())

@@ -1,0 +1,75 @@
+// Fills the page's template: the placeholders stand where the style, the scripts and the data go, each once.
+#include "tools/oltb/report/Page.h"
+
+#include <stdexcept>
+#include <string_view>
+
+namespace oltb::report {
+
+// Made at build time from the files in this folder and Debian's dygraphs (cmake/EmbedText.cmake).
+extern const char pageTemplate[];
+extern const char pageStyle[];
+extern const char pageScript[];
+extern const char chartStyle[];
+extern const char chartScript[];
+
+namespace {
+
+// The library as Debian ships it ends with a pointer to its source map, a file the page does not have.
+std::string withoutSourceMap(std::string_view text) {
+    for (const std::string_view marker : {"\n//# sourceMappingURL=", "\n/*# sourceMappingURL="}) {
+        const std::size_t at = text.rfind(marker);
+        if (at != std::string_view::npos) {
+            const std::size_t end = text.find('\n', at + 1);
+            return std::string(text.substr(0, at + 1)) +
+                   std::string(end == std::string_view::npos ? std::string_view() : text.substr(end + 1));
+        }
+    }
+    return std::string(text);
+}
+
+// Fills the first `placeholder` at or after `from` and moves `from` past the text filled in.
+void fill(std::string& page, std::size_t& from, std::string_view placeholder, const std::string& text) {
+    const std::size_t at = page.find(placeholder, from);
+    if (at == std::string::npos) {
+        throw std::logic_error("the page template lacks " + std::string(placeholder) + " in its place");
+    }
+    page.replace(at, placeholder.size(), text);
+    from = at + text.size();
+}
+
+std::string escapedHtml(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        switch (c) {
+            case '<': out += "&lt;"; break;
+            case '>': out += "&gt;"; break;
+            case '&': out += "&amp;"; break;
+            case '"': out += "&quot;"; break;
+            default: out += c;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+bool pageAvailable() {
+    return true;
+}
+
+std::string renderPage(const std::string& title, const std::string& data) {
+    std::string page = pageTemplate;
+    // The placeholders stand in the template in this order, and each is looked for after the text filled in
+    // before it, so that nothing inside a script or the data can be taken for one.
+    std::size_t from = 0;
+    fill(page, from, "@TITLE@", escapedHtml(title));
+    fill(page, from, "/*@CHART_STYLE@*/", withoutSourceMap(chartStyle));
+    fill(page, from, "/*@STYLE@*/", pageStyle);
+    fill(page, from, "/*@CHART_SCRIPT@*/", withoutSourceMap(chartScript));
+    fill(page, from, "/*@DATA@*/", data);
+    fill(page, from, "/*@SCRIPT@*/", pageScript);
+    return page;
+}
+
+}  // namespace oltb::report

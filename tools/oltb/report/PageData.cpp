@@ -1,0 +1,443 @@
+// Every array goes to the page packed (PackedNumbers.h): positions in whole head units, following errors in
+// 1/16 unit, times in ticks of the card's clock (1/64 us) from the start of the trace.
+#include "tools/oltb/report/PageData.h"
+
+#include "tools/oltb/report/PackedNumbers.h"
+
+#include "analysis/AnalysisReport.h"
+#include "tools/oltb/Signals.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <optional>
+
+namespace oltb::report {
+
+namespace {
+
+constexpr float Gap = std::numeric_limits<float>::quiet_NaN();
+constexpr std::size_t OverviewColumns = 2048;
+constexpr std::size_t GridRefinement = 4;
+constexpr std::size_t MaxPathPoints = 100'000;  // per path: more than a full-screen drawing can show
+constexpr std::size_t MaxSteps = 100'000;       // gate or laser power changes kept as they are
+constexpr std::size_t MaxLabels = 20'000;
+
+constexpr double PositionScale = 1;  // head positions are whole numbers
+constexpr double ErrorScale = 16;
+constexpr double TickScale = 64;     // ticks per us
+
+// A JSON string that may stand inside a <script> element: no "</script>" and no comment opener can form.
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (c == '<' || c == '>' || c == '&' || static_cast<unsigned char>(c) < 0x20) {
+            char escape[8];
+            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string number(double value) {
+    if (!std::isfinite(value)) {
+        return "null";
+    }
+    char text[32];
+    const auto written = std::to_chars(text, text + sizeof(text), value);
+    return std::string(text, written.ptr);
+}
+
+std::string number(std::optional<double> value) {
+    return value ? number(*value) : std::string("null");
+}
+
+// The trace as the page draws it, split by channel.
+struct Channels {
+    analysis::Series commandedX, commandedY, actualX, actualY;
+    std::vector<double> gateT, powerT;
+    std::vector<float> gateV, powerV;
+    std::string powerName;
+    std::vector<std::pair<double, int>> labels;
+    std::array<std::uint64_t, 128> events{}, lost{};
+};
+
+// The laser power line to show: the widest one traced.
+constexpr std::array<oltbTraceEventType, 5> PowerTypes{oltbEventLaserPower16, oltbEventLaserPower8,
+                                                       oltbEventLaserPower4, oltbEventLaserPower2,
+                                                       oltbEventLaserPower1};
+
+Channels split(const oltbTraceEvent* events, std::size_t count, int head) {
+    Channels channels;
+    const analysis::HeadChannels wanted = analysis::channelsOf(head);
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto type = static_cast<std::size_t>(events[i].Type);
+        if (type < channels.events.size()) {
+            ++channels.events[type];
+            channels.lost[type] += events[i].Overflow ? 1 : 0;
+        }
+    }
+    oltbTraceEventType power = oltbEventTimeBase;
+    for (const oltbTraceEventType type : PowerTypes) {
+        if (channels.events[static_cast<std::size_t>(type)] > 0) {
+            power = type;
+            break;
+        }
+    }
+    if (power != oltbEventTimeBase) {
+        channels.powerName = cli::findSignalByType(power)->name;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const oltbTraceEvent& event = events[i];
+        const oltbTraceEventType type = event.Type;
+        if (type == wanted.commandedX) {
+            channels.commandedX.add(event.Time, event.Value);
+        } else if (type == wanted.commandedY) {
+            channels.commandedY.add(event.Time, event.Value);
+        } else if (type == wanted.actualX) {
+            channels.actualX.add(event.Time, event.Value);
+        } else if (type == wanted.actualY) {
+            channels.actualY.add(event.Time, event.Value);
+        } else if (type == oltbEventGate) {
+            channels.gateT.push_back(event.Time);
+            channels.gateV.push_back(static_cast<float>(event.Value & 1));
+        } else if (type == power) {
+            channels.powerT.push_back(event.Time);
+            channels.powerV.push_back(static_cast<float>(event.Value));
+        } else if (type == oltbEventLabel && channels.labels.size() < MaxLabels) {
+            channels.labels.emplace_back(event.Time, event.Value);
+        }
+    }
+    return channels;
+}
+
+// The mirror minus the command shifted by the tracking error, at the mirror's samples.
+analysis::Series followingError(const analysis::Series& commanded, const analysis::Series& actual, double lagUs) {
+    analysis::Series error;
+    if (commanded.size() < 2) {
+        return error;
+    }
+    analysis::ForwardReader reader(commanded.t, commanded.v, 4 * analysis::typicalSpacing(commanded.t));
+    for (std::size_t i = 0; i < actual.size(); ++i) {
+        double shifted = 0;
+        if (reader.at(actual.t[i] - lagUs, shifted)) {
+            error.add(actual.t[i], actual.v[i] - shifted);
+        }
+    }
+    return error;
+}
+
+struct NamedSeries {
+    const char* id;  // the page's name: cx, ax, cy, ay (positions), fx, fy (following errors)
+    const analysis::Series* series;
+    double scale() const { return id[0] == 'f' ? ErrorScale : PositionScale; }
+};
+
+// The time plots' grids, coarsest first, then the samples themselves: each as long as the page stays within
+// `budget` bytes, the overview in any case. The grids stop where a column would hold two samples or fewer.
+std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, double durationUs, std::size_t budget,
+                       double& finestUs) {
+    std::vector<NamedSeries> shown;
+    const analysis::Series* clock = nullptr;  // the densest position channel: the times of the samples level
+    for (const NamedSeries& named : all) {
+        if (!named.series->empty()) {
+            shown.push_back(named);
+            if (named.id[0] != 'f' && (clock == nullptr || named.series->size() > clock->size())) {
+                clock = named.series;
+            }
+        }
+    }
+    finestUs = 0;
+    if (shown.empty() || clock == nullptr || !(durationUs > 0)) {
+        return "[]";
+    }
+    const double spacing = std::max(analysis::typicalSpacing(clock->t), 1e-3);
+    std::string levels;
+    for (std::size_t columns = OverviewColumns; durationUs / static_cast<double>(columns) > 2 * spacing ||
+                                                levels.empty();
+         columns *= GridRefinement) {
+        const double columnUs = durationUs / static_cast<double>(columns);
+        std::string level = std::string(levels.empty() ? "" : ",") + "\n {\"start\": " + number(startUs) +
+                            ", \"step\": " + number(columnUs) + ", \"columns\": " + std::to_string(columns) +
+                            ", \"values\": {";
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            level += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
+                     packedNumbers(minMaxColumns(*shown[i].series, startUs, columnUs, columns), shown[i].scale());
+        }
+        level += "}}";
+        if (!levels.empty() && levels.size() + level.size() > budget) {
+            return "[" + levels + "]";
+        }
+        levels += level;
+        finestUs = columnUs;
+    }
+    std::string samples = ",\n {\"times\": " + packedNumbers(clock->t, TickScale, startUs) + ", \"values\": {";
+    for (std::size_t i = 0; i < shown.size(); ++i) {
+        const analysis::Series& series = *shown[i].series;
+        std::vector<double> values(clock->size(), std::numeric_limits<double>::quiet_NaN());
+        analysis::ForwardReader reader(series.t, series.v, 4 * analysis::typicalSpacing(series.t));
+        for (std::size_t j = 0; j < clock->size(); ++j) {
+            if (&series == clock) {
+                values[j] = series.v[j];
+            } else {
+                reader.at(clock->t[j], values[j]);
+            }
+        }
+        samples += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
+                   packedNumbers(values, shown[i].scale());
+    }
+    samples += "}}";
+    if (levels.size() + samples.size() <= budget) {
+        levels += samples;
+        finestUs = 0;
+    }
+    return "[" + levels + "]";
+}
+
+// Steps of the gate or the laser power; beyond `maxSteps` changes, the smallest and largest value per column.
+std::string stepSeries(const std::vector<double>& t, const std::vector<float>& v, double startUs, double durationUs,
+                       const std::string& name, std::size_t maxSteps) {
+    if (t.empty()) {
+        return "null";
+    }
+    std::vector<double> times = t;
+    std::vector<float> values = v;
+    if (t.size() > maxSteps && durationUs > 0) {
+        analysis::Series series;
+        for (std::size_t i = 0; i < t.size(); ++i) {
+            series.add(t[i], v[i]);
+        }
+        const std::size_t columns = maxSteps / 2;
+        const double columnUs = durationUs / static_cast<double>(columns);
+        const std::vector<float> extremes = minMaxColumns(series, startUs, columnUs, columns);
+        times.clear();
+        values.clear();
+        for (std::size_t i = 0; i < extremes.size(); ++i) {
+            if (!std::isnan(extremes[i])) {
+                times.push_back(startUs + static_cast<double>(i / 2) * columnUs + (i % 2 ? columnUs / 2 : 0.0));
+                values.push_back(extremes[i]);
+            }
+        }
+    }
+    return "{\"name\": " + quoted(name) + ", \"changes\": " + std::to_string(t.size()) +
+           ", \"t\": " + packedNumbers(times, TickScale, startUs) + ", \"v\": " + packedNumbers(values, 1) + "}";
+}
+
+// A path thinned to at most `maxPoints`: the distance between kept samples grows until they fit.
+std::string pathJson(const analysis::Path& path, const std::vector<double>& edges, double extent, double startUs,
+                     std::size_t maxPoints) {
+    if (path.empty()) {
+        return "null";
+    }
+    double distance = extent / 4000;
+    std::vector<std::size_t> kept;
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        kept = thinPath(path, edges.size() * 4 < maxPoints ? edges : std::vector<double>{}, distance);
+        if (kept.size() <= maxPoints || !(distance > 0)) {
+            break;
+        }
+        distance *= 1.2 * static_cast<double>(kept.size()) / static_cast<double>(maxPoints);
+    }
+    std::vector<double> t, x, y;
+    for (const std::size_t i : kept) {
+        t.push_back(path.t[i]);
+        x.push_back(path.x[i]);
+        y.push_back(path.y[i]);
+    }
+    return "{\"samples\": " + std::to_string(path.size()) + ", \"distance\": " + number(distance) +
+           ", \"t\": " + packedNumbers(t, TickScale, startUs) + ", \"x\": " + packedNumbers(x, PositionScale) +
+           ", \"y\": " + packedNumbers(y, PositionScale) + "}";
+}
+
+// The largest following error of either axis under each mark's gate.
+std::vector<std::optional<double>> markErrors(const std::vector<analysis::Mark>& marks,
+                                              const std::vector<const analysis::Series*>& errors) {
+    std::vector<std::optional<double>> largest(marks.size());
+    for (const analysis::Series* error : errors) {
+        std::size_t j = 0;
+        for (std::size_t m = 0; m < marks.size(); ++m) {
+            while (j < error->size() && error->t[j] < marks[m].startUs) ++j;
+            for (std::size_t k = j; k < error->size() && error->t[k] <= marks[m].endUs; ++k) {
+                largest[m] = std::max(largest[m].value_or(0.0), std::abs(error->v[k]));
+            }
+        }
+    }
+    return largest;
+}
+
+// The marks to highlight: those with the largest following error, a tenth of them but one to three.
+std::vector<std::size_t> worstMarks(const std::vector<std::optional<double>>& errors) {
+    std::vector<std::size_t> order;
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        if (errors[i]) order.push_back(i);
+    }
+    const std::size_t count = std::min<std::size_t>({order.size(), 3, std::max<std::size_t>(1, errors.size() / 10)});
+    std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(),
+                      [&](std::size_t a, std::size_t b) { return *errors[a] > *errors[b]; });
+    order.resize(count);
+    std::sort(order.begin(), order.end());
+    return order;
+}
+
+template <typename Item, typename Format>
+std::string list(const std::vector<Item>& items, Format format) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        out += (i == 0 ? "" : ", ") + format(items[i]);
+    }
+    return out + "]";
+}
+
+std::string signalName(int type) {
+    const cli::SignalInfo* signal = cli::findSignalByType(type);
+    return signal != nullptr ? signal->name : std::string();
+}
+
+}  // namespace
+
+std::vector<float> minMaxColumns(const analysis::Series& series, double startUs, double columnUs, std::size_t columns) {
+    std::vector<float> out(2 * columns, Gap);
+    const std::size_t n = series.size();
+    std::size_t i = 0;
+    while (i < n && series.t[i] < startUs) ++i;
+    for (std::size_t column = 0; column < columns && i < n; ++column) {
+        const double end = startUs + static_cast<double>(column + 1) * columnUs;
+        const bool last = column + 1 == columns;
+        if (!last && series.t[i] >= end) {
+            continue;
+        }
+        std::size_t lowest = i, highest = i;
+        for (; i < n && (last || series.t[i] < end); ++i) {
+            if (series.v[i] < series.v[lowest]) lowest = i;
+            if (series.v[i] > series.v[highest]) highest = i;
+        }
+        out[2 * column] = static_cast<float>(series.v[std::min(lowest, highest)]);
+        out[2 * column + 1] = static_cast<float>(series.v[std::max(lowest, highest)]);
+    }
+    return out;
+}
+
+std::vector<std::size_t> thinPath(const analysis::Path& path, const std::vector<double>& edges, double minDistance) {
+    std::vector<std::size_t> kept;
+    const std::size_t n = path.size();
+    if (n == 0) {
+        return kept;
+    }
+    kept.push_back(0);
+    std::size_t edge = 0;
+    const double squared = minDistance * minDistance;
+    for (std::size_t i = 1; i < n; ++i) {
+        bool atEdge = false;
+        while (edge < edges.size() && edges[edge] <= path.t[i]) {
+            atEdge = atEdge || edges[edge] > path.t[i - 1];
+            ++edge;
+        }
+        if (atEdge && kept.back() != i - 1) {
+            kept.push_back(i - 1);
+        }
+        const double dx = path.x[i] - path.x[kept.back()];
+        const double dy = path.y[i] - path.y[kept.back()];
+        if (atEdge || i + 1 == n || dx * dx + dy * dy >= squared) {
+            kept.push_back(i);
+        }
+    }
+    return kept;
+}
+
+std::string pageData(const oltbTraceEvent* events, std::size_t count, const analysis::Result& result,
+                     const PageOptions& options) {
+    Channels channels = split(events, count, result.head);
+    const double startUs = count > 0 ? events[0].Time : 0.0;
+    const double durationUs = result.durationUs;
+
+    const analysis::Series errorX = result.trackingErrorXUs
+                                        ? followingError(channels.commandedX, channels.actualX, *result.trackingErrorXUs)
+                                        : analysis::Series{};
+    const analysis::Series errorY = result.trackingErrorYUs
+                                        ? followingError(channels.commandedY, channels.actualY, *result.trackingErrorYUs)
+                                        : analysis::Series{};
+    const std::vector<std::optional<double>> errorsOfMarks = markErrors(result.marks, {&errorX, &errorY});
+
+    std::string data = "{\"source\": " + quoted(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
+                       ", \"head\": " + std::to_string(result.head) + ", \"unitsPerMm\": " +
+                       number(options.unitsPerMm) + ", \"settleBand\": " + number(result.settleBandUnits) +
+                       ",\n \"events\": " + std::to_string(count) + ", \"startUs\": " + number(startUs) +
+                       ", \"durationUs\": " + number(durationUs) + ",\n \"signals\": [";
+    bool firstSignal = true;
+    for (std::size_t type = 0; type < channels.events.size(); ++type) {
+        if (channels.events[type] > 0) {
+            const std::string name = signalName(static_cast<int>(type));
+            data += std::string(firstSignal ? "" : ", ") + "[" +
+                    quoted(name.empty() ? "type " + std::to_string(type) : name) + ", " +
+                    std::to_string(channels.events[type]) + ", " + std::to_string(channels.lost[type]) + "]";
+            firstSignal = false;
+        }
+    }
+    data += "],\n \"analysis\": " + analysis::toJson(result, signalName);
+    data += ",\n \"suggestions\": " +
+            list(analysis::suggestedChanges(result, options.unitsPerMm), [](const std::string& s) { return quoted(s); });
+    data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return quoted(s); });
+    data += ",\n \"markErrors\": " + list(errorsOfMarks, [](std::optional<double> e) { return number(e); });
+    data += ",\n \"worstMarks\": " +
+            list(worstMarks(errorsOfMarks), [](std::size_t i) { return std::to_string(i); });
+    std::vector<std::size_t> cutShort;
+    for (std::size_t i = 0; i < result.jumps.size(); ++i) {
+        if (result.jumps[i].cutShort) cutShort.push_back(i);
+    }
+    data += ",\n \"cutShortJumps\": " + list(cutShort, [](std::size_t i) { return std::to_string(i); });
+    data += std::string(",\n \"settlingKnown\": ") + (result.pathTrackingErrorUs ? "true" : "false");
+    data += ",\n \"labels\": " + list(channels.labels, [](const std::pair<double, int>& label) {
+                return "[" + number(label.first) + ", " + std::to_string(label.second) + "]";
+            });
+    // Packed, a change of the laser or a point of a path takes a few bytes at most; their limits keep them to a
+    // small part of the budget, and the time plots take the rest.
+    const std::size_t maxSteps = std::min(MaxSteps, options.byteBudget / 100);
+    const std::size_t maxPathPoints = std::min(MaxPathPoints, options.byteBudget / 50);
+    data += ",\n \"gate\": " + stepSeries(channels.gateT, channels.gateV, startUs, durationUs, "Gate", maxSteps);
+    data += ",\n \"power\": " +
+            stepSeries(channels.powerT, channels.powerV, startUs, durationUs, channels.powerName, maxSteps);
+
+    // The gate edges split the drawn path into laser on and laser off.
+    const std::vector<double> edges = channels.gateT;
+    const std::vector<std::pair<const char*, const analysis::Series*>> names{
+        {"cx", &channels.commandedX}, {"cy", &channels.commandedY}, {"ax", &channels.actualX}, {"ay", &channels.actualY}};
+    data += ",\n \"names\": {";
+    const analysis::HeadChannels head = analysis::channelsOf(result.head);
+    const oltbTraceEventType types[] = {head.commandedX, head.commandedY, head.actualX, head.actualY};
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        data += std::string(i == 0 ? "" : ", ") + "\"" + names[i].first + "\": " + quoted(signalName(types[i]));
+    }
+    data += "}";
+
+    // The paths are bounded in size; what is left of the budget is for the time plots, the larger part.
+    double low = 0, high = 0;
+    for (const auto& named : names) {
+        for (const double v : named.second->v) {
+            low = std::min(low, v);
+            high = std::max(high, v);
+        }
+    }
+    data += ",\n \"path\": {\"commanded\": " +
+            pathJson(analysis::joinAxes(channels.commandedX, channels.commandedY), edges, high - low, startUs, maxPathPoints);
+    data += ",\n  \"actual\": " +
+            pathJson(analysis::joinAxes(channels.actualX, channels.actualY), edges, high - low, startUs, maxPathPoints) + "}";
+    const std::vector<NamedSeries> timeSeries{{"cx", &channels.commandedX}, {"ax", &channels.actualX},
+                                              {"cy", &channels.commandedY}, {"ay", &channels.actualY},
+                                              {"fx", &errorX},              {"fy", &errorY}};
+    double finestUs = 0;
+    const std::size_t left = options.byteBudget > data.size() ? options.byteBudget - data.size() : 0;
+    const std::string levels = timeLevels(timeSeries, startUs, durationUs, left, finestUs);
+    data += ",\n \"finestColumnUs\": " + number(finestUs) + ",\n \"levels\": " + levels + "}\n";
+    return data;
+}
+
+}  // namespace oltb::report
