@@ -27,7 +27,9 @@ def load(work, page, window=''):
     """The verdict of the page as drawn, and the console messages."""
     run = chromium(work, '--virtual-time-budget=5000', '--dump-dom', 'file://' + os.path.abspath(page) + window)
     found = re.search(r'<div id="verdict"[^>]*>([^<]*)</div>', run.stdout)
-    console = [line for line in run.stderr.splitlines() if 'CONSOLE' in line or 'Uncaught' in line]
+    # Messages of the page itself; Chromium's own pages (source chrome://...) speak of its network and fonts.
+    console = [line for line in run.stderr.splitlines()
+               if ('CONSOLE' in line or 'Uncaught' in line) and 'source: chrome://' not in line]
     verdict = json.loads(found.group(1).replace('&quot;', '"').replace('&amp;', '&')) if found and found.group(1) else {}
     return verdict, console
 
