@@ -172,25 +172,27 @@ bool H5Writer::available() {
     return true;
 }
 
-void H5Writer::write(const oltbTraceEvent& event) {
+void H5Writer::write(const oltbTraceEvent* events, std::size_t count) {
     State& state = *_state;
-    const auto type = static_cast<std::size_t>(event.Type);
     try {
-        SignalGroup* group = nullptr;
-        if (type < state.groupOfType.size() && state.groupOfType[type] >= 0) {
-            group = &state.groups[static_cast<std::size_t>(state.groupOfType[type])];
-        } else if (const SignalInfo* signal = findSignalByType(event.Type)) {
-            group = &state.addGroup(signal);
-        } else {
-            return;
-        }
-        group->ticks.pending.push_back(event.Timestamp);
-        group->time.pending.push_back(event.Time);
-        group->value.pending.push_back(event.Value);
-        group->overflow.pending.push_back(event.Overflow ? 1 : 0);
-        group->sequence.pending.push_back(state.nextSequence++);
-        if ((group->written + group->ticks.pending.size()) % ChunkEvents == 0) {
-            group->appendPending();
+        for (const oltbTraceEvent* event = events; event != events + count; ++event) {
+            const auto type = static_cast<std::size_t>(event->Type);
+            SignalGroup* group = nullptr;
+            if (type < state.groupOfType.size() && state.groupOfType[type] >= 0) {
+                group = &state.groups[static_cast<std::size_t>(state.groupOfType[type])];
+            } else if (const SignalInfo* signal = findSignalByType(event->Type)) {
+                group = &state.addGroup(signal);
+            } else {
+                continue;
+            }
+            group->ticks.pending.push_back(event->Timestamp);
+            group->time.pending.push_back(event->Time);
+            group->value.pending.push_back(event->Value);
+            group->overflow.pending.push_back(event->Overflow ? 1 : 0);
+            group->sequence.pending.push_back(state.nextSequence++);
+            if ((group->written + group->ticks.pending.size()) % ChunkEvents == 0) {
+                group->appendPending();
+            }
         }
     } catch (const h5::Failure& failure) {
         state.fail(failure);
