@@ -110,8 +110,9 @@ fuzz-ci: fuzz-build
 	@bash fuzz/run.sh 40 10
 
 # Benchmarks (preset bench, build/bench): the decoding core on blocks in memory, reading over loopback from the
-# simulator, the CPU and memory cost at the card's rate, and the trace analysis. One line per figure, each beside
-# its limit measured in the same run; they gate nothing.
+# simulator, the CPU and memory cost at the card's rate, the trace analysis, the tool's writers, and oltb capture
+# end to end and at the card's rate. One line per figure, each beside its limit measured in the same run; they gate
+# nothing.
 bench:
 	$(SETUP) bench
 	cmake --preset bench >/dev/null
@@ -119,6 +120,8 @@ bench:
 	build/bench/bench/oltb_bench_decode
 	build/bench/bench/oltb_bench_stream
 	build/bench/bench/oltb_bench_analysis
+	build/bench/bench/oltb_bench_writers
+	build/bench/bench/oltb_bench_capture
 
 # Installation (cmake/OltbInstall.cmake): builds only what is installed. Under /usr/local run as root, which also
 # refreshes the loader's cache (ldconfig).
