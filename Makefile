@@ -125,8 +125,9 @@ mutants:
 	/usr/bin/python3 scripts/mutants.py --jobs $(JOBS) $(if $(ONLY),--only '$(ONLY)')
 
 # Benchmarks (preset bench, build/bench): the decoding core on blocks in memory, reading over loopback from the
-# simulator, the CPU and memory cost at the card's rate, and the trace analysis. One line per figure, each beside
-# its limit measured in the same run; they gate nothing.
+# simulator, the CPU and memory cost at the card's rate, the trace analysis, the tool's writers, and oltb capture
+# end to end and at the card's rate. One line per figure, each beside its limit measured in the same run; they gate
+# nothing.
 bench:
 	$(SETUP) bench
 	cmake --preset bench >/dev/null
@@ -134,6 +135,8 @@ bench:
 	build/bench/bench/oltb_bench_decode
 	build/bench/bench/oltb_bench_stream
 	build/bench/bench/oltb_bench_analysis
+	build/bench/bench/oltb_bench_writers
+	build/bench/bench/oltb_bench_capture
 	PYTHONPATH=python OLTB_LIBRARY=$(CURDIR)/build/bench/libOLVEN.TALIX3.Native.TraceBufferLib.so /usr/bin/python3 \
 		bench/python_read_bench.py build/bench/tools/oltb-sim/oltb-sim build/bench/bench/oltb_read_rate
 

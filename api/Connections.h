@@ -5,6 +5,7 @@
 #pragma once
 
 #include "api/oltb.h"
+#include "events/AcquiredEvents.h"
 
 #include <cstdint>
 #include <memory>
@@ -25,7 +26,7 @@ struct TraceBufferConnection {
     std::unique_ptr<TraceBufferClient> _client;
     // The series of the last acquisition, handed out in portions; the mutex keeps two threads from tearing it.
     std::mutex _acquiredMutex;
-    std::vector<oltbTraceEvent> _acquiredElements;
+    AcquiredEvents _acquiredElements;
     std::uint32_t _acquiredPosition = 0;
 };
 

@@ -73,7 +73,7 @@ OLTB_API int oltbAcquire(int handle, uint16_t startLabel, uint16_t endLabel, uin
                 entry._acquiredElements.clear();
                 entry._acquiredPosition = 0;
             }
-            std::vector<oltbTraceEvent> series = entry._client->Acquire(startLabel, endLabel);
+            AcquiredEvents series = entry._client->Acquire(startLabel, endLabel);
             const std::lock_guard<std::mutex> lock(entry._acquiredMutex);
             entry._acquiredElements = std::move(series);
             entry._acquiredPosition = 0;

@@ -97,7 +97,7 @@ void acquireJob(benchmark::State& state, const TraceStream& stream) {
     for (auto _ : state) {
         source.rewind();
         decoder.clear();
-        std::vector<oltbTraceEvent> acquired = decoder.Acquire(source, 1, 2, 0);
+        auto acquired = decoder.Acquire(source, 1, 2, 0);
         benchmark::DoNotOptimize(acquired.data());
         events += static_cast<double>(stream.events);
     }

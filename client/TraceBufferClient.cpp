@@ -410,7 +410,7 @@ unsigned TraceBufferClient::Read(oltbTraceEvent* events, unsigned start, unsigne
     return _decoder.Read(_blockSource, events, start, count, readTimeoutMs());
 }
 
-std::vector<oltbTraceEvent> TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel) {
+AcquiredEvents TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel) {
     return _decoder.Acquire(_blockSource, startLabel, endLabel, readTimeoutMs());
 }
 

@@ -50,7 +50,7 @@ public:
 
     unsigned TryRead(oltbTraceEvent* events, unsigned start, unsigned count);
     unsigned Read(oltbTraceEvent* events, unsigned start, unsigned count);
-    std::vector<oltbTraceEvent> Acquire(unsigned short startLabel, unsigned short endLabel);
+    AcquiredEvents Acquire(unsigned short startLabel, unsigned short endLabel);
 
     static void ToSignedPosition(oltbTraceEvent* events, unsigned int count) noexcept;
 

@@ -22,23 +22,27 @@ bool isLabel(const oltbTraceEvent& event, unsigned short number) noexcept {
 
 }  // namespace
 
-std::vector<oltbTraceEvent> TraceDecoder::Acquire(BlockSource& source, unsigned short startLabel,
-                                                  unsigned short endLabel, int readTimeoutMs) {
-    std::vector<oltbTraceEvent> batch(_AcquireBatchSize);
-    std::vector<oltbTraceEvent> result;
+AcquiredEvents TraceDecoder::Acquire(BlockSource& source, unsigned short startLabel, unsigned short endLabel,
+                                     int readTimeoutMs) {
     if (!source.isConnected()) throw std::runtime_error(EventMessages::NoConnection);
+    // Each batch is decoded straight behind the events kept so far and then compacted in place, so that every event
+    // is written to memory once. Room for a series as long as the last one saves growing (and copying) it again.
+    AcquiredEvents result;
+    result.reserve(_acquiredEventsBefore + _AcquireBatchSize);
 
     bool started = false;
     double startTime = 0.0;
     double endTime = 0.0;
-    unsigned firstOfPass = 0;
+    std::size_t firstOfPass = 0;
     for (;;) {
-        unsigned batchCount = deliverPending(batch.data(), 0, _AcquireBatchSize);
+        result.resize(firstOfPass + _AcquireBatchSize);
+        oltbTraceEvent* const batch = result.data() + firstOfPass;
+        unsigned batchCount = deliverPending(batch, 0, _AcquireBatchSize);
         if (batchCount < _AcquireBatchSize && hasUndecodedBytes()) {
-            batchCount += splitAndUnpack(batch.data(), batchCount, _AcquireBatchSize - batchCount);
+            batchCount += splitAndUnpack(batch, batchCount, _AcquireBatchSize - batchCount);
         }
         if (batchCount < _AcquireBatchSize) {
-            batchCount = fillFromSource(source, batch.data(), batchCount, _AcquireBatchSize - batchCount, batchCount,
+            batchCount = fillFromSource(source, batch, batchCount, _AcquireBatchSize - batchCount, batchCount,
                                         readTimeoutMs);
         }
         if (batchCount == 0) {
@@ -46,38 +50,39 @@ std::vector<oltbTraceEvent> TraceDecoder::Acquire(BlockSource& source, unsigned 
             std::this_thread::sleep_for(SilentStreamPause);
         }
 
+        // Kept events move down over the dropped ones (labels, and whatever came before the start label).
+        oltbTraceEvent* kept = batch;
         bool endSeen = false;
-        for (unsigned index = 0; index < batchCount; ++index) {
-            oltbTraceEvent event = batch[index];
-            // Start first: with equal numbers every such label (re)starts and none ends the acquisition.
-            if (isLabel(event, startLabel)) {
-                started = true;
-                startTime = event.Time;
-                continue;
-            }
-            if (isLabel(event, endLabel)) {
-                if (!started) throw std::runtime_error(EventMessages::EndLabelBeforeStart);
-                // Events stamped up to 1 us after the end label may still follow it in the stream.
-                endTime = event.Time + _AcquireEndMarginUs;
-                if (index + 1 == batchCount) {
-                    reSort(result, firstOfPass);
-                    return result;
+        for (oltbTraceEvent* event = batch; event != batch + batchCount; ++event) {
+            if (__builtin_expect(event->Type == oltbEventLabel, 0)) {
+                // Start first: with equal numbers every such label (re)starts and none ends the acquisition.
+                if (isLabel(*event, startLabel)) {
+                    started = true;
+                    startTime = event->Time;
+                    continue;
                 }
-                endSeen = true;
-                continue;
+                if (isLabel(*event, endLabel)) {
+                    if (!started) throw std::runtime_error(EventMessages::EndLabelBeforeStart);
+                    // Events stamped up to 1 us after the end label may still follow it in the stream.
+                    endTime = event->Time + _AcquireEndMarginUs;
+                    endSeen = true;
+                    continue;
+                }
             }
             if (!started) continue;
-            if (endSeen && event.Time > endTime) {
-                reSort(result, firstOfPass);
-                return result;
-            }
-            event.Time -= startTime;
-            result.push_back(event);
+            if (endSeen && event->Time > endTime) break;
+            if (kept != event) *kept = *event;
+            kept->Time -= startTime;
+            ++kept;
         }
-        reSort(result, firstOfPass);
-        if (endSeen) return result;
+        result.resize(static_cast<std::size_t>(kept - result.data()));
+        reSort(result, static_cast<unsigned>(firstOfPass));
+        if (endSeen) {
+            _acquiredEventsBefore = result.size();
+            return result;
+        }
 
-        firstOfPass = static_cast<unsigned>(result.size());
+        firstOfPass = result.size();
         if (!source.isConnected()) throw std::runtime_error(EventMessages::NoConnection);
     }
 }

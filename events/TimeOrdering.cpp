@@ -36,8 +36,7 @@ void TraceDecoder::reSort(oltbTraceEvent* events, unsigned start, unsigned end, 
     if (_pendingCount >= 2) std::sort(pending, pending + _pendingCount, TraceEventComparer{});
 }
 
-void TraceDecoder::reSort(std::vector<oltbTraceEvent>& events, unsigned first) {
-    const std::size_t size = events.size();
+void TraceDecoder::reSort(oltbTraceEvent* events, std::size_t size, unsigned first) {
     if (first == 0 || first >= size) return;
     const std::uint64_t firstNew = events[first].Timestamp;
     std::size_t low = 0;
@@ -51,8 +50,7 @@ void TraceDecoder::reSort(std::vector<oltbTraceEvent>& events, unsigned first) {
     const std::uint64_t lastOld = events[first - 1].Timestamp;
     std::size_t high = first;
     while (high < size && events[high].Timestamp <= lastOld) ++high;
-    std::sort(events.begin() + static_cast<std::ptrdiff_t>(low), events.begin() + static_cast<std::ptrdiff_t>(high),
-              TraceEventComparer{});
+    std::sort(events + low, events + high, TraceEventComparer{});
 }
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

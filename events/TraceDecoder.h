@@ -12,6 +12,7 @@
 #pragma once
 
 #include "api/oltb.h"
+#include "events/AcquiredEvents.h"
 #include "events/BlockSource.h"
 
 #include <cstddef>
@@ -72,7 +73,7 @@ public:
     // timeout") unless readTimeoutMs is 0.
     unsigned Read(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count, int readTimeoutMs);
     // The events between the next start label and the following end label, Time counted from the start label.
-    std::vector<oltbTraceEvent> Acquire(BlockSource& source, unsigned short startLabel, unsigned short endLabel,
+    AcquiredEvents Acquire(BlockSource& source, unsigned short startLabel, unsigned short endLabel,
                                         int readTimeoutMs);
 
     // ---- time ordering -----------------------------------------------------------------------------------
@@ -80,7 +81,11 @@ public:
     // pending samples so that none is earlier than events[end - 1].
     void reSort(oltbTraceEvent* events, unsigned start, unsigned end, unsigned count);
     // Restores time order of the overlap between old events [0, first) and new events [first, size).
-    static void reSort(std::vector<oltbTraceEvent>& events, unsigned first);
+    static void reSort(oltbTraceEvent* events, std::size_t size, unsigned first);
+    static void reSort(std::vector<oltbTraceEvent>& events, unsigned first) {
+        reSort(events.data(), events.size(), first);
+    }
+    static void reSort(AcquiredEvents& events, unsigned first) { reSort(events.data(), events.size(), first); }
 
     // ---- positions ---------------------------------------------------------------------------------------
     static void ToSignedPosition(oltbTraceEvent* events, unsigned int count) noexcept;
@@ -130,6 +135,8 @@ private:
     std::uint32_t _blockPosition = 0;
     std::vector<oltbTraceEvent> _pendingEvents;
     std::uint32_t _pendingCount = 0;
+    // Length of the last acquired series: the next acquisition starts with room for as many.
+    std::size_t _acquiredEventsBefore = 0;
 };
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -45,7 +45,7 @@ TEST(Acquisition, EqualLabelNumbersNeverEndAndARepeatedStartLabelMovesTheStart) 
     FakeBlockSource source;
     source.blocks.push_back(
         bytesOf({labelAt(100, 1), valueAt(120, 1), labelAt(200, 1), valueAt(220, 2), labelAt(300, 2)}));
-    const std::vector<oltbTraceEvent> result = decoder.Acquire(source, 1, 2, 0);
+    const auto result = decoder.Acquire(source, 1, 2, 0);
     ASSERT_EQ(result.size(), 2U);
     EXPECT_EQ(result[0].Time, 20 / 64.0);
     EXPECT_EQ(result[1].Time, 20 / 64.0);

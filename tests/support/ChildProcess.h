@@ -21,6 +21,7 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
+    pid_t pid() const { return _pid; }
     void sendSignal(int signal) const;
     // The exit code, 128 + the signal that ended it, or -1 when it had to be killed after `limit`.
     int waitForExit(std::chrono::milliseconds limit);

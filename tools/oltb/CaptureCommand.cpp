@@ -1,6 +1,11 @@
-// "oltb capture": starts tracing, reads in slices of 200 ms until the limit (duration, number of events) or
-// Ctrl-C, stops, and keeps everything read. A lost connection also ends the capture: what was read is written
-// and summarised before the failure is reported.
+// "oltb capture": starts tracing, reads until the limit (duration, number of events) or Ctrl-C, stops, and keeps
+// everything read. A lost connection also ends the capture: what was read is written and summarised before the
+// failure is reported.
+//
+// A reading thread takes the events from the library as they arrive and queues them in batches; this thread writes
+// them. So the capture knows at every moment how fast the stream arrives and how fast it is written, and its
+// progress line shows a writer that falls behind while the events wait (before memory grows much). The queue holds
+// at most QueueEvents: beyond that the reading thread waits, and the stream waits in the library.
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -8,8 +13,14 @@
 #include "tools/oltb/Progress.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <deque>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 namespace oltb::cli {
 
@@ -18,7 +29,174 @@ namespace {
 // Short enough that Ctrl-C and the end of the duration are noticed promptly, long enough not to spin.
 constexpr int ReadSliceMs = 200;
 constexpr std::uint32_t BatchEvents = 4096;
+// A read that finds less than a batch waits this long before the next: at the card's rate a block arrives about
+// once a millisecond, and taking each on its own would wake both threads a thousand times a second.
+constexpr auto ReadPause = std::chrono::milliseconds(10);
+// 64 MiB of events, over 1.5 s of the card's busiest stream.
+constexpr std::uint64_t QueueEvents = 2 * 1024 * 1024;
 constexpr double TicksPerMicrosecond = 64.0;
+
+using Batch = std::vector<oltbTraceEvent>;
+
+// Batches from the reading thread to the writing one, and used ones back for reuse.
+class BatchQueue {
+public:
+    // A batch to fill, with room for BatchEvents; waits while the queue is full, unless `stopping` is set.
+    std::optional<Batch> emptyBatch(const std::atomic<bool>& stopping) {
+        std::unique_lock<std::mutex> lock(_mutex);
+        _roomOrStop.wait(lock, [&] { return _queuedEvents < QueueEvents || stopping.load(); });
+        if (_queuedEvents >= QueueEvents) {
+            return std::nullopt;
+        }
+        Batch batch;
+        if (!_spare.empty()) {
+            batch = std::move(_spare.back());
+            _spare.pop_back();
+        }
+        batch.resize(BatchEvents);
+        return batch;
+    }
+    void push(Batch&& batch) {
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            _arrived += batch.size();
+            _queuedEvents += batch.size();
+            _full.push_back(std::move(batch));
+        }
+        _filled.notify_one();
+    }
+    // No more batches will come.
+    void close() {
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            _closed = true;
+        }
+        _filled.notify_one();
+    }
+    // Wakes a reading thread that waits for room, so that it sees `stopping`.
+    void wakeReader() {
+        { const std::lock_guard<std::mutex> lock(_mutex); }  // a reader between its test and its wait gets the call
+        _roomOrStop.notify_all();
+    }
+
+    // The next batch; nothing once the queue is closed and empty, or when `limit` passes first (`timedOut`).
+    std::optional<Batch> next(std::chrono::milliseconds limit, bool& timedOut) {
+        std::unique_lock<std::mutex> lock(_mutex);
+        timedOut = !_filled.wait_for(lock, limit, [&] { return !_full.empty() || _closed; });
+        if (_full.empty()) {
+            return std::nullopt;
+        }
+        Batch batch = std::move(_full.front());
+        _full.pop_front();
+        return batch;
+    }
+    void giveBack(Batch&& batch) {
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            _queuedEvents -= batch.size();
+            _spare.push_back(std::move(batch));
+        }
+        _roomOrStop.notify_one();
+    }
+    // Drops what is queued (nothing more is written).
+    void discard() {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _full.clear();
+        _queuedEvents = 0;
+        _roomOrStop.notify_all();
+    }
+
+    CaptureCounts counts(std::uint64_t written) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return CaptureCounts{_arrived, written, _arrived - written, _queuedEvents >= QueueEvents};
+    }
+
+private:
+    std::mutex _mutex;
+    std::condition_variable _filled;
+    std::condition_variable _roomOrStop;
+    std::deque<Batch> _full;
+    std::vector<Batch> _spare;
+    std::uint64_t _queuedEvents = 0;
+    std::uint64_t _arrived = 0;
+    bool _closed = false;
+};
+
+// The reading thread: reads until the limit, Ctrl-C, `stopping` or a failure, then closes the queue.
+class Reader {
+public:
+    Reader(Connection& connection, const CaptureOptions& options, BatchQueue& queue)
+        : _connection(connection), _options(options), _queue(queue), _thread([this] { run(); }) {}
+    ~Reader() { stop(); }
+
+    // Ends reading (at the latest after a read slice) and waits for the thread.
+    void stop() {
+        _stopping = true;
+        _queue.wakeReader();
+        if (_thread.joinable()) {
+            _thread.join();
+        }
+    }
+    const std::optional<std::string>& failure() const { return _failure; }
+
+private:
+    void run() {
+        const auto start = std::chrono::steady_clock::now();
+        std::uint64_t read = 0;
+        std::optional<std::uint64_t> origin;
+        while (!_stopping && !interruptRequested()) {
+            if (_options.maxEvents > 0 && read >= _options.maxEvents) {
+                break;
+            }
+            const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+            if (_options.durationSeconds > 0.0 && elapsed.count() >= _options.durationSeconds) {
+                break;
+            }
+            std::optional<Batch> batch = _queue.emptyBatch(_stopping);
+            if (!batch) {
+                break;
+            }
+            std::uint32_t wanted = BatchEvents;
+            if (_options.maxEvents > 0) {
+                wanted = static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted, _options.maxEvents - read));
+            }
+            std::uint32_t count = 0;
+            try {
+                count = _connection.tryRead(batch->data(), wanted);
+            } catch (const ServerError& error) {
+                _failure = error.what();
+                break;
+            }
+            batch->resize(count);
+            if (count > 0) {
+                if (!_options.raw) {
+                    oltbToSignedPosition(batch->data(), count);
+                }
+                // Time 0 of a capture is its first event (the library counts from the connection's reference).
+                if (!origin) {
+                    origin = batch->front().Timestamp;
+                }
+                for (oltbTraceEvent& event : *batch) {
+                    event.Time = static_cast<double>(static_cast<std::int64_t>(event.Timestamp - *origin)) /
+                                 TicksPerMicrosecond;
+                }
+                read += count;
+                _queue.push(std::move(*batch));
+            }
+            if (count < wanted && !_stopping) {
+                std::this_thread::sleep_for(ReadPause);
+            }
+        }
+        _queue.close();
+    }
+
+    Connection& _connection;
+    const CaptureOptions& _options;
+    BatchQueue& _queue;
+    std::atomic<bool> _stopping{false};
+    std::optional<std::string> _failure;
+    std::thread _thread;  // last: starts once everything it uses is there
+};
 
 }  // namespace
 
@@ -44,48 +222,32 @@ int runCapture(const CaptureOptions& options) {
 
         Summary summary;
         Progress progress(progressWanted(options.quiet), stderr);
-        std::vector<oltbTraceEvent> batch(BatchEvents);
+        BatchQueue queue;
         std::optional<std::string> failure;
-        std::optional<std::uint64_t> origin;
-        while (!interruptRequested()) {
-            if (options.maxEvents > 0 && summary.totalEvents() >= options.maxEvents) {
-                break;
+        {
+            Reader reader(*connection, options, queue);
+            for (;;) {
+                bool timedOut = false;
+                std::optional<Batch> batch = queue.next(std::chrono::milliseconds(ReadSliceMs), timedOut);
+                if (batch) {
+                    summary.add(batch->data(), batch->size());
+                    try {
+                        outputs.write(batch->data(), batch->size());
+                    } catch (const OutputError&) {
+                        // The other files are finished with what was written; the failure is reported after.
+                        reader.stop();
+                        queue.giveBack(std::move(*batch));
+                        queue.discard();
+                        break;
+                    }
+                    queue.giveBack(std::move(*batch));
+                } else if (!timedOut) {
+                    break;  // the reading thread has ended and everything it read is written
+                }
+                progress.updateCapture(queue.counts(summary.totalEvents()));
             }
-            if (options.durationSeconds > 0.0 && progress.elapsedSeconds() >= options.durationSeconds) {
-                break;
-            }
-            std::uint32_t wantedEvents = BatchEvents;
-            if (options.maxEvents > 0) {
-                wantedEvents = static_cast<std::uint32_t>(
-                    std::min<std::uint64_t>(wantedEvents, options.maxEvents - summary.totalEvents()));
-            }
-            std::uint32_t count = 0;
-            try {
-                count = connection->tryRead(batch.data(), wantedEvents);
-            } catch (const ServerError& error) {
-                failure = error.what();
-                break;
-            }
-            if (!options.raw) {
-                oltbToSignedPosition(batch.data(), count);
-            }
-            // Time 0 of a capture is its first event (the library counts from the connection's reference).
-            if (count > 0 && !origin) {
-                origin = batch[0].Timestamp;
-            }
-            for (std::uint32_t index = 0; index < count; ++index) {
-                batch[index].Time = static_cast<double>(static_cast<std::int64_t>(batch[index].Timestamp - *origin)) /
-                                    TicksPerMicrosecond;
-            }
-            for (std::uint32_t index = 0; index < count; ++index) {
-                summary.add(batch[index]);
-            }
-            try {
-                outputs.write(batch.data(), count);
-            } catch (const OutputError&) {
-                break;  // the other files are finished with what was read; the failure is reported after
-            }
-            progress.update(summary.totalEvents());
+            reader.stop();
+            failure = reader.failure();
         }
         progress.finish();
         const double elapsed = progress.elapsedSeconds();

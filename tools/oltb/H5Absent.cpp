@@ -17,7 +17,7 @@ H5Writer::H5Writer(const std::string& path, const SeriesInfo&) {
 }
 
 H5Writer::~H5Writer() = default;
-void H5Writer::write(const oltbTraceEvent&) {}
+void H5Writer::write(const oltbTraceEvent*, std::size_t) {}
 void H5Writer::flushIfDue() {}
 void H5Writer::finish() {}
 

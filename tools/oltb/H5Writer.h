@@ -17,6 +17,7 @@
 #include "api/oltb.h"
 #include "tools/oltb/SeriesInfo.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -41,7 +42,8 @@ public:
 
     // Events must come in the series' order. An event of a signal that has no group yet gets one; one of a type
     // outside the signal table (which the library never delivers) is left out. Throws OutputError.
-    void write(const oltbTraceEvent& event);
+    void write(const oltbTraceEvent& event) { write(&event, 1); }
+    void write(const oltbTraceEvent* events, std::size_t count);
 
     // Appends every event kept and flushes the file to disk, if the last flush is a second ago or more. Throws
     // OutputError.

@@ -2,6 +2,7 @@
 
 #include "tools/oltb/Errors.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -74,19 +75,30 @@ Outputs::Outputs(std::vector<std::string> paths) {
         if (seen) {
             throw UsageError("output '" + path + "' is given twice");
         }
-        _outputs.push_back(Output{path, outputFormatOf(path), nullptr, nullptr, nullptr, nullptr, {}});
+        _outputs.push_back(Output{path, outputFormatOf(path), -1, nullptr, nullptr, nullptr, {}});
     }
 }
 
-Outputs::~Outputs() = default;
+Outputs::~Outputs() {
+    for (Output& output : _outputs) {
+        close(output);
+    }
+}
+
+void Outputs::close(Output& output) {
+    if (output.descriptor >= 0) {
+        ::close(output.descriptor);
+        output.descriptor = -1;
+    }
+}
 
 void Outputs::open() {
     for (Output& output : _outputs) {
         if (output.path == "-") {
             continue;
         }
-        output.file = std::make_unique<std::ofstream>(output.path, std::ios::out | std::ios::trunc);
-        if (!output.file->is_open()) {
+        output.descriptor = ::open(output.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (output.descriptor < 0) {
             throw OutputError("cannot create " + output.path + ": " + std::strerror(errno));
         }
     }
@@ -96,13 +108,14 @@ bool Outputs::csvOnStandardOutput() const {
     return std::any_of(_outputs.begin(), _outputs.end(), [](const Output& output) { return output.path == "-"; });
 }
 
-std::ostream& Outputs::streamOf(Output& output) {
-    return output.file ? static_cast<std::ostream&>(*output.file) : std::cout;
+int Outputs::descriptorOf(const Output& output) {
+    return output.path == "-" ? STDOUT_FILENO : output.descriptor;
 }
 
 void Outputs::checkWritten(Output& output) {
-    if (output.failure.empty() && output.format != OutputFormat::H5 && streamOf(output).fail()) {
-        fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(errno));
+    const int error = output.csv ? output.csv->error() : output.vcd ? output.vcd->error() : 0;
+    if (output.failure.empty() && error != 0) {
+        fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(error));
     }
 }
 
@@ -121,15 +134,16 @@ void Outputs::throwIfFailed() const {
 }
 
 void Outputs::begin(const SeriesInfo& info) {
+    std::cout.flush();  // whatever the stream holds comes before the data written to standard output directly
     for (Output& output : _outputs) {
         try {
             if (output.format == OutputFormat::Csv) {
-                output.csv = std::make_unique<CsvWriter>(streamOf(output));
+                output.csv = std::make_unique<CsvWriter>(descriptorOf(output));
             } else if (output.format == OutputFormat::Vcd) {
-                output.vcd = std::make_unique<VcdWriter>(streamOf(output), info.signals, info.signedPositions,
+                output.vcd = std::make_unique<VcdWriter>(descriptorOf(output), info.signals, info.signedPositions,
                                                          info.timeZero);
             } else {
-                output.file.reset();  // HDF5 writes the file itself, from its start
+                close(output);  // HDF5 writes the file itself, from its start
                 output.h5 = std::make_unique<H5Writer>(output.path, info);
             }
         } catch (const OutputError& error) {
@@ -149,14 +163,12 @@ void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
             continue;
         }
         try {
-            for (std::size_t index = 0; index < count; ++index) {
-                if (output.csv) {
-                    output.csv->write(events[index]);
-                } else if (output.vcd) {
-                    output.vcd->write(events[index]);
-                } else {
-                    output.h5->write(events[index]);
-                }
+            if (output.csv) {
+                output.csv->write(events, count);
+            } else if (output.vcd) {
+                output.vcd->write(events, count);
+            } else {
+                output.h5->write(events, count);
             }
             if (output.h5) {
                 output.h5->flushIfDue();
@@ -185,11 +197,16 @@ void Outputs::finish() {
         if (output.failure.empty() && output.vcd) {
             output.vcd->finish();
         }
-        streamOf(output).flush();
+        if (output.csv) {
+            output.csv->flush();
+        }
         checkWritten(output);
-        if (output.file) {
-            output.file->close();
-            checkWritten(output);
+        if (output.descriptor >= 0) {
+            const int closed = ::close(output.descriptor);
+            output.descriptor = -1;
+            if (closed != 0 && output.failure.empty()) {
+                fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(errno));
+            }
         }
     }
     throwIfFailed();
@@ -209,7 +226,7 @@ void Outputs::discard() {
         output.csv.reset();
         output.vcd.reset();
         output.h5.reset();
-        output.file.reset();
+        close(output);
         std::remove(output.path.c_str());
     }
 }

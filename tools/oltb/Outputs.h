@@ -9,7 +9,6 @@
 #include "tools/oltb/VcdWriter.h"
 
 #include <cstddef>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -66,15 +65,16 @@ private:
     struct Output {
         std::string path;
         OutputFormat format;
-        std::unique_ptr<std::ofstream> file; // null for standard output, and for HDF5 once begun
+        int descriptor = -1;  // of a created file; -1 for standard output, and for HDF5 once begun
         std::unique_ptr<CsvWriter> csv;
         std::unique_ptr<VcdWriter> vcd;
         std::unique_ptr<H5Writer> h5;
         std::string failure;  // why it can no longer be written; empty while it can
     };
 
-    static std::ostream& streamOf(Output& output);
+    static int descriptorOf(const Output& output);
     void checkWritten(Output& output);
+    static void close(Output& output);
     void fail(Output& output, const std::string& failure);
     void throwIfFailed() const;
 

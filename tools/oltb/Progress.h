@@ -12,6 +12,22 @@ namespace oltb::cli {
 // "12345 events  4567 events/s  2.7 s"; the rate is 0 before any time has passed.
 std::string formatProgressLine(std::uint64_t events, double elapsedSeconds);
 
+// What a capture has done so far: events taken from the library and events written, and those read but not yet
+// written (`queueFull`: as many as the capture holds, the rest waits in the library).
+struct CaptureCounts {
+    std::uint64_t arrived = 0;
+    std::uint64_t written = 0;
+    std::uint64_t waiting = 0;
+    bool queueFull = false;
+};
+
+// "1234567 events  1.2e+06 events/s written, 1.2e+06 arriving  2.7 s", rates over about the last second. When the
+// writer falls behind, the events waiting and their memory: "... 4.2e+06 events/s written, 8.6e+06 arriving  WRITER
+// BEHIND: 1851392 waiting (56 MiB)  2.7 s"; with a full queue "..., >8.6e+06 arriving  WRITER BEHIND: 2097152
+// waiting (64 MiB + library)", since the rest of the stream then waits in the library.
+std::string formatCaptureProgressLine(const CaptureCounts& counts, double writtenPerSecond, double arrivingPerSecond,
+                                      double elapsedSeconds);
+
 class Progress {
 public:
     // Shows nothing unless `enabled`; `stream` is where the line goes (standard error).
@@ -19,6 +35,9 @@ public:
 
     // Redraws the line with formatProgressLine if enough time has passed since the last drawing.
     void update(std::uint64_t events);
+
+    // Redraws the line with formatCaptureProgressLine, likewise.
+    void updateCapture(const CaptureCounts& counts);
 
     // Redraws the line as `text` followed by the elapsed time, likewise.
     void showWaiting(const std::string& text);
@@ -36,6 +55,14 @@ private:
     std::chrono::steady_clock::time_point _start;
     std::chrono::steady_clock::time_point _lastDrawn;
     bool _drawn = false;
+    // The counts a second or so ago, for the rates of updateCapture.
+    struct Sample {
+        double seconds;
+        std::uint64_t arrived;
+        std::uint64_t written;
+    };
+    Sample _rateBase{0.0, 0, 0};
+    Sample _nextRateBase{0.0, 0, 0};
 };
 
 // Whether the progress display belongs on standard error: a terminal and no --quiet.

@@ -4,6 +4,8 @@
 
 #include "api/oltb.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <ostream>
@@ -21,15 +23,17 @@ public:
     };
 
     void add(const oltbTraceEvent& event);
+    void add(const oltbTraceEvent* events, std::size_t count);
 
     std::uint64_t totalEvents() const { return _totalEvents; }
-    const std::map<int, SignalFigures>& figuresByType() const { return _figures; }
+    std::map<int, SignalFigures> figuresByType() const;
 
     // A table, one line per signal in order of event type, then the total.
     void print(std::ostream& out) const;
 
 private:
-    std::map<int, SignalFigures> _figures;
+    std::array<SignalFigures, 128> _figuresOfType{};  // the event types; count 0 for those that did not come
+    std::map<int, SignalFigures> _otherFigures;        // numbers outside them, which no event of the library has
     std::uint64_t _totalEvents = 0;
 };
 

@@ -5,7 +5,10 @@
 
 #include "api/oltb.h"
 #include "tools/oltb/Signals.h"
+#include "tools/oltb/TextOutput.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <ostream>
@@ -26,17 +29,26 @@ public:
     static constexpr std::uint64_t PicosecondsPerTick = 15625;
 
     // `signals` become the dump's variables, in this order. `signedPositions` only changes the header's
-    // description: head positions are 32-bit two's complement either way.
+    // description: head positions are 32-bit two's complement either way. The text goes to the stream at the end
+    // of every write call.
     VcdWriter(std::ostream& out, std::vector<const SignalInfo*> signals, bool signedPositions,
+              VcdTimeZero timeZero = VcdTimeZero::ReferenceOfTime);
+    // The same into the open file `descriptor` (which stays open), a megabyte at a time; finish() writes the rest.
+    VcdWriter(int descriptor, std::vector<const SignalInfo*> signals, bool signedPositions,
               VcdTimeZero timeZero = VcdTimeZero::ReferenceOfTime);
 
     // Events must come in time order. One that is earlier than the last time written (which the library's
     // ordering should never deliver) is written at that last time, and counted, so that time never goes back.
     // Events of signals that are not variables of the dump are skipped and counted.
-    void write(const oltbTraceEvent& event);
+    void write(const oltbTraceEvent& event) { write(&event, 1); }
+    void write(const oltbTraceEvent* events, std::size_t count);
 
-    // Writes the header if no event came, and a last time stamp so that viewers show the final values.
+    // Writes the header if no event came, and a last time stamp so that viewers show the final values; hands over
+    // everything.
     void finish();
+
+    // errno of the first write that failed, 0 while none did.
+    int error() const { return _out.error(); }
 
     std::uint64_t eventsMovedForward() const { return _eventsMovedForward; }
     std::uint64_t eventsSkipped() const { return _eventsSkipped; }
@@ -55,11 +67,13 @@ private:
         std::optional<std::uint32_t> lastValue;
     };
 
+    void addVariables(const std::vector<const SignalInfo*>& signals);
     void writeHeader(const std::optional<std::uint64_t>& originTicks);
-    Variable* variableOf(oltbTraceEventType type);
+    void writeEvent(const oltbTraceEvent& event);
 
-    std::ostream& _out;
+    TextOutput _out;
     std::vector<Variable> _variables;
+    std::array<int, 128> _variableOfType;  // index into _variables, -1 for none
     bool _signedPositions;
     VcdTimeZero _timeZero;
     bool _headerWritten = false;
