@@ -68,12 +68,14 @@ OLTB_API int oltbAcquire(int handle, uint16_t startLabel, uint16_t endLabel, uin
     return callWithConnection(
         handle,
         [&](TraceBufferConnection& entry) {
+            AcquiredEvents storage;  // the last series' storage, emptied, carries the new one
             {
                 const std::lock_guard<std::mutex> lock(entry._acquiredMutex);
                 entry._acquiredElements.clear();
                 entry._acquiredPosition = 0;
+                storage.swap(entry._acquiredElements);
             }
-            AcquiredEvents series = entry._client->Acquire(startLabel, endLabel);
+            AcquiredEvents series = entry._client->Acquire(startLabel, endLabel, std::move(storage));
             const std::lock_guard<std::mutex> lock(entry._acquiredMutex);
             entry._acquiredElements = std::move(series);
             entry._acquiredPosition = 0;

@@ -410,8 +410,9 @@ unsigned TraceBufferClient::Read(oltbTraceEvent* events, unsigned start, unsigne
     return _decoder.Read(_blockSource, events, start, count, readTimeoutMs());
 }
 
-AcquiredEvents TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel) {
-    return _decoder.Acquire(_blockSource, startLabel, endLabel, readTimeoutMs());
+AcquiredEvents TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel,
+                                          AcquiredEvents storage) {
+    return _decoder.Acquire(_blockSource, startLabel, endLabel, readTimeoutMs(), std::move(storage));
 }
 
 void TraceBufferClient::ToSignedPosition(oltbTraceEvent* events, unsigned int count) noexcept {

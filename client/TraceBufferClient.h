@@ -50,7 +50,8 @@ public:
 
     unsigned TryRead(oltbTraceEvent* events, unsigned start, unsigned count);
     unsigned Read(oltbTraceEvent* events, unsigned start, unsigned count);
-    AcquiredEvents Acquire(unsigned short startLabel, unsigned short endLabel);
+    // `storage`: the storage of the last series, reused (see TraceDecoder::Acquire).
+    AcquiredEvents Acquire(unsigned short startLabel, unsigned short endLabel, AcquiredEvents storage = {});
 
     static void ToSignedPosition(oltbTraceEvent* events, unsigned int count) noexcept;
 

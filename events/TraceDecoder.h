@@ -73,8 +73,10 @@ public:
     // timeout") unless readTimeoutMs is 0.
     unsigned Read(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count, int readTimeoutMs);
     // The events between the next start label and the following end label, Time counted from the start label.
-    AcquiredEvents Acquire(BlockSource& source, unsigned short startLabel, unsigned short endLabel,
-                                        int readTimeoutMs);
+    // `storage` (its elements are discarded) is reused for the series: a caller that hands back the last series
+    // saves the page faults of fresh memory.
+    AcquiredEvents Acquire(BlockSource& source, unsigned short startLabel, unsigned short endLabel, int readTimeoutMs,
+                           AcquiredEvents storage = {});
 
     // ---- time ordering -----------------------------------------------------------------------------------
     // Restores time order of events[start, end) after `count` new events were appended at its end, merging the

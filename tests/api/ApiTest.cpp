@@ -42,7 +42,8 @@ TEST(ErrorStore, LengthIsTextPlusTwoAndTheTextIsHandedOutOnce) {
     EXPECT_EQ(oltbGetLastErrorLen(), 0);
     EXPECT_EQ(takeLastError(), "");
     ASSERT_EQ(oltbStart(-1), -1);
-    EXPECT_EQ(oltbToSignedPositionVal(1), 1);
+    oltbTraceBufferConfig_Struct config;
+    ASSERT_EQ(oltbInitConfig(&config), 0);
     EXPECT_EQ(oltbGetLastErrorLen(), 0) << "every call starts with an empty store";
 }
 
@@ -89,7 +90,7 @@ TEST(HandleChecks, EveryFunctionReportsIllegalHandlesAndNullOutParameters) {
         EXPECT_EQ(oltbIsConnected(handle, &connected), 0);
         EXPECT_FALSE(connected);
     }
-    EXPECT_EQ(oltbDisconnect(5), 0) << "an unknown handle is a successful no-op";
+    for (int handle : {0, 5}) EXPECT_EQ(oltbDisconnect(handle), 0) << "an unknown handle is a successful no-op";
     EXPECT_EQ(oltbGetLastErrorLen(), 0);
     EXPECT_EQ(oltbDisconnect(-1), -1);
     EXPECT_EQ(takeLastError(), "Illegal handle.");
@@ -194,6 +195,8 @@ TEST(Connection, AcquiredSeriesIsHandedOutInPortions) {
     server.send(concat({makeWord(oltbEventLabel, 6000, 2U << 16)}));
     EXPECT_EQ(oltbAcquire(handle, 1, 2, &count), -1);
     EXPECT_EQ(takeLastError(), "Expected start label but got end label!");
+    EXPECT_EQ(oltbGetAcquiredElements(handle, buffer.data(), 0, 4, &count), -1) << "a failed acquisition ends the last";
+    EXPECT_EQ(takeLastError(), "No acquired elements available!");
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 

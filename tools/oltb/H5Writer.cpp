@@ -10,7 +10,7 @@
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/H5Support.h"
 
-#include <zlib.h>
+#include <libdeflate.h>
 
 #include <array>
 #include <chrono>
@@ -37,16 +37,16 @@ std::string signalList(const std::vector<const SignalInfo*>& signals) {
 }
 
 // Shuffles and deflates chunks as HDF5's shuffle and deflate filters do: the bytes of each significance together,
-// then a zlib stream.
+// then a zlib stream. libdeflate compresses a whole buffer at once about three times faster than zlib's streams.
 class ChunkCompressor {
 public:
-    ChunkCompressor() {
-        if (deflateInit2(&_stream, DeflateLevel, Z_DEFLATED, 15, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+    ChunkCompressor() : _compressor(libdeflate_alloc_compressor(DeflateLevel)) {
+        if (_compressor == nullptr) {
             throw h5::Failure("deflate: cannot start the compressor");
         }
-        _compressed.resize(deflateBound(&_stream, H5Writer::ChunkEvents * 8));
+        _compressed.resize(libdeflate_zlib_compress_bound(_compressor, H5Writer::ChunkEvents * 8));
     }
-    ~ChunkCompressor() { deflateEnd(&_stream); }
+    ~ChunkCompressor() { libdeflate_free_compressor(_compressor); }
     ChunkCompressor(const ChunkCompressor&) = delete;
     ChunkCompressor& operator=(const ChunkCompressor&) = delete;
 
@@ -64,17 +64,14 @@ public:
             }
             input = _shuffled.data();
         }
-        if (deflateReset(&_stream) != Z_OK) throw h5::Failure("deflate: cannot reset the compressor");
-        _stream.next_in = const_cast<unsigned char*>(input);
-        _stream.avail_in = static_cast<uInt>(count * valueBytes);
-        _stream.next_out = _compressed.data();
-        _stream.avail_out = static_cast<uInt>(_compressed.size());
-        if (deflate(&_stream, Z_FINISH) != Z_STREAM_END) throw h5::Failure("deflate: a chunk did not fit");
-        return {_compressed.data(), _compressed.size() - _stream.avail_out};
+        const std::size_t length =
+            libdeflate_zlib_compress(_compressor, input, count * valueBytes, _compressed.data(), _compressed.size());
+        if (length == 0) throw h5::Failure("deflate: a chunk did not fit");
+        return {_compressed.data(), length};
     }
 
 private:
-    z_stream _stream{};
+    libdeflate_compressor* _compressor;
     std::vector<unsigned char> _shuffled;
     std::vector<unsigned char> _compressed;
 };
