@@ -271,6 +271,10 @@ std::vector<JumpDelay> jumpDelayTable(const std::vector<Jump>& jumps) {
             unknown.back() = true;
         }
     }
+    // A card's delay for jumps up to a length covers every shorter jump too, so a row is at least the row before.
+    for (std::size_t row = 1; row < table.size(); ++row) {
+        table[row].delayUs = std::max(*table[row].delayUs, *table[row - 1].delayUs);
+    }
     for (std::size_t row = 0; row < table.size(); ++row) {
         if (unknown[row]) {
             table[row].delayUs.reset();

@@ -55,10 +55,11 @@ struct Jump {
     bool cutShort = false;           // the trace ended before the mirror settled: the settle time is unknown
 };
 
-// The jump delay that every traced jump up to `upToLength` units would have needed.
+// The jump delay that every traced jump up to `upToLength` units would have needed: the longest settle time among
+// them (rows for longer jumps are never shorter).
 struct JumpDelay {
     double upToLength = 0;
-    std::optional<double> delayUs;  // empty when such a jump did not settle within the trace at all
+    std::optional<double> delayUs;  // empty when a jump longer than the row before did not settle within the trace
 };
 
 // A figure the trace could not give, and why.

@@ -61,15 +61,20 @@ set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "command-line tool and simulator for a laser scan controller's trace buffer
 oltb lists the traceable signals, shows and sets the server's configuration,
 captures events for a time or acquires those between two labels, and writes
-them as CSV or VCD. oltb-sim is a simulated trace buffer server that streams
-a marking job or a counter, with fault modes for tests.")
+them as CSV, VCD or HDF5. It measures the tracking error, laser timing and
+jump settling of the scan heads (oltb analyze) and writes an HTML report page
+(oltb report). oltb-sim is a simulated trace buffer server with servo
+dynamics that streams marking jobs or replays captures, with fault modes for
+tests.")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-oltb)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
-set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS python3)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, python3-numpy")
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Python interface to the trace buffer of a laser scan controller card
-The oltb package for Python 3, on top of the shared library.")
+The oltb package for Python 3, on top of the shared library: reading and
+acquiring events into numpy arrays, loading captures, and the analysis of
+oltb analyze.")
 
 # Each package carries usr/share/doc/<package>/copyright and changelog.gz. EXCLUDE_FROM_ALL keeps them out of a
 # plain `cmake --install`: only an installation per component, as CPack makes, has them.

@@ -10,7 +10,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 build=${BUILD_DIR:-build/release}
-address=${DEMO_ADDRESS:-127.0.0.9}
+address=${DEMO_ADDRESS:-127.0.0.8}
 out=${DEMO_OUT:-out}
 simulator=$build/tools/oltb-sim/oltb-sim
 tool=$build/tools/oltb/oltb
@@ -69,5 +69,6 @@ echo "demo: the report page of the capture"
 "$tool" report "$out/demo.csv" -o "$out/demo.html"
 echo
 ls -l "$out/demo.csv" "$out/demo.vcd" "$out/demo.html" | awk '{ printf "demo: %-40s %12s bytes\n", $NF, $5 }'
-echo "demo: open the waveforms with e.g.  gtkwave $out/demo.vcd  (or Surfer, PulseView)"
+echo "demo: open the waveforms with  gtkwave $out/demo.vcd  (or Surfer)"
 echo "demo: open the report in a browser: $out/demo.html"
+echo "demo: a simulator for your own commands: make sim (on 127.0.0.9; make sim-stop ends it)"

@@ -27,7 +27,7 @@ needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"
 needs[bench]="${needs[build]} ${needs[bench]}"
 needs[mutants]="${needs[build]} ${needs[mutants]}"
-needs[package]="${needs[demo]} ${needs[package]}"
+needs[package]="${needs[build]} ${needs[package]}"
 
 packages=()
 for target in "$@"; do

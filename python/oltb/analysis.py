@@ -15,9 +15,10 @@ _analysis = None
 def _load():
     global _analysis
     if _analysis is None:
-        core = pathlib.Path(library().path)  # the analysis library lies beside the trace buffer library
-        candidates = [os.environ.get("OLTB_ANALYSIS_LIBRARY"), str(core.parent / "analysis" / _LIBRARY_NAME),
-                      str(core.parent / _LIBRARY_NAME), _LIBRARY_NAME]
+        # Installed, the analysis library lies in this package; in a build tree, beside the trace buffer library.
+        core = pathlib.Path(library().path)
+        candidates = [os.environ.get("OLTB_ANALYSIS_LIBRARY"), str(pathlib.Path(__file__).parent / _LIBRARY_NAME),
+                      str(core.parent / "analysis" / _LIBRARY_NAME)]
         for path in filter(None, candidates):
             try:
                 _analysis = ctypes.CDLL(path)

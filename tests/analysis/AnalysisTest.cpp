@@ -70,6 +70,13 @@ TEST_P(Accuracy, FiguresAsConstructed) {
     }
     ASSERT_FALSE(result.jumpDelayTable.empty());
     EXPECT_EQ(result.jumpDelayTable.back().upToLength, 50000);
+    for (std::size_t row = 1; row < result.jumpDelayTable.size(); ++row) {
+        const auto& shorter = result.jumpDelayTable[row - 1].delayUs;
+        const auto& longer = result.jumpDelayTable[row].delayUs;
+        if (shorter && longer) {
+            EXPECT_GE(*longer, *shorter) << "a row covers the shorter jumps too";
+        }
+    }
     EXPECT_TRUE(result.missing.empty()) << result.missing[0].figure;
 }
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs BUILD into a scratch prefix, builds the C session of tests/api against the installation once with
-# CMake's find_package and once with pkg-config, and runs both against oltb-sim on 127.0.6.N. When BUILD/packages
+# CMake's find_package and once with pkg-config, and runs both against oltb-sim on 127.0.6.N, then the README's
+# Python example with the installed Python package (not for a 32-bit build). When BUILD/packages
 # holds Debian packages, unpacks each with dpkg -x and compares files and control fields with expected_layout.txt.
 # Usage: check_install.sh BUILD [N [i386-linux-gnu]]: with the third argument the consumer is built with -m32 and
 # tells CMake its library architecture, as a 32-bit toolchain does. The simulator is $SIMULATOR, else the installed one.
@@ -21,6 +22,18 @@ for consumer in "$work/cmake/consumer" "$work/pkgconfig_consumer"; do
   "$here/../api/with_simulator.sh" "${SIMULATOR:-$work/usr/bin/oltb-sim}" "$address" timeout 60 "$consumer" "$address"
 done
 echo "install: a C program built with find_package and with pkg-config ran against the simulator"
+if [ -z "$arch" ]; then
+  # The README's Python example, with the installed package, its analysis library and the installed trace library.
+  awk '/^```python$/ {getline; if ($0 == "import oltb") inside=1} /^```$/ {if (inside) exit} inside {print}' \
+    "$here/../../README.md" |
+    sed "s/127\.0\.0\.9/$address/" >"$work/example.py"
+  [ -s "$work/example.py" ] || { echo "README.md has no Python example"; exit 1; }
+  "$here/../api/with_simulator.sh" "${SIMULATOR:-$work/usr/bin/oltb-sim}" "$address" \
+    env PYTHONPATH="$(find "$work/usr" -type d -name dist-packages)" \
+    OLTB_LIBRARY="$(pkg-config --variable=libdir oltb)/libOLVEN.TALIX3.Native.TraceBufferLib.so" \
+    timeout 60 /usr/bin/python3 "$work/example.py"
+  echo "install: the README's Python example ran with the installed package"
+fi
 [ -d "$build/packages" ] || exit 0
 version=$(pkg-config --modversion oltb)
 mkdir "$work/root"
