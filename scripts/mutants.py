@@ -26,9 +26,9 @@ The scratch directory stays between runs so that the next run builds incremental
   build/mutants/results.txt  one line per mutant of the last run
 
 To keep each mutant cheap the builds use Ninja when it is installed, lld or gold as linker, and ccache when it is
-installed. The tests of the mutated part run first (a failure there ends the mutant at once), then the rest. The
-stress tests run for a bounded time (--stress-seconds). A slip often makes a test wait for something that never
-comes, so a mutant's test program may run only a few times as long as the slowest test of the unmutated run
+installed. The tests of the mutated part run first (a failure there ends the mutant at once), then the rest; the
+browser test of the report page (label browser) is left out, as no mutant is in the page and it is the slowest
+test. A slip often makes a test wait for something that never comes, so a mutant's test program may run only a few times as long as the slowest test of the unmutated run
 (--test-timeout-factor, within --test-timeout-floor and --test-timeout) and never longer than its own TIMEOUT; the
 tests of one mutant together stop after --mutant-timeout seconds. When the machine allows it, each test run gets a
 network namespace of its own, so the fixed loopback addresses of the tests cannot collide with another test run on
@@ -310,7 +310,6 @@ class Build:
     source: Path
     directory: Path
     jobs: int
-    stress_seconds: float  # OLTB_STRESS_SECONDS of its test runs; 0: the tests' own durations
     test_limit: float = 60.0  # seconds per test program, calibrated by the unmutated run
 
     def configure(self, log: Path) -> None:
@@ -374,14 +373,12 @@ class TestRunner:
         """Runs the focus tests, then (if they passed) the others. Returns (all passed, what failed, output)."""
         environment = dict(os.environ)
         environment.update(TEST_ENVIRONMENT[build.kind])
-        if build.stress_seconds > 0:
-            environment["OLTB_STRESS_SECONDS"] = f"{build.stress_seconds:g}"
         environment[LIMIT_VARIABLE] = f"{build.test_limit:g}"
         deadline = time.monotonic() + self.mutant_timeout
         phases = [["-R", focus], ["-E", focus]] if focus else [[]]
         outputs = []
         for number, selection in enumerate(phases, 1):
-            ctest = ["ctest", "-j", str(self.jobs), "--output-on-failure", "--no-tests=ignore"]
+            ctest = ["ctest", "-j", str(self.jobs), "--output-on-failure", "--no-tests=ignore", "-LE", "browser"]
             if stop_on_failure:
                 ctest.append("--stop-on-failure")
             log = log_stem.with_name(f"{log_stem.name}.test{number}.log")
@@ -452,8 +449,7 @@ class Runner:
         """Brings the build's source copy up to date, builds it unmutated and runs its whole suite once; both must
         pass."""
         source = SCRATCH / ("src" if kind == "release" else f"src-{kind}")
-        stress = self.arguments.stress_seconds if kind == "release" else self.arguments.sanitizer_stress_seconds
-        build = Build(kind, source, SCRATCH / kind, self.arguments.jobs, stress, float(self.arguments.test_timeout))
+        build = Build(kind, source, SCRATCH / kind, self.arguments.jobs, float(self.arguments.test_timeout))
         changed = sync_tree(source)
         progress(f"mutants: {kind}: source copy in {source} ({changed} files updated)")
         started = time.monotonic()
@@ -613,12 +609,6 @@ def main() -> int:
     parser.add_argument("--fresh", action="store_true", help="remove build/mutants first and build from scratch")
     parser.add_argument("--jobs", type=int, default=2, help="parallel build jobs and tests (default 2)")
     parser.add_argument("--file", type=Path, default=DEFAULT_LIST, help="the list of mutants")
-    parser.add_argument("--stress-seconds", type=float, default=4.0,
-                        help="how long each stress test runs in the Release build (OLTB_STRESS_SECONDS; 0: their "
-                             "own durations; default 4)")
-    parser.add_argument("--sanitizer-stress-seconds", type=float, default=0.0,
-                        help="the same in the ThreadSanitizer build, where the stress tests need their own "
-                             "durations to get through enough connection lives (default 0)")
     parser.add_argument("--test-timeout", type=int, default=60,
                         help="longest run of one test program, seconds, if its own TIMEOUT is longer (default 60)")
     parser.add_argument("--test-timeout-factor", type=float, default=4.0,

@@ -65,6 +65,21 @@ TEST(Acquisition, EndLabelLastInAFullBatchEndsAtOnce) {
     EXPECT_EQ(rest.Value, 77);
 }
 
+TEST(Acquisition, AnEventOfTheNextBatchThatBelongsBeforeTheLastIsSortedIn) {
+    std::vector<std::uint64_t> words = {labelAt(100, 1)};
+    for (std::uint32_t i = 0; i + 1 < TraceDecoder::_AcquireBatchSize; ++i) words.push_back(valueAt(200 + 2 * i, i));
+    const std::uint32_t lastTick = 200 + 2 * (TraceDecoder::_AcquireBatchSize - 2);
+    words.push_back(valueAt(lastTick - 1, 99999));  // the first event of the second batch, a tick early
+    words.push_back(labelAt(lastTick + 100, 2));
+    TraceDecoder decoder;
+    FakeBlockSource source;
+    source.blocks.push_back(bytesOf(words));
+    const auto result = decoder.Acquire(source, 1, 2, 20);
+    ASSERT_EQ(result.size(), TraceDecoder::_AcquireBatchSize);
+    EXPECT_EQ(result[result.size() - 2].Value, 99999);
+    EXPECT_EQ(result.back().Timestamp, lastTick);
+}
+
 TEST(Acquisition, WithoutTimeoutPollsUntilDataOrALostConnection) {
     {
         TraceDecoder decoder;

@@ -1,8 +1,13 @@
 // oltb-sim's fault modes against the library: commands carried out but never answered, answers that are empty,
 // short or end in a wrong trailer, a connection closed while a command waits, lost words marked by the overflow
-// flag, and a full-speed stream across clears and stops. Each scenario has its own simulator and address.
+// flag, a full-speed stream across clears and stops, and signals of the host application. Each scenario has its own
+// simulator and address.
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
 namespace {
 
@@ -166,6 +171,33 @@ TEST(SimulatorAtFullSpeed, CommandsOfTwoThreadsKeepTheStreamAligned) {
         EXPECT_EQ(oltbStop(handle), 0);
     }
     EXPECT_EQ(oltbDisconnect(handle), 0);
+}
+
+// A host application's signal handler installed without SA_RESTART interrupts the reader thread's receives: the
+// connection takes no notice and no word is lost.
+TEST(SimulatorAtFullSpeed, SignalsOfTheHostApplicationCostNoWord) {
+    struct sigaction handler {};
+    handler.sa_handler = [](int) {};
+    sigemptyset(&handler.sa_mask);
+    struct sigaction previous {};
+    ASSERT_EQ(sigaction(SIGUSR1, &handler, &previous), 0);
+    Simulator simulator("127.0.3.71", {"--counter", "--counter-rate", "20000"});
+    ASSERT_TRUE(simulator.ready()) << simulator.standardError();
+    const int handle = oltbConnect("127.0.3.71");  // its reader thread takes SIGUSR1; this thread no longer does
+    ASSERT_GT(handle, 0) << takeLastError();
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &usr1, nullptr), 0);
+    ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+    std::thread signaller([] {
+        for (int i = 0; i < 300; ++i, std::this_thread::sleep_for(2ms)) kill(getpid(), SIGUSR1);
+    });
+    EXPECT_GE(expectCountingFrom(handle, 0, 20000, 2s), 20000U);
+    signaller.join();
+    EXPECT_EQ(oltbDisconnect(handle), 0);
+    pthread_sigmask(SIG_UNBLOCK, &usr1, nullptr);
+    sigaction(SIGUSR1, &previous, nullptr);
 }
 
 }  // namespace
