@@ -36,10 +36,11 @@ TEST(TraceReading, EveryEventArrivesOnceInOrderHoweverTheStreamIsCutAndRead) {
             words.push_back(traceWord(oltbEventPortA, field - 16, ((i & 0xFFFFU) << 16) | ((i + 1) & 0xFFFFU)));
             expected.emplace_back(tick, oltbEventPortA, i & 0xFFFFU);
             expected.emplace_back(tick + 1, oltbEventPortA, (i + 1) & 0xFFFFU);
-        } else {  // a gate pulse: on for 16 ticks, then off
-            words.push_back(traceWord(oltbEventGate, field - 31, 0xFFFF0000));
-            expected.emplace_back(tick, oltbEventGate, 1);
-            expected.emplace_back(tick + 16, oltbEventGate, 0);
+        } else {  // the gate blinks twice: four changes, 4 ticks apart
+            words.push_back(traceWord(oltbEventGate, field - 31, 0xF0F00000));
+            for (std::uint32_t edge = 0; edge < 4; ++edge) {
+                expected.emplace_back(tick + 4 * edge, oltbEventGate, 1 - edge % 2);
+            }
         }
     }
     const std::vector<std::byte> bytes = bytesOf(words);
