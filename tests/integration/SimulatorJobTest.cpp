@@ -127,8 +127,15 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
                                        "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
     const std::vector<oltbTraceEvent> events = acquire("127.0.0.41", [](oltbTraceBufferConfig_Struct& c) {
-        c.Head0TxX = c.Head0RxX = c.Head1TxX = c.Head1TxY = c.Gate = true;
+        c.Head0TxX = c.Head0RxX = c.Head1TxX = c.Head1TxY = c.Gate = c.LaserPower0_16 = c.LaserPower1_16 = true;
     }, 10, 11);  // the line, marked along +X
+    std::int32_t power[2] = {0, 0};
+    for (const oltbTraceEvent& e : events) {
+        if (e.Type == oltbEventLaserPower0_16 || e.Type == oltbEventLaserPower1_16) {
+            power[e.Type == oltbEventLaserPower1_16] = std::max(power[e.Type == oltbEventLaserPower1_16], e.Value);
+        }
+    }
+    EXPECT_EQ(power[1] * 2, power[0]) << "the laser of head 1 at half power";
     const auto intervals = gateIntervals(events);
     ASSERT_EQ(intervals.size(), 1U);
     const auto [on, off] = intervals.front();
@@ -145,6 +152,31 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
         ASSERT_EQ(it->second.first - it->second.second, 2000) << "at tick " << it->first;
     }
     EXPECT_GT(steady, 10000U);
+}
+
+// A SetConfig while the simulator streams changes what it streams at once, as on the card.
+TEST(SimulatorJob, SetConfigWhileStreamingTakesEffectAtOnce) {
+    Simulator simulator("127.0.0.47", {"--speed", "10"});
+    ASSERT_TRUE(simulator.ready()) << simulator.standardError();
+    const int handle = oltbConnect("127.0.0.47");
+    ASSERT_GT(handle, 0) << takeLastError();
+    oltbTraceBufferConfig_Struct config;
+    oltbInitConfig(&config);
+    config.Head0TxX = true;
+    ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
+    ASSERT_EQ(oltbSetReadTimeout(handle, 2000), 0);
+    ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+    config.Gate = true;
+    ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
+    std::vector<oltbTraceEvent> events(4096);
+    bool gate = false;
+    for (int read = 0; read < 200 && !gate; ++read) {  // 800,000 positions: 8 s of the job, 13 runs
+        std::uint32_t count = 0;
+        ASSERT_EQ(oltbRead(handle, events.data(), 0, 4096, &count), 0) << takeLastError();
+        gate = std::any_of(events.begin(), events.begin() + count, [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
+    }
+    EXPECT_TRUE(gate);
+    EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
 // A job of the user's own: a file with an error keeps the simulator from starting; a good one runs, and its trace

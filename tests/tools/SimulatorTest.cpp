@@ -100,6 +100,11 @@ TEST(JobStream, BatchingDoesNotChangeTheStreamAndANewSignalFirstShowsItsState) {
         batched.generate(horizon, batch, pieces);
     }
     EXPECT_EQ(pieces, wholeWords);
+    for (const std::uint64_t word : wholeWords) {
+        if ((word >> 24 & 0x7F) == oltbEventLabel) {
+            EXPECT_EQ(word >> 32 & 0xFFFF, 1U) << "label words count the runs from 1";
+        }
+    }
 
     JobStream stream(job);
     stream.start(kStart, selectionOf({oltbEventHead0TxX}));
@@ -220,6 +225,13 @@ TEST(CardTiming, GateEdgesLabelsAndCornersSitWhereTheDelaysPutThem) {
         EXPECT_NEAR(truth.marks.at(0).laserOnOffsetUs, 123.5 - 250, 0.01);
         EXPECT_NEAR(truth.marks.at(0).laserOffOffsetUs, laserOffDelayUs - 250, 0.01);
     }
+}
+
+// A narrow laser line shows any power above 0 (the level rounds up), and full power as its largest value.
+TEST(JobFile, PowerOnNarrowLaserLines) {
+    const std::tuple<std::uint32_t, unsigned, std::uint32_t> cases[] = {
+        {0, 1, 0}, {1, 1, 1}, {1, 8, 1}, {0x8000, 8, 128}, {0xFFFF, 4, 15}, {0xFFFF, 16, 0xFFFF}};
+    for (const auto& [power, bits, level] : cases) EXPECT_EQ(scalePower(power, bits), level) << power << " " << bits;
 }
 
 TEST(JobFile, ErrorsNameTheFileTheLineAndWhatIsWrong) {
