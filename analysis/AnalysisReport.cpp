@@ -29,23 +29,6 @@ std::string number(std::optional<double> value) {
     return std::string(text, written.ptr);
 }
 
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(c));
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
 std::string errorsJson(const ErrorFigures& figures) {
     return "{\"rms\": " + number(figures.rms) + ", \"max\": " + number(figures.max) + "}";
 }
@@ -108,6 +91,23 @@ std::string laserAdvice(const char* edge, const char* delay, std::optional<doubl
 
 }  // namespace
 
+std::string jsonString(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (c == '<' || c == '>' || c == '&' || static_cast<unsigned char>(c) < 0x20) {
+            char escape[8];
+            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
 std::string toJson(const Result& result, const SignalNamer& signalName) {
     std::string json = "{\"head\": " + std::to_string(result.head) + ", \"events\": " + std::to_string(result.events) +
                        ", \"duration_us\": " + number(result.durationUs) + ",\n";
@@ -147,7 +147,7 @@ std::string toJson(const Result& result, const SignalNamer& signalName) {
     json += "],\n";
     json += " \"lost_events\": {";
     for (std::size_t i = 0; i < result.lostEvents.size(); ++i) {
-        json += std::string(i == 0 ? "" : ", ") + quoted(nameOf(signalName, result.lostEvents[i].first)) + ": " +
+        json += std::string(i == 0 ? "" : ", ") + jsonString(nameOf(signalName, result.lostEvents[i].first)) + ": " +
                 std::to_string(result.lostEvents[i].second);
     }
     return json + "}}\n";

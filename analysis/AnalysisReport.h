@@ -12,6 +12,10 @@ namespace oltb::analysis {
 // The name of a signal by its event type, e.g. "Head0TxX"; without one, "type N".
 using SignalNamer = std::function<std::string(int type)>;
 
+// `text` as a JSON string that may also stand inside an HTML <script> element: '<', '>' and '&' are escaped too, so
+// that no "</script>" or comment opener can form.
+std::string jsonString(const std::string& text);
+
 // One JSON object, times in us and lengths in head units; a figure that is missing is null.
 std::string toJson(const Result& result, const SignalNamer& signalName = {});
 

@@ -30,23 +30,7 @@ constexpr double PositionScale = 1;  // head positions are whole numbers
 constexpr double ErrorScale = 16;
 constexpr double TickScale = 64;     // ticks per us
 
-// A JSON string that may stand inside a <script> element: no "</script>" and no comment opener can form.
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (c == '<' || c == '>' || c == '&' || static_cast<unsigned char>(c) < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
+using analysis::jsonString;
 
 std::string number(double value) {
     if (!std::isfinite(value)) {
@@ -228,7 +212,7 @@ std::string stepSeries(const std::vector<double>& t, const std::vector<float>& v
             }
         }
     }
-    return "{\"name\": " + quoted(name) + ", \"changes\": " + std::to_string(t.size()) +
+    return "{\"name\": " + jsonString(name) + ", \"changes\": " + std::to_string(t.size()) +
            ", \"t\": " + packedNumbers(times, TickScale, startUs) + ", \"v\": " + packedNumbers(values, 1) + "}";
 }
 
@@ -367,7 +351,7 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
                                         : analysis::Series{};
     const std::vector<std::optional<double>> errorsOfMarks = markErrors(result.marks, {&errorX, &errorY});
 
-    std::string data = "{\"source\": " + quoted(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
+    std::string data = "{\"source\": " + jsonString(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
                        ", \"head\": " + std::to_string(result.head) + ", \"unitsPerMm\": " +
                        number(options.unitsPerMm) + ", \"settleBand\": " + number(result.settleBandUnits) +
                        ",\n \"events\": " + std::to_string(count) + ", \"startUs\": " + number(startUs) +
@@ -377,15 +361,15 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
         if (channels.events[type] > 0) {
             const std::string name = signalName(static_cast<int>(type));
             data += std::string(firstSignal ? "" : ", ") + "[" +
-                    quoted(name.empty() ? "type " + std::to_string(type) : name) + ", " +
+                    jsonString(name.empty() ? "type " + std::to_string(type) : name) + ", " +
                     std::to_string(channels.events[type]) + ", " + std::to_string(channels.lost[type]) + "]";
             firstSignal = false;
         }
     }
     data += "],\n \"analysis\": " + analysis::toJson(result, signalName);
     data += ",\n \"suggestions\": " +
-            list(analysis::suggestedChanges(result, options.unitsPerMm), [](const std::string& s) { return quoted(s); });
-    data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return quoted(s); });
+            list(analysis::suggestedChanges(result, options.unitsPerMm), [](const std::string& s) { return jsonString(s); });
+    data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return jsonString(s); });
     data += ",\n \"markErrors\": " + list(errorsOfMarks, [](std::optional<double> e) { return number(e); });
     data += ",\n \"worstMarks\": " +
             list(worstMarks(errorsOfMarks), [](std::size_t i) { return std::to_string(i); });
@@ -414,7 +398,7 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     const analysis::HeadChannels head = analysis::channelsOf(result.head);
     const oltbTraceEventType types[] = {head.commandedX, head.commandedY, head.actualX, head.actualY};
     for (std::size_t i = 0; i < names.size(); ++i) {
-        data += std::string(i == 0 ? "" : ", ") + "\"" + names[i].first + "\": " + quoted(signalName(types[i]));
+        data += std::string(i == 0 ? "" : ", ") + "\"" + names[i].first + "\": " + jsonString(signalName(types[i]));
     }
     data += "}";
 
