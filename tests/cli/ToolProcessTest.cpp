@@ -107,6 +107,12 @@ TEST(ToolProcess, AcquireWritesTheEventsTheCInterfaceReturnsForTheSameJob) {
     }
     EXPECT_EQ(vcdGateChanges, gateChanges);
     EXPECT_EQ(gateChanges.size(), 8U);
+
+    // Time 0 of an acquisition is its start label, also where the first event comes later.
+    const ToolResult line = runTool({"acquire", "127.0.0.60", "--start", "10", "--end", "11", "--signals", "Gate", "-o",
+                                     path("line.vcd"), "--quiet"});
+    ASSERT_EQ(line.exitCode, 0) << line.err;
+    EXPECT_NE(readFile(path("line.vcd")).find("\n#200000000\n"), std::string::npos) << "the gate comes 200 us after label 10";
 }
 
 TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingCompleteRows) {

@@ -107,6 +107,7 @@ TEST(VcdWriter, WritesEachChangeAtItsTimeInPicoseconds) {
     writer.write(eventOf(1192, 3.0, oltbEventLaserPower16, 0x1BEEF));
     writer.write(eventOf(1100, 1.5625, oltbEventGate, 0));
     writer.write(eventOf(1200, 3.125, oltbEventSpi0Rx, 1));
+    writer.write(eventOf(1208, 3.25, oltbEventLaserPower16, 0));
     writer.finish();
     EXPECT_EQ(out.str(),
               "$version oltb trace of a laser scan controller card $end\n"
@@ -116,7 +117,7 @@ TEST(VcdWriter, WritesEachChangeAtItsTimeInPicoseconds) {
               "$var wire 16 ! LaserPower16 $end\n$var wire 1 \" Gate $end\n$var wire 32 # Head0TxX $end\n"
               "$upscope $end\n$enddefinitions $end\n#0\n$dumpvars\nbx !\nx\"\nbx #\n$end\n"
               "#2000000\n1\"\n#2031250\nb11111111111110000000000000000000 #\n#3000000\nb1011111011101111 !\n"
-              "0\"\n#3015625\n");
+              "0\"\n#3250000\nb0 !\n#3265625\n");
     EXPECT_EQ(writer.eventsMovedForward(), 1U);
     EXPECT_EQ(writer.eventsSkipped(), 1U);
     EXPECT_EQ(VcdWriter::identifierOf(93), "~");
