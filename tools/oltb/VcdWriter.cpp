@@ -77,21 +77,6 @@ std::string VcdWriter::identifierOf(std::size_t index) {
     return identifier;
 }
 
-std::string VcdWriter::formatValue(std::int32_t value, unsigned bits, const std::string& identifier) {
-    const std::uint32_t masked = maskToWidth(value, bits);
-    if (bits == 1) {
-        return (masked != 0 ? "1" : "0") + identifier;
-    }
-    std::string binary;
-    for (int bit = static_cast<int>(bits) - 1; bit >= 0; --bit) {
-        const bool set = ((masked >> bit) & 1U) != 0;
-        if (set || !binary.empty() || bit == 0) {
-            binary.push_back(set ? '1' : '0');
-        }
-    }
-    return "b" + binary + " " + identifier;
-}
-
 void VcdWriter::writeHeader(const std::optional<std::uint64_t>& originTicks) {
     std::ostringstream header;
     header << "$version oltb trace of a laser scan controller card $end\n";

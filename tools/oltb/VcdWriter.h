@@ -56,10 +56,6 @@ public:
     // The identifier of the index-th variable: printable characters '!' to '~', shortest first.
     static std::string identifierOf(std::size_t index);
 
-    // A value as VCD writes it: "0id"/"1id" for one bit, otherwise "b<binary without leading zeros> id". The
-    // value is taken as an unsigned number of `bits` bits, so negative values appear as two's complement.
-    static std::string formatValue(std::int32_t value, unsigned bits, const std::string& identifier);
-
 private:
     struct Variable {
         const SignalInfo* signal;
