@@ -317,6 +317,15 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     EXPECT_LT(secondsSince(start), 2.0);
     EXPECT_EQ(waited.exitCode, 3);
     EXPECT_NE(waited.err.find("oltb: no start label 99 within 1 s (--max-wait)"), std::string::npos) << waited.err;
+
+    std::ofstream(path("quiet.job")) << "wait 5000000\n";  // 5 s without a label
+    Simulator quiet("127.0.0.71", {"--job", path("quiet.job")});
+    ASSERT_TRUE(quiet.ready()) << quiet.standardError();
+    const ToolResult silence = runTool({"acquire", "127.0.0.71", "--start", "1", "--end", "2", "--signals", "Spi3Rx",
+                                        "--timeout", "1", "--max-wait", "4"});
+    EXPECT_EQ(silence.exitCode, 3);
+    EXPECT_NE(silence.err.find("no start label 1: the server sent nothing for 1 s (--timeout)"), std::string::npos)
+        << silence.err;
 }
 
 }  // namespace
