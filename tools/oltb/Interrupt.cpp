@@ -2,16 +2,21 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <csignal>
 
 namespace oltb::cli {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+// Read by the capture's reader thread as well as by the main thread, so an
+// atomic rather than a volatile sig_atomic_t; lock-free, hence safe to set
+// from the handler.
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void onInterrupt(int) {
-    interrupted = 1;
+    interrupted.store(true, std::memory_order_relaxed);
 }
 
 sigset_t interruptSignals() {
@@ -34,7 +39,7 @@ void installInterruptHandler() {
 }
 
 bool interruptRequested() {
-    return interrupted != 0;
+    return interrupted.load(std::memory_order_relaxed);
 }
 
 void ignoreBrokenPipes() {
