@@ -77,8 +77,9 @@ bool isUnsupportedType(const std::string& text) {
 
 // One TryRead without waiting into an array of exactly offset + count events.
 void readOnce(TraceDecoder& decoder, RecordedBlocks& source, unsigned offset, unsigned count) {
+    if (offset + count == 0) return;  // no array to read into (an empty vector's data() is null)
     std::vector<oltbTraceEvent> array(offset + count);
-    if (!array.empty()) std::memset(static_cast<void*>(array.data()), Untouched, sizeof(oltbTraceEvent) * array.size());
+    std::memset(static_cast<void*>(array.data()), Untouched, sizeof(oltbTraceEvent) * array.size());
     const auto untouched = [&](unsigned slot) {
         const auto* bytes = reinterpret_cast<const unsigned char*>(&array[slot]);
         return std::all_of(bytes, bytes + sizeof(oltbTraceEvent), [](unsigned char b) { return b == Untouched; });
