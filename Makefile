@@ -103,7 +103,7 @@ test-valgrind: build
 	cd build/release/tests/client && $(VALGRIND) ./oltb_trace_buffer_client_test
 
 # Fuzzing with clang and libFuzzer in build/fuzz: `make fuzz` runs each target for FUZZ_SECONDS (60); `make
-# fuzz-ci` runs the decoding path for 40 s and the two small parsers for 10 s each. Figures and failing inputs:
+# fuzz-ci` runs the decoding path for 20 s and the two small parsers for 5 s each. Figures and failing inputs:
 # fuzz/run.sh.
 FUZZ_SECONDS ?= 60
 fuzz-build:
@@ -115,7 +115,7 @@ fuzz: fuzz-build
 	@bash fuzz/run.sh $(FUZZ_SECONDS)
 
 fuzz-ci: fuzz-build
-	@bash fuzz/run.sh 40 10
+	@bash fuzz/run.sh 20 5
 
 # Mutation check of the test suite: every slip listed in scripts/mutants.txt is built alone in a scratch copy
 # (build/mutants, kept for the next run) and run against the suite until its first failure. Prints the mutants no
