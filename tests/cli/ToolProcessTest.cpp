@@ -150,7 +150,7 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     EXPECT_GT(csvRows(beside).size(), 100U);
     EXPECT_EQ(beside.back(), '\n');
 
-    Simulator closing("127.0.0.66", {"--close-after-words", "3000"});
+    Simulator closing("127.0.0.66", {"--close-after-words", "200000"});  // about 0.3 s of the job
     const ToolResult lost = runTool({"capture", "127.0.0.66", "--signals", DemoSignals, "-o", path("lost.csv")});
     EXPECT_EQ(lost.exitCode, 3);
     EXPECT_NE(lost.err.find("oltb: reading (127.0.0.66): No connection to trace buffer server established."),
@@ -165,7 +165,7 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
 // gives back the CSV byte for byte, from the HDF5 file and from one made of the CSV. A damaged file cannot be read.
 TEST(ToolProcess, H5CapturesEndedByInterruptOrLostServerConvertBackToTheirCsv) {
     Simulator simulator("127.0.0.62");
-    Simulator closing("127.0.0.63", {"--close-after-words", "3000"});
+    Simulator closing("127.0.0.63", {"--close-after-words", "200000"});
     ASSERT_TRUE(simulator.ready() && closing.ready());
     ChildProcess interrupted(OLTB_TOOL_PATH, {"capture", "127.0.0.62", "--signals", DemoSignals + ",Label", "-o",
                                               path("i.h5"), "-o", path("i.csv")});
