@@ -194,7 +194,11 @@ TEST(Connection, AcquiredSeriesIsHandedOutInPortions) {
     EXPECT_EQ(oltbGetAcquiredElements(handle, buffer.data(), 100, 4, &count), -1);
     EXPECT_EQ(takeLastError(), "No acquired elements available!");
 
-    server.send(concat({makeWord(oltbEventLabel, 6000, 2U << 16)}));
+    server.send(concat({makeWord(oltbEventLabel, 6000, 1U << 16), counterWords(2000, 3, 6100, 100),
+                        makeWord(oltbEventLabel, 7000, 2U << 16)}));
+    ASSERT_EQ(oltbAcquire(handle, 1, 2, &count), 0) << takeLastError();
+    ASSERT_EQ(oltbGetAcquiredElements(handle, buffer.data(), 0, 1, &count), 0);  // a series half handed out
+    server.send(concat({makeWord(oltbEventLabel, 8000, 2U << 16)}));
     EXPECT_EQ(oltbAcquire(handle, 1, 2, &count), -1);
     EXPECT_EQ(takeLastError(), "Expected start label but got end label!");
     EXPECT_EQ(oltbGetAcquiredElements(handle, buffer.data(), 0, 4, &count), -1) << "a failed acquisition ends the last";
