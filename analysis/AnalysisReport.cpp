@@ -67,8 +67,8 @@ std::string optionalUs(std::optional<double> value, const char* pattern = "%.1f"
     return value ? format(pattern, *value) : std::string("-");
 }
 
-// What the laser's timing at one end of the marks means, and what to change.
-std::string laserAdvice(const char* edge, const char* delay, std::optional<double> offset, std::string& suggestion) {
+// What the laser's timing at one end of the marks ("on" or "off") means.
+std::string laserMeaning(const char* edge, std::optional<double> offset) {
     if (!offset) {
         return "";
     }
@@ -77,16 +77,24 @@ std::string laserAdvice(const char* edge, const char* delay, std::optional<doubl
     const bool on = edge[1] == 'n';
     std::string text = format("Laser %-3s %+.1f µs (median over the marks): ", edge, *offset);
     if (size < 2) {
-        text += "the laser switches with the mirror.";
-        suggestion = format("%s: fits (within 2 µs); leave it.", delay);
-        return text + "\n";
+        return text + "the laser switches with the mirror.\n";
     }
     const char* effect = on ? (late ? "the start of each mark is missing" : "a burnt dot at the start of each mark")
                             : (late ? "a burnt dot at the end of each mark" : "the end of each mark is missing");
-    text += format("the laser switches %s %.1f µs %s the mirror %s the mark:\n          %s.", on ? "on" : "off",
-                   size, late ? "after" : "before", on ? "starts" : "ends", effect);
-    suggestion = format("%s: %s it by %.0f µs.", delay, late ? "shorten" : "lengthen", size);
-    return text + "\n";
+    return text + format("the laser switches %s %.1f µs %s the mirror %s the mark:\n          %s.\n",
+                         on ? "on" : "off", size, late ? "after" : "before", on ? "starts" : "ends", effect);
+}
+
+// What to change of the laser's `delay` for that timing; nothing when it was not measured.
+std::string laserSuggestion(const char* delay, std::optional<double> offset) {
+    if (!offset) {
+        return "";
+    }
+    const double size = std::abs(*offset);
+    if (size < 2) {
+        return format("%s: fits (within 2 µs); leave it.", delay);
+    }
+    return format("%s: %s it by %.0f µs.", delay, *offset > 0 ? "shorten" : "lengthen", size);
 }
 
 }  // namespace
@@ -194,9 +202,8 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
         if (result.marks.size() > options.markRows) {
             out += format("  ... and %zu more (--json lists them all)\n", result.marks.size() - options.markRows);
         }
-        std::string ignored;
-        out += laserAdvice("on", "Laser-on delay", result.laserOnOffsetUs, ignored);
-        out += laserAdvice("off", "Laser-off delay", result.laserOffOffsetUs, ignored);
+        out += laserMeaning("on", result.laserOnOffsetUs);
+        out += laserMeaning("off", result.laserOffOffsetUs);
     }
 
     if (!result.jumps.empty()) {
@@ -239,12 +246,10 @@ std::vector<std::string> suggestedChanges(const Result& result, double unitsPerM
     const Units units{unitsPerMm};
     std::vector<std::string> items;
     if (!result.marks.empty()) {
-        for (const bool on : {true, false}) {
-            std::string item;
-            laserAdvice(on ? "on" : "off", on ? "Laser-on delay" : "Laser-off delay",
-                        on ? result.laserOnOffsetUs : result.laserOffOffsetUs, item);
+        for (std::string item : {laserSuggestion("Laser-on delay", result.laserOnOffsetUs),
+                                  laserSuggestion("Laser-off delay", result.laserOffOffsetUs)}) {
             if (!item.empty()) {
-                items.push_back(item);
+                items.push_back(std::move(item));
             }
         }
     }

@@ -77,7 +77,7 @@ AcquiredEvents TraceDecoder::Acquire(BlockSource& source, unsigned short startLa
             ++kept;
         }
         result.resize(static_cast<std::size_t>(kept - result.data()));
-        reSort(result, static_cast<unsigned>(firstOfPass));
+        reSort(result.data(), result.size(), static_cast<unsigned>(firstOfPass));
         if (endSeen) {
             _acquiredEventsBefore = result.size();
             return result;

@@ -84,10 +84,6 @@ public:
     void reSort(oltbTraceEvent* events, unsigned start, unsigned end, unsigned count);
     // Restores time order of the overlap between old events [0, first) and new events [first, size).
     static void reSort(oltbTraceEvent* events, std::size_t size, unsigned first);
-    static void reSort(std::vector<oltbTraceEvent>& events, unsigned first) {
-        reSort(events.data(), events.size(), first);
-    }
-    static void reSort(AcquiredEvents& events, unsigned first) { reSort(events.data(), events.size(), first); }
 
     // ---- positions ---------------------------------------------------------------------------------------
     static void ToSignedPosition(oltbTraceEvent* events, unsigned int count) noexcept;

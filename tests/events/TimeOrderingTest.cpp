@@ -83,7 +83,7 @@ TEST(TimeOrdering, VectorFormSortsOnlyTheOverlapOfOldAndNew) {
     };
     for (const Case& c : cases) {
         std::vector<oltbTraceEvent> events = eventsAt(c.timestamps);
-        TraceDecoder::reSort(events, c.first);
+        TraceDecoder::reSort(events.data(), events.size(), c.first);
         EXPECT_EQ(timestampsOf(events.data(), events.size()), c.expected);
     }
 }

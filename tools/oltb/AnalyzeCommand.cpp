@@ -30,10 +30,7 @@ int runAnalyze(const AnalyzeOptions& options) {
         return ExitInterrupted;
     }
 
-    analysis::Options settings;
-    settings.head = options.head;
-    settings.settleBandUnits = options.settleBandUnits;
-    const analysis::Result result = analysis::analyze(*events, settings);
+    const analysis::Result result = analyzeEvents(*events, options);
     std::string text;
     if (options.json) {
         text = analysis::toJson(result, signalName);

@@ -26,7 +26,8 @@ namespace oltb::cli {
 
 namespace {
 
-// Short enough that Ctrl-C and the end of the duration are noticed promptly, long enough not to spin.
+// Short enough that Ctrl-C and the end of the duration are noticed promptly, long enough not to spin; also how
+// long the writing thread waits for a batch before it redraws the progress line.
 constexpr int ReadSliceMs = 200;
 constexpr std::uint32_t BatchEvents = 4096;
 // A read that finds less than a batch waits this long before the next: at the card's rate a block arrives about

@@ -77,6 +77,13 @@ std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions&
     return std::move(acquired->events);
 }
 
+analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const AnalyzeOptions& options) {
+    analysis::Options settings;
+    settings.head = options.head;
+    settings.settleBandUnits = options.settleBandUnits;
+    return analysis::analyze(events, settings);
+}
+
 void reportResult(const Outputs& outputs, const Summary& summary) {
     for (const std::string& warning : outputs.warnings()) {
         printError("warning: " + warning);

@@ -1,7 +1,8 @@
 // Steps the subcommands share: reading a --signals list, connecting, choosing the traced signals, and the
-// report at the end of a command.
+// report at the end of a command, the events and the analysis of analyze and report.
 #pragma once
 
+#include "analysis/TraceAnalysis.h"
 #include "tools/oltb/Connection.h"
 #include "tools/oltb/Outputs.h"
 #include "tools/oltb/SeriesInfo.h"
@@ -43,6 +44,9 @@ std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
 // Nothing when the acquisition was interrupted before the end label. Throws UsageError, InputError, ServerError.
 struct AnalyzeOptions;
 std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions& options);
+
+// The analysis of `events` for the scan head and the settle band of `options`.
+analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const AnalyzeOptions& options);
 
 // The summary on standard output, or on standard error when CSV went to standard output; the outputs' warnings
 // on standard error.

@@ -56,10 +56,7 @@ int runReport(const ReportOptions& options) {
         printError("acquisition interrupted before the end label; no report written");
         return ExitInterrupted;
     }
-    analysis::Options settings;
-    settings.head = input.head;
-    settings.settleBandUnits = input.settleBandUnits;
-    const analysis::Result result = analysis::analyze(*events, settings);
+    const analysis::Result result = analyzeEvents(*events, input);
 
     report::PageOptions page;
     page.source = input.startGiven ? input.input + ", labels " + std::to_string(input.live.startLabel) + " to " +
