@@ -18,10 +18,8 @@ extern "C" OLTB_API int oltbAnalyzeToJson(const oltbTraceEvent* events, uint32_t
         oltb::analysis::Options options;
         options.head = head;
         options.settleBandUnits = settleBandUnits;
-        const std::string text = oltb::analysis::toJson(oltb::analysis::analyze(events, count, options), [](int type) {
-            const oltb::cli::SignalInfo* signal = oltb::cli::findSignalByType(type);
-            return signal != nullptr ? std::string(signal->name) : std::string();
-        });
+        const std::string text =
+            oltb::analysis::toJson(oltb::analysis::analyze(events, count, options), oltb::cli::signalNameOf);
         const int length = static_cast<int>(text.size());
         if (length < jsonSize) {
             std::memcpy(json, text.c_str(), text.size() + 1);

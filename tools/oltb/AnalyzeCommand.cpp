@@ -14,15 +14,6 @@
 
 namespace oltb::cli {
 
-namespace {
-
-std::string signalName(int type) {
-    const SignalInfo* signal = findSignalByType(type);
-    return signal != nullptr ? signal->name : std::string();
-}
-
-}  // namespace
-
 int runAnalyze(const AnalyzeOptions& options) {
     std::optional<std::vector<oltbTraceEvent>> events = eventsToAnalyze(options);
     if (!events) {
@@ -33,12 +24,12 @@ int runAnalyze(const AnalyzeOptions& options) {
     const analysis::Result result = analyzeEvents(*events, options);
     std::string text;
     if (options.json) {
-        text = analysis::toJson(result, signalName);
+        text = analysis::toJson(result, signalNameOf);
     } else {
         analysis::SummaryOptions summary;
         summary.source = options.input;
         summary.unitsPerMm = options.unitsPerMm;
-        summary.signalName = signalName;
+        summary.signalName = signalNameOf;
         text = analysis::toSummary(result, summary);
     }
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {

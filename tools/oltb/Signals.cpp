@@ -129,6 +129,11 @@ const SignalInfo* findSignalByType(int type) {
     return found == signalTable().end() ? nullptr : &*found;
 }
 
+std::string signalNameOf(int type) {
+    const SignalInfo* signal = findSignalByType(type);
+    return signal != nullptr ? signal->name : std::string();
+}
+
 const SignalInfo* findSignalByName(std::string_view name) {
     const auto found = std::find_if(signalTable().begin(), signalTable().end(),
                                     [name](const SignalInfo& signal) { return equalIgnoringCase(signal.name, name); });

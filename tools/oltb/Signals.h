@@ -29,6 +29,9 @@ const std::vector<SignalInfo>& allSignals();
 // The signal whose events carry `type`; null for the time-base type and numbers that are no event type.
 const SignalInfo* findSignalByType(int type);
 
+// The name of that signal, e.g. "Head0TxX"; empty when there is none (the analysis then says "type N").
+std::string signalNameOf(int type);
+
 // The signal named `name`, compared without regard to case; null when there is none.
 const SignalInfo* findSignalByName(std::string_view name);
 

@@ -31,6 +31,7 @@ constexpr double ErrorScale = 16;
 constexpr double TickScale = 64;     // ticks per us
 
 using analysis::jsonString;
+using cli::signalNameOf;
 
 std::string number(double value) {
     if (!std::isfinite(value)) {
@@ -281,11 +282,6 @@ std::string list(const std::vector<Item>& items, Format format) {
     return out + "]";
 }
 
-std::string signalName(int type) {
-    const cli::SignalInfo* signal = cli::findSignalByType(type);
-    return signal != nullptr ? signal->name : std::string();
-}
-
 }  // namespace
 
 std::vector<float> minMaxColumns(const analysis::Series& series, double startUs, double columnUs, std::size_t columns) {
@@ -359,14 +355,14 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     bool firstSignal = true;
     for (std::size_t type = 0; type < channels.events.size(); ++type) {
         if (channels.events[type] > 0) {
-            const std::string name = signalName(static_cast<int>(type));
+            const std::string name = signalNameOf(static_cast<int>(type));
             data += std::string(firstSignal ? "" : ", ") + "[" +
                     jsonString(name.empty() ? "type " + std::to_string(type) : name) + ", " +
                     std::to_string(channels.events[type]) + ", " + std::to_string(channels.lost[type]) + "]";
             firstSignal = false;
         }
     }
-    data += "],\n \"analysis\": " + analysis::toJson(result, signalName);
+    data += "],\n \"analysis\": " + analysis::toJson(result, signalNameOf);
     data += ",\n \"suggestions\": " +
             list(analysis::suggestedChanges(result, options.unitsPerMm), [](const std::string& s) { return jsonString(s); });
     data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return jsonString(s); });
@@ -391,14 +387,14 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
             stepSeries(channels.powerT, channels.powerV, startUs, durationUs, channels.powerName, maxSteps);
 
     // The gate edges split the drawn path into laser on and laser off.
-    const std::vector<double> edges = channels.gateT;
+    const std::vector<double>& edges = channels.gateT;
     const std::vector<std::pair<const char*, const analysis::Series*>> names{
         {"cx", &channels.commandedX}, {"cy", &channels.commandedY}, {"ax", &channels.actualX}, {"ay", &channels.actualY}};
     data += ",\n \"names\": {";
     const analysis::HeadChannels head = analysis::channelsOf(result.head);
     const oltbTraceEventType types[] = {head.commandedX, head.commandedY, head.actualX, head.actualY};
     for (std::size_t i = 0; i < names.size(); ++i) {
-        data += std::string(i == 0 ? "" : ", ") + "\"" + names[i].first + "\": " + jsonString(signalName(types[i]));
+        data += std::string(i == 0 ? "" : ", ") + "\"" + names[i].first + "\": " + jsonString(signalNameOf(types[i]));
     }
     data += "}";
 
