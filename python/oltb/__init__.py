@@ -34,6 +34,9 @@ _EVENTS = ctypes.POINTER(TraceEvent)
 
 
 def _pointer(events):
+    # The library walks the events as one C array: a strided view (events[::2]) would have it write between them.
+    if events.dtype != EVENT_DTYPE or not events.flags.c_contiguous:
+        raise ValueError("events must be a contiguous array of oltb.EVENT_DTYPE")
     return events.ctypes.data_as(_EVENTS)
 
 

@@ -6,6 +6,8 @@ import json
 import os
 import pathlib
 
+import numpy
+
 from ._library import Error, library
 
 _LIBRARY_NAME = "liboltb-analysis.so"
@@ -40,8 +42,11 @@ def analyze(events, head=0, settle_band=100.0):
 
     if events.dtype != EVENT_DTYPE:
         raise ValueError("events must be an array of oltb.EVENT_DTYPE")
+    events = numpy.ascontiguousarray(events)  # the library reads one C array
     function = _load().oltbAnalyzeToJson
-    size = 1 << 16
+    # Room enough that the analysis runs once: its text grows with the marks and jumps, which for positions traced
+    # every 10 us take far less than two bytes per event. When it needs more, the call says how much and runs again.
+    size = max(1 << 16, 2 * len(events))
     while True:
         text = ctypes.create_string_buffer(size)
         length = function(events.ctypes.data, len(events), head, settle_band, text, size)
