@@ -1,9 +1,9 @@
+// The analysis as one JSON object: what scripts and the report page read.
 #include "analysis/AnalysisReport.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 
 namespace oltb::analysis {
@@ -33,71 +33,12 @@ std::string errorsJson(const ErrorFigures& figures) {
     return "{\"rms\": " + number(figures.rms) + ", \"max\": " + number(figures.max) + "}";
 }
 
-std::string nameOf(const SignalNamer& signalName, int type) {
+}  // namespace
+
+std::string signalLabel(const SignalNamer& signalName, int type) {
     std::string name = signalName ? signalName(type) : std::string();
     return name.empty() ? "type " + std::to_string(type) : name;
 }
-
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* pattern, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(text, sizeof(text), pattern, arguments);
-    va_end(arguments);
-    return text;
-}
-
-// Lengths, small errors and speeds in head units, or in mm, µm and mm/s with a scale.
-struct Units {
-    double perMm = 0;
-    std::string length(double units) const {
-        return perMm > 0 ? format("%.3f mm", units / perMm) : format("%.0f units", units);
-    }
-    std::string error(std::optional<double> units) const {
-        if (!units) return "-";
-        return perMm > 0 ? format("%.1f µm", *units / perMm * 1000) : format("%.1f units", *units);
-    }
-    std::string speed(double unitsPerMs) const {
-        return perMm > 0 ? format("%.1f mm/s", unitsPerMs / perMm * 1000) : format("%.0f units/ms", unitsPerMs);
-    }
-};
-
-std::string optionalUs(std::optional<double> value, const char* pattern = "%.1f") {
-    return value ? format(pattern, *value) : std::string("-");
-}
-
-// What the laser's timing at one end of the marks ("on" or "off") means.
-std::string laserMeaning(const char* edge, std::optional<double> offset) {
-    if (!offset) {
-        return "";
-    }
-    const double size = std::abs(*offset);
-    const bool late = *offset > 0;
-    const bool on = edge[1] == 'n';
-    std::string text = format("Laser %-3s %+.1f µs (median over the marks): ", edge, *offset);
-    if (size < 2) {
-        return text + "the laser switches with the mirror.\n";
-    }
-    const char* effect = on ? (late ? "the start of each mark is missing" : "a burnt dot at the start of each mark")
-                            : (late ? "a burnt dot at the end of each mark" : "the end of each mark is missing");
-    return text + format("the laser switches %s %.1f µs %s the mirror %s the mark:\n          %s.\n",
-                         on ? "on" : "off", size, late ? "after" : "before", on ? "starts" : "ends", effect);
-}
-
-// What to change of the laser's `delay` for that timing; nothing when it was not measured.
-std::string laserSuggestion(const char* delay, std::optional<double> offset) {
-    if (!offset) {
-        return "";
-    }
-    const double size = std::abs(*offset);
-    if (size < 2) {
-        return format("%s: fits (within 2 µs); leave it.", delay);
-    }
-    return format("%s: %s it by %.0f µs.", delay, *offset > 0 ? "shorten" : "lengthen", size);
-}
-
-}  // namespace
 
 std::string jsonString(const std::string& text) {
     std::string out = "\"";
@@ -116,171 +57,129 @@ std::string jsonString(const std::string& text) {
     return out + "\"";
 }
 
+namespace {
+
+std::string boolean(bool value) {
+    return value ? "true" : "false";
+}
+
+std::string settingJson(const Setting& setting) {
+    return "{\"now\": " + number(setting.now) + ", \"suggested\": " + number(setting.suggested) +
+           ", \"why\": " + jsonString(setting.why) + "}";
+}
+
+std::string servoJson(const AxisServo& servo) {
+    return "{\"tracking_error_us\": " + number(servo.trackingErrorUs) +
+           ", \"natural_frequency_hz\": " + number(servo.naturalFrequencyHz) + ", \"damping\": " +
+           number(servo.damping) + ", \"driver_filter_us\": " + number(servo.driverFilterUs) +
+           ", \"max_acceleration\": " + number(servo.maxAcceleration) + ", \"fit_rms\": " + number(servo.fitRms) +
+           ", \"following_rms\": " + number(servo.followingRms) + ", \"fit_holds\": " + boolean(servo.fitHolds) +
+           ", \"why\": " + jsonString(servo.trackingFailure) + "}";
+}
+
+std::string numbers(const std::vector<double>& values) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        out += (i == 0 ? "" : ", ") + number(values[i]);
+    }
+    return out + "]";
+}
+
+std::string choicesJson(const std::vector<DelayChoice>& rows) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        out += std::string(i == 0 ? "" : ", ") + "{\"delay_us\": " + number(rows[i].delayUs) +
+               ", \"missing\": " + number(rows[i].missing) + ", \"edge_dose\": " + number(rows[i].edgeDose) + "}";
+    }
+    return out + "]";
+}
+
+// A list of JSON objects, one a line.
+template <typename T, typename Row>
+std::string listJson(const std::vector<T>& items, Row row) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        out += std::string(i == 0 ? "\n  " : ",\n  ") + row(items[i]);
+    }
+    return out + "]";
+}
+
+}  // namespace
+
 std::string toJson(const Result& result, const SignalNamer& signalName) {
     std::string json = "{\"head\": " + std::to_string(result.head) + ", \"events\": " + std::to_string(result.events) +
-                       ", \"duration_us\": " + number(result.durationUs) + ",\n";
+                       ", \"duration_us\": " + number(result.durationUs) + ", \"settle_band\": " +
+                       number(result.settleBandUnits) + ", \"max_edge_dose\": " + number(result.maxEdgeDose) + ",\n";
     json += " \"tracking_error_us\": {\"x\": " + number(result.trackingErrorXUs) +
             ", \"y\": " + number(result.trackingErrorYUs) + "},\n";
+    json += " \"servo\": {\"x\": " + servoJson(result.servoX) + ",\n           \"y\": " + servoJson(result.servoY) +
+            "},\n";
     json += " \"following_error\": {\"x\": " + errorsJson(result.followingErrorX) +
             ", \"y\": " + errorsJson(result.followingErrorY) + "},\n";
     json += " \"path_deviation\": " + errorsJson(result.pathDeviation) + ",\n";
-    json += " \"marks\": [";
-    for (std::size_t i = 0; i < result.marks.size(); ++i) {
-        const Mark& mark = result.marks[i];
-        json += std::string(i == 0 ? "\n  " : ",\n  ") + "{\"start_us\": " + number(mark.startUs) +
-                ", \"end_us\": " + number(mark.endUs) + ", \"length\": " + number(mark.length) +
-                ", \"speed\": " + number(mark.speed) + ", \"laser_on_offset_us\": " + number(mark.laserOnOffsetUs) +
-                ", \"laser_off_offset_us\": " + number(mark.laserOffOffsetUs) + "}";
-    }
-    json += "],\n";
+    json += " \"settings\": {\"laser_on_delay_us\": " + settingJson(result.settings.laserOn) +
+            ",\n  \"laser_off_delay_us\": " + settingJson(result.settings.laserOff) +
+            ",\n  \"jump_delay_us\": " + settingJson(result.settings.jump) +
+            ",\n  \"mark_delay_us\": " + settingJson(result.settings.mark) +
+            ",\n  \"polygon_delay_us\": " + settingJson(result.settings.polygon) + "},\n";
+    json += " \"speeds\": {\"mark_units_per_ms\": " + numbers(result.settings.markSpeeds) +
+            ", \"jump_units_per_ms\": " + numbers(result.settings.jumpSpeeds) + "},\n";
+    json += " \"marks\": " + listJson(result.marks, [](const Mark& mark) {
+        return "{\"start_us\": " + number(mark.startUs) + ", \"end_us\": " + number(mark.endUs) +
+               ", \"length\": " + number(mark.length) + ", \"speed\": " + number(mark.speed) +
+               ", \"command_start_us\": " + number(mark.commandStartUs) + ", \"command_end_us\": " +
+               number(mark.commandEndUs) + ", \"laser_on_delay_us\": " + number(mark.laserOnDelayUs) +
+               ", \"laser_off_delay_us\": " + number(mark.laserOffDelayUs) + ", \"start_missing\": " +
+               number(mark.startMissing) + ", \"end_missing\": " + number(mark.endMissing) + ", \"speed_at_on\": " +
+               number(mark.speedAtOn) + ", \"speed_at_off\": " + number(mark.speedAtOff) +
+               ", \"best_on_delay_us\": " + number(mark.bestOnDelayUs) + ", \"best_off_delay_us\": " +
+               number(mark.bestOffDelayUs) + ", \"start_missing_at_best\": " + number(mark.startMissingAtBest) +
+               ", \"end_missing_at_best\": " + number(mark.endMissingAtBest) + ", \"peak_speed\": " +
+               number(mark.peakSpeed) + ", \"laser_on_offset_us\": " +
+               number(mark.laserOnOffsetUs) + ", \"laser_off_offset_us\": " + number(mark.laserOffOffsetUs) +
+               ", \"samples_under_gate\": " + std::to_string(mark.samplesUnderGate) + ", \"after_unsettled_jump\": " +
+               boolean(mark.afterUnsettledJump) + ", \"not_measured\": " +
+               (mark.notMeasured.empty() ? std::string("null") : jsonString(mark.notMeasured)) + "}";
+    }) + ",\n";
     json += " \"laser\": {\"on_offset_us\": " + number(result.laserOnOffsetUs) +
             ", \"off_offset_us\": " + number(result.laserOffOffsetUs) +
             ", \"suggested_on_delay_change_us\": " + number(result.suggestedOnDelayChangeUs) +
-            ", \"suggested_off_delay_change_us\": " + number(result.suggestedOffDelayChangeUs) + "},\n";
-    json += " \"jumps\": [";
-    for (std::size_t i = 0; i < result.jumps.size(); ++i) {
-        const Jump& jump = result.jumps[i];
-        json += std::string(i == 0 ? "\n  " : ",\n  ") + "{\"start_us\": " + number(jump.startUs) +
-                ", \"end_us\": " + number(jump.endUs) + ", \"length\": " + number(jump.length) +
-                ", \"settle_us\": " + number(jump.settleUs) + ", \"settled\": " + (jump.settled ? "true" : "false") +
-                "}";
-    }
-    json += "],\n";
-    json += " \"jump_delay_table\": [";
-    for (std::size_t i = 0; i < result.jumpDelayTable.size(); ++i) {
-        const JumpDelay& row = result.jumpDelayTable[i];
-        json += std::string(i == 0 ? "" : ", ") + "{\"up_to_length\": " + number(row.upToLength) +
-                ", \"delay_us\": " + number(row.delayUs) + "}";
-    }
-    json += "],\n";
+            ", \"suggested_off_delay_change_us\": " + number(result.suggestedOffDelayChangeUs) +
+            ",\n  \"on_choices\": " + choicesJson(result.onChoices) +
+            ",\n  \"off_choices\": " + choicesJson(result.offChoices) + ",\n  \"by_speed\": " +
+            listJson(result.bySpeed, [](const SpeedGroup& group) {
+                return "{\"speed\": " + number(group.speed) + ", \"marks\": " + std::to_string(group.marks) +
+                       ", \"laser_on_delay_us\": " + number(group.onDelayUs) + ", \"laser_off_delay_us\": " +
+                       number(group.offDelayUs) + ", \"start_missing\": " + number(group.startMissing) +
+                       ", \"end_missing\": " + number(group.endMissing) + "}";
+            }) + "},\n";
+    json += " \"jumps\": " + listJson(result.jumps, [](const Jump& jump) {
+        return "{\"start_us\": " + number(jump.startUs) + ", \"end_us\": " + number(jump.endUs) +
+               ", \"length\": " + number(jump.length) + ", \"delay_us\": " + number(jump.delayUs) +
+               ", \"settle_us\": " + number(jump.settleUs) + ", \"settled\": " + boolean(jump.settled) +
+               ", \"cut_short\": " + boolean(jump.cutShort) + ", \"at_least_us\": " + number(jump.atLeastUs) +
+               ", \"predicted_settle_us\": " + number(jump.predictedSettleUs) + ", \"distance_at_next\": " +
+               number(jump.distanceAtNext) + "}";
+    }) + ",\n";
+    json += " \"jump_delay_table\": " + listJson(result.jumpDelayTable, [](const JumpDelay& row) {
+        return "{\"up_to_length\": " + number(row.upToLength) + ", \"delay_us\": " + number(row.delayUs) +
+               ", \"at_least_us\": " + number(row.atLeastUs) + ", \"predicted\": " + boolean(row.predicted) + "}";
+    }) + ",\n";
+    json += " \"corners\": " + listJson(result.corners, [](const Corner& corner) {
+        return "{\"mark\": " + std::to_string(corner.mark) + ", \"at_us\": " + number(corner.atUs) + ", \"x\": " +
+               number(corner.x) + ", \"y\": " + number(corner.y) + ", \"angle_deg\": " + number(corner.angleDeg) +
+               ", \"delay_us\": " + number(corner.delayUs) + ", \"rounding\": " + number(corner.rounding) +
+               ", \"edge_dose\": " + number(corner.edgeDose) + ", \"suggested_delay_us\": " +
+               number(corner.suggestedDelayUs) + "}";
+    }) + ",\n";
+    json += " \"warnings\": " + listJson(result.warnings, [](const std::string& text) { return jsonString(text); }) +
+            ",\n";
     json += " \"lost_events\": {";
     for (std::size_t i = 0; i < result.lostEvents.size(); ++i) {
-        json += std::string(i == 0 ? "" : ", ") + jsonString(nameOf(signalName, result.lostEvents[i].first)) + ": " +
+        json += std::string(i == 0 ? "" : ", ") + jsonString(signalLabel(signalName, result.lostEvents[i].first)) + ": " +
                 std::to_string(result.lostEvents[i].second);
     }
     return json + "}}\n";
-}
-
-std::string toSummary(const Result& result, const SummaryOptions& options) {
-    const Units units{options.unitsPerMm};
-    std::string out = format("%s, head %d: %llu events over %.3f ms\n", options.source.c_str(), result.head,
-                             static_cast<unsigned long long>(result.events), result.durationUs / 1000);
-    if (result.lostEvents.empty()) {
-        out += "Lost events: none\n";
-    } else {
-        out += "Lost events (overflow of the server's buffer; figures near them are less sure):";
-        for (const auto& [type, count] : result.lostEvents) {
-            out += format(" %s %llu", nameOf(options.signalName, type).c_str(), static_cast<unsigned long long>(count));
-        }
-        out += "\n";
-    }
-    const char* where = result.errorsWhileMarking ? "while marking" : "over the whole trace";
-
-    out += "\nTracking error (how far the mirror runs behind the command):  X " +
-           optionalUs(result.trackingErrorXUs) + " µs   Y " + optionalUs(result.trackingErrorYUs) + " µs\n";
-    out += format("Following error %s (mirror - command shifted by the tracking error):\n", where);
-    out += "  X rms " + units.error(result.followingErrorX.rms) + ", max " + units.error(result.followingErrorX.max) +
-           "   Y rms " + units.error(result.followingErrorY.rms) + ", max " + units.error(result.followingErrorY.max) +
-           "\n";
-    out += format("Path deviation %s (distance of the mirror from the commanded path): rms %s, max %s\n", where,
-                  units.error(result.pathDeviation.rms).c_str(), units.error(result.pathDeviation.max).c_str());
-
-    if (!result.marks.empty()) {
-        out += format("\nMarks: %zu (laser offsets: + the laser switched after the mirror, - before)\n",
-                      result.marks.size());
-        // printf counts bytes, and "µ" takes two.
-        out += format("  %4s %14s %14s %16s %16s %11s %11s\n", "#", "gate on µs", "gate off µs", "length", "speed",
-                      "on µs", "off µs");
-        for (std::size_t i = 0; i < result.marks.size() && i < options.markRows; ++i) {
-            const Mark& mark = result.marks[i];
-            out += format("  %4zu %13.3f %13.3f %16s %16s %10s %10s\n", i + 1, mark.startUs, mark.endUs,
-                          mark.length ? units.length(*mark.length).c_str() : "-",
-                          mark.speed ? units.speed(*mark.speed).c_str() : "-",
-                          optionalUs(mark.laserOnOffsetUs, "%+.1f").c_str(),
-                          optionalUs(mark.laserOffOffsetUs, "%+.1f").c_str());
-        }
-        if (result.marks.size() > options.markRows) {
-            out += format("  ... and %zu more (--json lists them all)\n", result.marks.size() - options.markRows);
-        }
-        out += laserMeaning("on", result.laserOnOffsetUs);
-        out += laserMeaning("off", result.laserOffOffsetUs);
-    }
-
-    if (!result.jumps.empty()) {
-        // Without the tracking error there is no settle time, and nothing is known about settling.
-        const bool known = result.pathTrackingErrorUs.has_value();
-        const auto late = std::count_if(result.jumps.begin(), result.jumps.end(),
-                                        [](const Jump& j) { return !j.settled && !j.cutShort; });
-        out += "\nJumps: " + std::to_string(result.jumps.size()) + "; settled: the mirror stays within " +
-               units.length(result.settleBandUnits) + " of the target before the next motion begins; " +
-               (known ? std::to_string(late) + " did not\n" : std::string("not measured\n"));
-        out += format("  %4s %14s %14s %16s %11s %8s\n", "#", "start µs", "end µs", "length", "settle µs",
-                      "settled");
-        for (std::size_t i = 0; i < result.jumps.size() && i < options.markRows; ++i) {
-            const Jump& jump = result.jumps[i];
-            out += format("  %4zu %13.3f %13.3f %16s %10s %8s\n", i + 1, jump.startUs, jump.endUs,
-                          units.length(jump.length).c_str(), optionalUs(jump.settleUs).c_str(),
-                          !known ? "-" : jump.settled ? "yes" : jump.cutShort ? "(end)" : "NO");
-        }
-        if (result.jumps.size() > options.markRows) {
-            out += format("  ... and %zu more (--json lists them all)\n", result.jumps.size() - options.markRows);
-        }
-    }
-    const std::vector<std::string> suggestions = suggestedChanges(result, options.unitsPerMm);
-    if (!suggestions.empty()) {
-        out += "\nSuggested changes on the card\n";
-        for (const std::string& item : suggestions) {
-            out += "  - " + item + "\n";
-        }
-    }
-    if (!result.missing.empty()) {
-        out += "\nNot measured\n";
-        for (const std::string& item : notMeasured(result)) {
-            out += "  - " + item + "\n";
-        }
-    }
-    return out;
-}
-
-std::vector<std::string> suggestedChanges(const Result& result, double unitsPerMm) {
-    const Units units{unitsPerMm};
-    std::vector<std::string> items;
-    if (!result.marks.empty()) {
-        for (std::string item : {laserSuggestion("Laser-on delay", result.laserOnOffsetUs),
-                                  laserSuggestion("Laser-off delay", result.laserOffOffsetUs)}) {
-            if (!item.empty()) {
-                items.push_back(std::move(item));
-            }
-        }
-    }
-    if (!result.jumps.empty()) {
-        for (const JumpDelay& row : result.jumpDelayTable) {
-            items.push_back("Jump delay for jumps up to " + units.length(row.upToLength) + ": " +
-                            (row.delayUs ? format("at least %.0f µs.", std::ceil(*row.delayUs))
-                                         : std::string("longer than this trace shows (a jump never settled).")));
-        }
-    }
-    const auto axisLag = [](const char* axis, std::optional<double> lag) {
-        return lag ? format("%.1f µs on %s", *lag, axis) : std::string();
-    };
-    const std::string lags = axisLag("X", result.trackingErrorXUs) +
-                             (result.trackingErrorXUs && result.trackingErrorYUs ? " and " : "") +
-                             axisLag("Y", result.trackingErrorYUs);
-    if (!lags.empty()) {
-        items.push_back("Tracking error " + lags +
-                        ": the laser-on delay and the jump delays must cover it;\n"
-                        "    tuning the head's servo for a smaller one shortens both.");
-    }
-    return items;
-}
-
-std::vector<std::string> notMeasured(const Result& result) {
-    std::vector<std::string> items;
-    for (const MissingFigure& missing : result.missing) {
-        items.push_back(missing.figure + ": " + missing.reason +
-                        (missing.signals.empty() ? "" : " (trace " + missing.signals + " to get it)") + ".");
-    }
-    return items;
 }
 
 }  // namespace oltb::analysis

@@ -11,6 +11,7 @@ namespace oltb::analysis {
 
 // The name of a signal by its event type, e.g. "Head0TxX"; without one, "type N".
 using SignalNamer = std::function<std::string(int type)>;
+std::string signalLabel(const SignalNamer& signalName, int type);
 
 // `text` as a JSON string that may also stand inside an HTML <script> element: '<', '>' and '&' are escaped too, so
 // that no "</script>" or comment opener can form.
@@ -26,11 +27,11 @@ struct SummaryOptions {
     SignalNamer signalName;
 };
 
-// The readable summary: every figure, what to change on the card, and what the trace lacked.
+// The readable summary: the card's settings now and suggested, every figure, the warnings, and what the trace lacked.
 std::string toSummary(const Result& result, const SummaryOptions& options);
 
-// What to change on the card, one item each ("Laser-on delay: lengthen it by 250 µs."), as the summary words them;
-// a long item goes on after "\n    ".
+// What to change on the card, one item each ("Laser-on delay: 200 → 148 µs: ..."), as the summary words them; a
+// long item goes on after "\n    ".
 std::vector<std::string> suggestedChanges(const Result& result, double unitsPerMm = 0);
 
 // Each figure the trace could not give, with the reason and what to trace for it, as the summary words them.

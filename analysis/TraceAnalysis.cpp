@@ -1,14 +1,16 @@
 // One pass splits the events into the head's four position channels, the gate's intervals and the count of lost
-// events; every figure is then worked out from those, each in time linear in the trace (the tracking error adds a
-// search over a sample of the trace).
+// events. Then, in the order each needs the one before: the commanded pieces and the polylines the gate marked, the
+// steady lag of each axis, the model of each axis, the marks' edges, the jumps' settling, the corners, and the
+// advice. Every step is linear in the samples, or works on a bounded selection of them (the model's fit).
 #include "analysis/TraceAnalysis.h"
 
-#include "analysis/Motions.h"
+#include "analysis/Figures.h"
 #include "analysis/Series.h"
 #include "analysis/TrackingError.h"
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <limits>
 #include <numeric>
 
@@ -17,12 +19,14 @@ namespace oltb::analysis {
 namespace {
 
 constexpr double Forever = std::numeric_limits<double>::infinity();
+constexpr double Pi = 3.14159265358979323846;
 
 struct Channels {
     Series commandedX, commandedY, actualX, actualY;
     bool gateTraced = false;
     std::vector<Interval> gate;
     std::array<std::uint64_t, 128> lost{};
+    double firstTime = 0, lastTime = 0;
 };
 
 // Samples of one channel out of order (never from the library, possibly from an edited file) are put in order.
@@ -43,24 +47,17 @@ void putInOrder(Series& series) {
 
 Channels split(const oltbTraceEvent* events, std::size_t count, const HeadChannels& head) {
     Channels channels;
-    std::array<std::size_t, 4> sizes{};
-    for (std::size_t i = 0; i < count; ++i) {
-        const oltbTraceEventType type = events[i].Type;
-        sizes[0] += type == head.commandedX;
-        sizes[1] += type == head.commandedY;
-        sizes[2] += type == head.actualX;
-        sizes[3] += type == head.actualY;
-    }
-    std::size_t index = 0;
-    for (Series* series : {&channels.commandedX, &channels.commandedY, &channels.actualX, &channels.actualY}) {
-        series->t.reserve(sizes[index]);
-        series->v.reserve(sizes[index++]);
-    }
-    bool on = false;
-    Interval current;
-    const double firstTime = count > 0 ? events[0].Time : 0.0;
+    // The gate's changes, in time order whatever the order of the events.
+    std::vector<std::pair<double, bool>> changes;
+    bool first = true;
     for (std::size_t i = 0; i < count; ++i) {
         const oltbTraceEvent& event = events[i];
+        if (!std::isfinite(event.Time)) {
+            continue;
+        }
+        channels.firstTime = first ? event.Time : std::min(channels.firstTime, event.Time);
+        channels.lastTime = first ? event.Time : std::max(channels.lastTime, event.Time);
+        first = false;
         const auto type = static_cast<unsigned>(event.Type);
         if (event.Overflow && type < channels.lost.size()) {
             ++channels.lost[type];
@@ -74,21 +71,28 @@ Channels split(const oltbTraceEvent* events, std::size_t count, const HeadChanne
         } else if (event.Type == head.actualY) {
             channels.actualY.add(event.Time, event.Value);
         } else if (event.Type == oltbEventGate) {
-            // The trace holds the gate where it changes, so a first event that is already on is normally the
-            // edge itself; only at the very start of the trace may the gate have been on before.
-            const bool nowOn = (event.Value & 1) != 0;
-            if (nowOn && !on) {
-                current = {event.Time, 0.0, !channels.gateTraced && event.Time <= firstTime, false};
-            } else if (!nowOn && on) {
-                current.off = event.Time;
-                channels.gate.push_back(current);
-            }
-            on = nowOn;
+            changes.emplace_back(event.Time, (event.Value & 1) != 0);
             channels.gateTraced = true;
         }
     }
+    std::stable_sort(changes.begin(), changes.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    // The trace holds the gate where it changes, so a first event that is already on is normally the edge itself;
+    // only at the very start of the trace may the gate have been on before.
+    bool on = false;
+    Interval current;
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const auto& [time, nowOn] = changes[i];
+        if (nowOn && !on) {
+            current = {time, 0.0, i == 0 && time <= channels.firstTime, false};
+        } else if (!nowOn && on) {
+            current.off = time;
+            channels.gate.push_back(current);
+        }
+        on = nowOn;
+    }
     if (on) {
-        current.off = events[count - 1].Time;
+        current.off = channels.lastTime;
         current.openEnd = true;
         channels.gate.push_back(current);
     }
@@ -110,14 +114,65 @@ std::string joinNames(const std::vector<std::string>& names) {
     return text;
 }
 
-std::optional<double> medianOf(const std::vector<Mark>& marks, std::optional<double> Mark::*offset) {
+std::optional<double> medianOf(const std::vector<Mark>& marks, std::optional<double> Mark::*field) {
     std::vector<double> values;
     for (const Mark& mark : marks) {
-        if (mark.*offset) {
-            values.push_back(*(mark.*offset));
+        if (mark.*field) {
+            values.push_back(*(mark.*field));
         }
     }
     return values.empty() ? std::nullopt : std::optional<double>(median(std::move(values)));
+}
+
+// The stretches that tell most about the head's dynamics: every jump with its arrival, and the start and the end of
+// every polyline. Long jumps give their start and their end.
+Windows fitWindows(const JobLayout& layout) {
+    Windows windows;
+    for (std::size_t p = 0; p < layout.pieces.size(); ++p) {
+        const Piece& piece = layout.pieces[p];
+        const double next = nextMotionAfter(layout, p).value_or(piece.endUs + 2000);
+        const double arrival = std::min(next, piece.endUs + 2000);
+        const bool jump = !layout.polylineOf[p];
+        const bool polylineStart = !jump && (p == 0 || layout.polylineOf[p - 1] != layout.polylineOf[p]);
+        const bool polylineEnd = !jump && (p + 1 == layout.pieces.size() || layout.polylineOf[p + 1] != layout.polylineOf[p]);
+        if (jump || polylineStart) {
+            windows.emplace_back(piece.startUs - 20, std::min(piece.startUs + 1500, jump ? arrival : piece.endUs));
+        }
+        if (jump || polylineEnd) {
+            windows.emplace_back(std::max(piece.startUs, piece.endUs - 500), arrival);
+        }
+    }
+    std::sort(windows.begin(), windows.end());
+    Windows merged;
+    for (const auto& window : windows) {
+        if (!merged.empty() && window.first <= merged.back().second) {
+            merged.back().second = std::max(merged.back().second, window.second);
+        } else {
+            merged.push_back(window);
+        }
+    }
+    // Spread over the trace: every n-th window when there are many.
+    Windows chosen;
+    const std::size_t stride = std::max<std::size_t>(1, merged.size() / 48);
+    for (std::size_t i = 0; i < merged.size(); i += stride) {
+        chosen.push_back(merged[i]);
+    }
+    return chosen;
+}
+
+void describeServo(AxisServo& servo, const SteadyLag& lag, const AxisFit& fit) {
+    servo.trackingErrorUs = lag.lagUs;
+    servo.trackingFailure = lag.failure;
+    if (!fit.model) {
+        return;
+    }
+    servo.naturalFrequencyHz = fit.model->omegaPerUs * 1e6 / (2 * Pi);
+    servo.damping = fit.model->damping;
+    servo.driverFilterUs = fit.model->filterUs;
+    if (fit.accelerationLimited) servo.maxAcceleration = fit.model->maxAcceleration * 1e6;
+    servo.fitRms = fit.fitRms;
+    servo.followingRms = fit.followingRms;
+    servo.fitHolds = fit.holds;
 }
 
 }  // namespace
@@ -133,9 +188,10 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
     Result result;
     result.head = options.head;
     result.events = count;
-    result.durationUs = count > 0 ? events[count - 1].Time - events[0].Time : 0.0;
     result.settleBandUnits = options.settleBandUnits;
+    result.maxEdgeDose = options.maxEdgeDose;
     Channels channels = split(events, count, channelsOf(options.head));
+    result.durationUs = channels.lastTime - channels.firstTime;
     for (std::size_t type = 0; type < channels.lost.size(); ++type) {
         if (channels.lost[type] > 0) {
             result.lostEvents.emplace_back(static_cast<int>(type), channels.lost[type]);
@@ -152,55 +208,47 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
 
     struct Axis {
         const char* name;
-        Series& commanded;
-        Series& actual;
+        const Series& commanded;
+        const Series& actual;
         const char* commandedName;
         const char* actualName;
-        std::optional<double>& trackingError;
+        AxisServo& servo;
         ErrorFigures& followingError;
+        SteadyLag lag;
     };
     Axis axes[] = {
-        {"X", channels.commandedX, channels.actualX, "TxX", "RxX", result.trackingErrorXUs, result.followingErrorX},
-        {"Y", channels.commandedY, channels.actualY, "TxY", "RxY", result.trackingErrorYUs, result.followingErrorY},
+        {"X", channels.commandedX, channels.actualX, "TxX", "RxX", result.servoX, result.followingErrorX, {}},
+        {"Y", channels.commandedY, channels.actualY, "TxY", "RxY", result.servoY, result.followingErrorY, {}},
     };
-    std::vector<Series> actualWhileMarking;
-    actualWhileMarking.reserve(2);
-    std::vector<AxisLag> lags;
-    lags.reserve(2);
-    std::vector<AxisLag*> found;
     for (Axis& axis : axes) {
-        const std::string figure = std::string("tracking and following error of ") + axis.name;
         std::vector<std::string> absent;
         if (axis.commanded.empty()) absent.push_back(nameOf(options.head, axis.commandedName));
         if (axis.actual.empty()) absent.push_back(nameOf(options.head, axis.actualName));
         if (!absent.empty()) {
-            addMissing(figure, joinNames(absent) + (absent.size() > 1 ? " are" : " is") + " not traced",
-                       joinNames(absent));
+            addMissing(std::string("tracking and following error of ") + axis.name,
+                       joinNames(absent) + (absent.size() > 1 ? " are" : " is") + " not traced", joinNames(absent));
             continue;
         }
-        actualWhileMarking.push_back(within(axis.actual, windows));
-        AxisLag& lag = lags.emplace_back(axis.commanded, actualWhileMarking.back());
-        const LagEstimate estimate = estimateLag({&lag}, options.maxTrackingErrorUs);
-        if (!estimate.lagUs) {
-            addMissing(figure,
-                       std::string(axis.name) + " " + estimate.failure +
-                           (result.errorsWhileMarking ? " while the laser is on" : " in the trace"),
-                       "");
+        axis.lag = steadyLag(axis.commanded, axis.actual);
+        if (!axis.lag.lagUs) {
+            addMissing(std::string("tracking error of ") + axis.name,
+                       "the command " + axis.lag.failure + " on " + axis.name, "");
             continue;
         }
-        axis.trackingError = estimate.lagUs;
-        axis.followingError = lag.residuals(*estimate.lagUs);
-        found.push_back(&lag);
+        axis.followingError = followingError(axis.commanded, within(axis.actual, windows), *axis.lag.lagUs);
     }
-    if (!found.empty()) {
-        result.pathTrackingErrorUs = estimateLag(found, options.maxTrackingErrorUs).lagUs;
+    result.trackingErrorXUs = axes[0].lag.lagUs;
+    result.trackingErrorYUs = axes[1].lag.lagUs;
+    if (result.trackingErrorXUs && result.trackingErrorYUs) {
+        result.pathTrackingErrorUs = (*result.trackingErrorXUs + *result.trackingErrorYUs) / 2;
+    } else {
+        result.pathTrackingErrorUs = result.trackingErrorXUs ? result.trackingErrorXUs : result.trackingErrorYUs;
     }
 
     const std::string allPositions = joinNames({nameOf(options.head, "TxX"), nameOf(options.head, "TxY"),
                                                 nameOf(options.head, "RxX"), nameOf(options.head, "RxY")});
     const bool allTraced = !channels.commandedX.empty() && !channels.commandedY.empty() &&
                            !channels.actualX.empty() && !channels.actualY.empty();
-    lags.clear();  // the channels go into the paths
     const Path commanded = joinAxes(std::move(channels.commandedX), std::move(channels.commandedY));
     const Path actual = joinAxes(std::move(channels.actualX), std::move(channels.actualY));
     if (allTraced && result.pathTrackingErrorUs) {
@@ -210,31 +258,68 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
                    allTraced ? "" : allPositions);
     }
 
+    const JobLayout layout = layOut(commandedPieces(commanded), channels.gate);
+    const PathMotion mirror(actual);
+    HeadView head{commanded, mirror, std::nullopt, std::nullopt, std::nullopt, options.settleBandUnits,
+                  options.maxEdgeDose};
+    if (result.trackingErrorXUs || result.trackingErrorYUs) {
+        head.lagUs = std::max(result.trackingErrorXUs.value_or(0.0), result.trackingErrorYUs.value_or(0.0));
+    }
+    if (allTraced && commanded.size() >= 2) {
+        const Windows fitting = fitWindows(layout);
+        const AxisFit fitX = fitAxis(commanded, mirror, 0, fitting, result.trackingErrorXUs);
+        const AxisFit fitY = fitAxis(commanded, mirror, 1, fitting, result.trackingErrorYUs);
+        describeServo(result.servoX, axes[0].lag, fitX);
+        describeServo(result.servoY, axes[1].lag, fitY);
+        // An axis that does not move has nothing to fit; the other's model stands in for it.
+        const AxisFit& standInX = fitX.model ? fitX : fitY;
+        const AxisFit& standInY = fitY.model ? fitY : fitX;
+        if (standInX.model && standInY.model && standInX.holds && standInY.holds) {
+            head.modelX = standInX.model;
+            head.modelY = standInY.model;
+        }
+    } else {
+        result.servoX.trackingErrorUs = axes[0].lag.lagUs;
+        result.servoX.trackingFailure = axes[0].lag.failure;
+        result.servoY.trackingErrorUs = axes[1].lag.lagUs;
+        result.servoY.trackingFailure = axes[1].lag.failure;
+    }
+
     if (!channels.gateTraced) {
         addMissing("marks, laser timing and jumps", "Gate is not traced", "Gate");
         return result;
     }
-    result.marks = measureMarks(commanded, channels.gate, result.pathTrackingErrorUs);
-    result.laserOnOffsetUs = medianOf(result.marks, &Mark::laserOnOffsetUs);
-    result.laserOffOffsetUs = medianOf(result.marks, &Mark::laserOffOffsetUs);
-    if (result.laserOnOffsetUs) result.suggestedOnDelayChangeUs = -*result.laserOnOffsetUs;
-    if (result.laserOffOffsetUs) result.suggestedOffDelayChangeUs = -*result.laserOffOffsetUs;
     if (commanded.size() < 2) {
+        result.marks = measureMarks(layout, channels.gate, head);
         addMissing("mark lengths and speeds, laser timing and jumps", "the commanded positions are not traced",
                    joinNames({nameOf(options.head, "TxX"), nameOf(options.head, "TxY")}));
         return result;
     }
-    if (!result.pathTrackingErrorUs) {
-        addMissing("laser timing and settle times", "they need the tracking error",
-                   actual.empty() ? joinNames({nameOf(options.head, "RxX"), nameOf(options.head, "RxY")}) : "");
-    } else if (!result.marks.empty() && !result.laserOnOffsetUs && !result.laserOffOffsetUs) {
-        addMissing("laser timing", "no mark has a motion of the mirror to compare with", "");
+    result.marks = measureMarks(layout, channels.gate, head);
+    result.jumps = measureJumps(layout, head, result.marks);
+    result.jumpDelayTable = jumpDelayTable(result.jumps);
+    result.corners = measureCorners(layout, head);
+    result.laserOnOffsetUs = medianOf(result.marks, &Mark::laserOnOffsetUs);
+    result.laserOffOffsetUs = medianOf(result.marks, &Mark::laserOffOffsetUs);
+    adviseLaser(result, layout, head);
+    adviseSettings(result, layout);
+    if (result.settings.laserOn.now && result.settings.laserOn.suggested) {
+        result.suggestedOnDelayChangeUs = *result.settings.laserOn.suggested - *result.settings.laserOn.now;
     }
-    result.jumps = measureJumps(commanded, commandedMotions(commanded), channels.gate,
-                                actual.empty() ? nullptr : &actual, result.pathTrackingErrorUs,
-                                options.settleBandUnits);
-    if (result.pathTrackingErrorUs) {
-        result.jumpDelayTable = jumpDelayTable(result.jumps);
+    if (result.settings.laserOff.now && result.settings.laserOff.suggested) {
+        result.suggestedOffDelayChangeUs = *result.settings.laserOff.suggested - *result.settings.laserOff.now;
+    }
+    if (mirror.empty()) {
+        addMissing("laser edges and settle times", "they need the mirror's positions",
+                   joinNames({nameOf(options.head, "RxX"), nameOf(options.head, "RxY")}));
+    } else {
+        std::size_t unmeasured = 0;
+        for (const Mark& mark : result.marks) unmeasured += mark.notMeasured.empty() ? 0 : 1;
+        if (unmeasured > 0) {
+            addMissing("laser edges of " + std::to_string(unmeasured) + " of " + std::to_string(result.marks.size()) +
+                           " marks",
+                       "see the marks' notes", "");
+        }
     }
     return result;
 }

@@ -1,217 +1,161 @@
-// The search runs in two stages. A coarse one tries every whole sample of shift within the range on a few thousand
-// actual samples spread over the trace, reading the commanded position from a copy resampled on an even grid, so
-// that each try costs one multiply-add per sample. The fine one works on every sample: with the commanded
-// position interpolated linearly and the actual samples on the same clock, the mean squared difference is a
-// quadratic function of the shift between two whole samples, so a parabola through three values on each side of
-// the coarse minimum finds its bottom exactly; a last small parabola step covers samples that are not on the
-// commanded clock.
+// A stretch of constant commanded speed is found where the commanded samples lie on one straight line in time
+// (within the rounding to whole units). On it, lag(t) = (commanded(t) - actual(t)) / speed; while the mirror is
+// still in its transient, lag(t) moves; once it stays within a small band around its final value, the mirror
+// follows at its steady lag. A stretch whose lag still drifts at its end (too short, or a head whose speed is
+// limited) does not count.
 #include "analysis/TrackingError.h"
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
-#include <map>
 
 namespace oltb::analysis {
 
 namespace {
 
-// The coarse search looks at this many actual samples spread over the trace, the fine one at up to this many.
-constexpr std::size_t CoarseSamples = 4096;
-constexpr std::size_t FineSamples = 262144;
-constexpr double Infinity = std::numeric_limits<double>::infinity();
-constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double LineToleranceUnits = 1.0;  // whole-unit rounding of the commanded positions
+constexpr double SlowestUnitsPerUs = 0.05;  // slower stretches show the rounding more than the lag
+constexpr std::size_t ShortestStretch = 6;  // samples
+constexpr double ShortestSteadyUs = 30;
 
-// Where the parabola through (x - h, a), (x, b), (x + h, c) is lowest, kept within [x - h, x + h]; x itself when
-// it opens downwards or is flat.
-double parabolaBottom(double x, double h, double a, double b, double c) {
-    const double curvature = a - 2 * b + c;
-    if (!(curvature > 0)) {
-        return x;
+struct Stretch {
+    std::size_t first = 0;  // commanded samples first..last
+    std::size_t last = 0;
+    double slope = 0;       // units/us
+    double origin = 0;      // commanded value at t[first] on the fitted line
+};
+
+// Least-squares line through the commanded samples first..last.
+Stretch fitLine(const Series& c, std::size_t first, std::size_t last) {
+    double st = 0, sv = 0, stt = 0, stv = 0;
+    const double t0 = c.t[first];
+    const double count = static_cast<double>(last - first + 1);
+    for (std::size_t k = first; k <= last; ++k) {
+        const double t = c.t[k] - t0;
+        st += t;
+        sv += c.v[k];
+        stt += t * t;
+        stv += t * c.v[k];
     }
-    return std::clamp(x + h * (a - c) / (2 * curvature), x - h, x + h);
+    const double denominator = count * stt - st * st;
+    Stretch stretch{first, last, 0, 0};
+    stretch.slope = denominator > 0 ? (count * stv - st * sv) / denominator : 0.0;
+    stretch.origin = (sv - stretch.slope * st) / count;
+    return stretch;
+}
+
+// Maximal stretches over which the commanded samples lie on one line: grown greedily, each new sample checked
+// against the line through the stretch's first sample and the new one.
+std::vector<Stretch> constantSpeedStretches(const Series& c, double maxGap) {
+    std::vector<Stretch> stretches;
+    std::size_t first = 0;
+    const std::size_t n = c.size();
+    while (first + 1 < n) {
+        std::size_t last = first + 1;
+        while (last + 1 < n && c.t[last + 1] - c.t[last] <= maxGap) {
+            const double span = c.t[last + 1] - c.t[first];
+            const double slope = (c.v[last + 1] - c.v[first]) / span;
+            bool onLine = true;
+            // Checking the middle and a few samples near the end keeps this linear in the samples.
+            for (const std::size_t k : {(first + last + 1) / 2, last, last > first + 1 ? last - 1 : last}) {
+                const double expected = c.v[first] + slope * (c.t[k] - c.t[first]);
+                onLine = onLine && std::abs(c.v[k] - expected) <= LineToleranceUnits + 0.5;
+            }
+            const double step = c.v[last + 1] - c.v[last];
+            if (!onLine || std::abs(step - slope * (c.t[last + 1] - c.t[last])) > LineToleranceUnits + 0.5) {
+                break;
+            }
+            ++last;
+        }
+        if (last - first + 1 >= ShortestStretch) {
+            Stretch stretch = fitLine(c, first, last);
+            if (std::abs(stretch.slope) >= SlowestUnitsPerUs) {
+                stretches.push_back(stretch);
+            }
+        }
+        first = last;
+    }
+    return stretches;
 }
 
 }  // namespace
 
-AxisLag::AxisLag(const Series& commanded, const Series& actual) : _commanded(commanded), _actual(actual) {
-    if (commanded.size() < 2 || actual.empty()) {
-        return;
+SteadyLag steadyLag(const Series& commanded, const Series& actual) {
+    SteadyLag result;
+    if (commanded.size() < ShortestStretch || actual.size() < 3) {
+        result.failure = "has too few samples";
+        return result;
     }
-    _step = typicalSpacing(commanded.t);
-    _maxGap = 4 * _step;
-    if (!(_step > 0)) {
-        return;
+    const double maxGap = 4 * typicalSpacing(commanded.t);
+    const std::vector<Stretch> stretches = constantSpeedStretches(commanded, maxGap);
+    if (stretches.empty()) {
+        result.failure = "never moves at constant speed";
+        return result;
     }
-    const double origin = commanded.t.front();
-    const auto points = static_cast<std::size_t>((commanded.t.back() - origin) / _step) + 1;
-    _grid.resize(points);
-    ForwardReader reader(commanded.t, commanded.v, _maxGap);
-    for (std::size_t m = 0; m < points; ++m) {
-        double value = 0;
-        _grid[m] = reader.at(origin + static_cast<double>(m) * _step, value) ? value : NaN;
-    }
-    const std::size_t stride = std::max<std::size_t>(1, actual.size() / CoarseSamples);
-    for (std::size_t i = 0; i < actual.size(); i += stride) {
-        _position.push_back((actual.t[i] - origin) / _step);
-        _value.push_back(actual.v[i]);
-    }
-}
-
-const std::vector<double>& AxisLag::coarse(long reach) {
-    const auto shifts = static_cast<std::size_t>(2 * reach + 1);
-    if (_coarse.size() == shifts) {
-        return _coarse;
-    }
-    // Sample by sample, every shift in turn: the grid is read in one short stretch per sample.
-    std::vector<double> sums(shifts, 0.0);
-    std::vector<std::size_t> counts(shifts, 0);
-    const auto last = static_cast<long>(_grid.size()) - 1;
-    for (std::size_t i = 0; i < _position.size(); ++i) {
-        const auto whole = static_cast<long>(std::floor(_position[i]));
-        const double f = _position[i] - static_cast<double>(whole);
-        for (long k = -reach; k <= reach; ++k) {
-            const long m = whole - k;
-            if (m < 0 || m >= last) {
+    double weighted = 0;   // sum of speed * (commanded - actual)
+    double weights = 0;    // sum of speed^2
+    ForwardReader mirror(actual.t, actual.v, 4 * typicalSpacing(actual.t));
+    for (const Stretch& stretch : stretches) {
+        const double t0 = commanded.t[stretch.first];
+        const double t1 = commanded.t[stretch.last];
+        // The mirror's samples within the stretch, with the lag each one shows.
+        std::vector<double> times, lags;
+        const auto begin = std::upper_bound(actual.t.begin(), actual.t.end(), t0);
+        for (auto it = begin; it != actual.t.end() && *it <= t1; ++it) {
+            double value = 0;
+            if (!mirror.at(*it, value)) {
                 continue;
             }
-            const double value = _grid[static_cast<std::size_t>(m)] +
-                                 f * (_grid[static_cast<std::size_t>(m + 1)] - _grid[static_cast<std::size_t>(m)]);
-            const double d = _value[i] - value;
-            if (!std::isnan(d)) {
-                sums[static_cast<std::size_t>(k + reach)] += d * d;
-                ++counts[static_cast<std::size_t>(k + reach)];
-            }
+            const double expected = stretch.origin + stretch.slope * (*it - t0);
+            times.push_back(*it);
+            lags.push_back((expected - value) / stretch.slope);
         }
-    }
-    _coarse.assign(shifts, Infinity);
-    for (std::size_t k = 0; k < shifts; ++k) {
-        if (counts[k] > 0 && 2 * counts[k] >= _position.size()) {
-            _coarse[k] = sums[k] / static_cast<double>(counts[k]);
+        if (lags.size() < ShortestStretch) {
+            continue;
         }
-    }
-    return _coarse;
-}
-
-double AxisLag::fine(double lag) {
-    const auto known = _fine.find(lag);
-    if (known != _fine.end()) {
-        return known->second;
-    }
-    ForwardReader commanded(_commanded.t, _commanded.v, _maxGap);
-    double sum = 0;
-    std::size_t count = 0;
-    const std::size_t stride = std::max<std::size_t>(1, _actual.size() / FineSamples);
-    for (std::size_t i = 0; i < _actual.size(); i += stride) {
-        double value = 0;
-        if (commanded.at(_actual.t[i] - lag, value)) {
-            const double d = _actual.v[i] - value;
-            sum += d * d;
-            ++count;
+        const std::size_t tail = std::max<std::size_t>(3, lags.size() / 4);
+        const double final = median(std::vector<double>(lags.end() - static_cast<std::ptrdiff_t>(tail), lags.end()));
+        const double tolerance = std::max({0.5, 0.02 * std::abs(final), 2.0 / std::abs(stretch.slope)});
+        std::size_t steady = lags.size();  // the first sample of the steady end
+        while (steady > 0 && std::abs(lags[steady - 1] - final) <= tolerance) {
+            --steady;
         }
+        const std::size_t count = lags.size() - steady;
+        if (count < 3 || times.back() - times[steady] < ShortestSteadyUs) {
+            continue;
+        }
+        // Still drifting at the end: the halves of the steady part disagree.
+        const std::size_t half = steady + count / 2;
+        double early = 0, late = 0;
+        for (std::size_t i = steady; i < half; ++i) early += lags[i];
+        for (std::size_t i = half; i < lags.size(); ++i) late += lags[i];
+        early /= static_cast<double>(half - steady);
+        late /= static_cast<double>(lags.size() - half);
+        if (std::abs(late - early) > tolerance / 2) {
+            continue;
+        }
+        // A lag of the mirror behind the command is reached only where the command has moved on for at least
+        // that long since the stretch began.
+        if (times[steady] - final < t0) {
+            continue;
+        }
+        for (std::size_t i = steady; i < lags.size(); ++i) {
+            weighted += stretch.slope * stretch.slope * lags[i];
+            weights += stretch.slope * stretch.slope;
+        }
+        ++result.stretches;
+        result.steadyUs += times.back() - times[steady];
     }
-    const double result = count > 0 ? sum / static_cast<double>(count) : Infinity;
-    _fine.emplace(lag, result);
+    if (result.stretches == 0) {
+        result.failure = "never moves at constant speed long enough for the mirror to follow at a steady lag";
+        return result;
+    }
+    const double lag = weighted / weights;
+    if (lag < -1.0) {
+        result.failure = "runs ahead of the command";
+        return result;
+    }
+    result.lagUs = std::max(0.0, lag);
     return result;
-}
-
-ErrorFigures AxisLag::residuals(double lag) const {
-    ForwardReader commanded(_commanded.t, _commanded.v, _maxGap);
-    double sum = 0;
-    double largest = 0;
-    std::size_t count = 0;
-    for (std::size_t i = 0; i < _actual.size(); ++i) {
-        double value = 0;
-        if (commanded.at(_actual.t[i] - lag, value)) {
-            const double d = _actual.v[i] - value;
-            sum += d * d;
-            largest = std::max(largest, std::abs(d));
-            ++count;
-        }
-    }
-    if (count == 0) {
-        return {};
-    }
-    return {std::sqrt(sum / static_cast<double>(count)), largest};
-}
-
-LagEstimate estimateLag(const std::vector<AxisLag*>& axes, double maxLagUs) {
-    if (axes.empty()) {
-        return {std::nullopt, "too few samples"};
-    }
-    double step = Infinity;
-    for (AxisLag* axis : axes) {
-        if (!axis->usable()) {
-            return {std::nullopt, "has too few samples"};
-        }
-        step = std::min(step, axis->step());
-    }
-    for (AxisLag* axis : axes) {
-        if (axis->step() != step) {
-            return {std::nullopt, "is sampled at different rates on its axes"};
-        }
-    }
-
-    const long reach = static_cast<long>(std::ceil(maxLagUs / step));
-    long best = 0;
-    double bestValue = Infinity;
-    double worstValue = 0;
-    for (long k = -reach; k <= reach; ++k) {
-        double value = 0;
-        for (AxisLag* axis : axes) {
-            value += axis->coarse(reach)[static_cast<std::size_t>(k + reach)];
-        }
-        if (value < bestValue) {
-            bestValue = value;
-            best = k;
-        }
-        if (value < Infinity) {
-            worstValue = std::max(worstValue, value);
-        }
-    }
-    if (bestValue == Infinity) {
-        return {std::nullopt, "has too few samples"};
-    }
-    if (!(worstValue - bestValue > 1e-9 * (1 + worstValue))) {
-        return {std::nullopt, "does not move"};
-    }
-
-    const auto J = [&axes](double lag) {
-        double value = 0;
-        for (AxisLag* axis : axes) {
-            value += axis->fine(lag);
-        }
-        return value;
-    };
-    // The coarse minimum came from a subset; on all samples it may lie a step or two aside.
-    double centre = static_cast<double>(best) * step;
-    for (int moves = 0; moves < 8; ++moves) {
-        if (J(centre - step) < J(centre)) {
-            centre -= step;
-        } else if (J(centre + step) < J(centre)) {
-            centre += step;
-        } else {
-            break;
-        }
-    }
-    if (std::abs(centre) >= static_cast<double>(reach) * step) {
-        return {std::nullopt, "is beyond the searched range"};
-    }
-
-    const double h = step / 2;
-    double lag = centre;
-    for (const double candidate : {parabolaBottom(centre - h, h, J(centre - step), J(centre - h), J(centre)),
-                                   parabolaBottom(centre + h, h, J(centre), J(centre + h), J(centre + step))}) {
-        if (J(candidate) < J(lag)) {
-            lag = candidate;
-        }
-    }
-    const double polish = step / 20;
-    const double last = parabolaBottom(lag, polish, J(lag - polish), J(lag), J(lag + polish));
-    if (J(last) < J(lag)) {
-        lag = last;
-    }
-    return {lag, {}};
 }
 
 }  // namespace oltb::analysis
