@@ -24,7 +24,9 @@ from ._signals import SIGNAL_TYPES, SIGNALS, signal_name
 __version__ = "0.1.0"
 
 # dir(oltb) shows the API only: the modules behind it stay in sys.modules.
-del _analysis, _captures, _client, _errors, _events, _library, _signals  # noqa: F821 (set by the imports above)
+for _module in ("_analysis", "_captures", "_client", "_errors", "_events", "_library", "_signals"):
+    del globals()[_module]
+del _module
 Error.__module__ = Client.__module__ = "oltb"
 
 __all__ = ["Client", "EVENT_DTYPE", "Error", "SIGNALS", "SIGNAL_TYPES", "analyze", "connect", "load", "signal_name",

@@ -4,7 +4,7 @@ EVENT_DTYPE, whatever the file's format."""
 from __future__ import annotations
 
 import os
-from typing import Iterable, Optional, Union
+from typing import Iterable, Union
 
 import numpy as np
 

@@ -68,7 +68,7 @@ class _LabelWindow:
     def events(self) -> np.ndarray:
         events = joined(self._parts)
         # Reads deliver time order; only an event moved back across two reads can break it.
-        if np.any(np.diff(events["timestamp"].astype(np.int64)) < 0):
+        if np.any(events["timestamp"][1:] < events["timestamp"][:-1]):
             events = events[np.argsort(events["timestamp"], kind="stable")]
         return events
 
@@ -84,7 +84,7 @@ def connect(address: str) -> "Client":
     Parameters
     ----------
     address : str
-        The server's IPv4 address or host name, such as ``"127.0.0.9"`` for the simulator of ``make sim``.
+        The server's host name or numeric address, such as ``"127.0.0.9"`` for the simulator of ``make sim``.
 
     Returns
     -------
@@ -109,8 +109,10 @@ class Client:
     """
 
     def __init__(self, address: str) -> None:
-        if not isinstance(address, str) or "\0" in address:
-            raise ArgumentTypeError("address must be text without zero characters")
+        if not isinstance(address, str):
+            raise ArgumentTypeError("address must be text, not %s" % type(address).__name__)
+        if "\0" in address:
+            raise ArgumentError("address must not hold a zero character")
         self._handle = -1
         self._lib = trace_library()
         self._handle = self._lib.call_waiting("oltbConnect", address.encode(), undo=self._lib.oltbDisconnect)
@@ -127,7 +129,7 @@ class Client:
 
     def close(self) -> None:
         """Disconnects; the client is of no use afterwards. Closing again does nothing."""
-        if self._handle > 0:
+        if self._handle >= 0:
             handle, self._handle = self._handle, -1
             self._lib.check(self._lib.oltbDisconnect(handle))
 

@@ -97,7 +97,7 @@ def wait_for(function: Callable[[], Any], undo: Optional[Callable[[Any], Any]] =
                 undo(outcome["result"])
         raise
     if "error" in outcome:
-        raise outcome["error"]
+        raise outcome["error"].with_traceback(None)  # the helper thread's frames tell the caller nothing
     return outcome["result"]
 
 

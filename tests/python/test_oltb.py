@@ -7,7 +7,6 @@ import os
 import selectors
 import signal
 import subprocess
-import sys
 import threading
 
 import numpy as np
