@@ -212,7 +212,8 @@ class Client:
         self._lib.call_waiting("oltbStop", self._handle)
 
     def clear(self) -> None:
-        """Discards the events received and not yet read, here and in the server's buffer.
+        """Restarts a running trace (stop, then start), discarding the events received and not yet read; does
+        nothing while tracing is stopped.
 
         Raises
         ------
@@ -259,7 +260,7 @@ class Client:
         while True:
             left_ms = (min(silent_until, give_up_at) - time.monotonic()) * 1000
             last = left_ms <= WAIT_SLICE_MS
-            self._set_library_timeout(0 if timeout_ms == 0 else max(1, min(WAIT_SLICE_MS, math.ceil(left_ms))))
+            self._set_library_timeout(0 if timeout_ms == 0 else max(1, math.ceil(left_ms)) if last else WAIT_SLICE_MS)
             read = self._lib.oltbRead if wait and last and silent_until <= give_up_at else self._lib.oltbTryRead
             self._lib.check(read(self._handle, pointer(events), 0, len(events), ctypes.byref(count)))
             if count.value or last:

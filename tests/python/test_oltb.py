@@ -60,19 +60,26 @@ def test_acquisition_comes_back_whole_and_in_order(client):
             oltb.analyze(job, **arguments)
 
 
+def silent_read():
+    with oltb.connect(ADDRESS) as client:  # tracing not started: nothing comes
+        client.read_timeout = -1
+        client.read(10)
+
+
 def test_waits_end_at_max_wait_and_on_ctrl_c(client):
     with pytest.raises(oltb.Error, match=r"^no start label 99 within 0.3 s \(max_wait\)$"):
         client.acquire(99, 100, max_wait=0.3)
     with pytest.raises(oltb.Error, match=r"^start label 10 came, but no end label 100 within 1 s \(max_wait\)$"):
         client.acquire(10, 100, max_wait=1)
-    client.read_timeout = -1  # without limit: only Ctrl-C ends the next wait
-    timer = threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT))
-    timer.start()
-    try:
-        with pytest.raises(KeyboardInterrupt):
-            client.acquire(99, 100, max_wait=60)
-    finally:
-        timer.join()
+    client.read_timeout = -1  # without limit: only Ctrl-C ends the next waits, on a stream and on silence
+    for wait in (lambda: client.acquire(99, 100, max_wait=60), lambda: client.close() or silent_read()):
+        timer = threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT))
+        timer.start()
+        try:
+            with pytest.raises(KeyboardInterrupt):
+                wait()
+        finally:
+            timer.join()
 
 
 def test_numbers_and_arrays_the_library_cannot_take_are_refused(client):
