@@ -27,11 +27,12 @@ help:
 	@echo "make clean       remove build/"
 
 # The main job: the simulator and the command-line tool acquire one marking job into out/demo.csv and out/demo.vcd,
-# print its summary and write its report page out/demo.html. Builds only the two programs.
+# print its summary and write its report page out/demo.html. Builds the two programs and the libraries the Python
+# package loads (the README's Python example runs next).
 demo:
 	$(SETUP) demo
 	cmake --preset release -DOLTB_REQUIRE_TESTS=OFF >/dev/null
-	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim oltb oltb_analysis_shared
 	@bash scripts/demo.sh
 
 # The README's screenshot of the report page: make demo's page, taken by the script of the browser test, which also

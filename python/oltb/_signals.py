@@ -1,6 +1,11 @@
 """The traceable signals, their event types, and the two records of the library's interface."""
 
+from __future__ import annotations
+
 import ctypes
+from typing import Iterable, Union
+
+from ._errors import ArgumentError, ArgumentTypeError, whole_number
 
 # In the order of the configuration record's fields, with each signal's event type.
 SIGNAL_TYPES = dict(
@@ -21,9 +26,25 @@ _NAMES_BY_TYPE = {number: name for name, number in SIGNAL_TYPES.items()}
 _NAMES_BY_LOWER = {name.lower(): name for name in SIGNALS}
 
 
-def signal_name(event_type):
-    """The signal of an event type, or "unknown"."""
-    return _NAMES_BY_TYPE.get(int(event_type), "unknown")
+def signal_name(event_type: int) -> str:
+    """The name of the signal of an event type.
+
+    Parameters
+    ----------
+    event_type : int
+        An event type, as in the ``type`` field of an event.
+
+    Returns
+    -------
+    str
+        The signal's name as in ``oltb signals``, or ``"unknown"``.
+
+    Raises
+    ------
+    Error
+        `event_type` is not a whole number (also a TypeError).
+    """
+    return _NAMES_BY_TYPE.get(whole_number("event_type", event_type, -(1 << 63), 1 << 64), "unknown")
 
 
 class TraceEvent(ctypes.Structure):
@@ -35,17 +56,19 @@ class ConfigRecord(ctypes.Structure):
     _fields_ = [("Version", ctypes.c_uint32)] + [(name, ctypes.c_bool) for name in SIGNALS]
 
 
-def config_record(signals):
+def config_record(signals: Union[str, Iterable[str]]) -> ConfigRecord:
     """A configuration record tracing exactly `signals` (names in any case, or "all")."""
     if isinstance(signals, str):
         signals = [name.strip() for name in signals.split(",")]
     record = ConfigRecord(Version=6)
     for name in signals:
+        if not isinstance(name, str):
+            raise ArgumentTypeError("signal names must be text, not %s" % type(name).__name__)
         if name.lower() == "all":
             for each in SIGNALS:
                 setattr(record, each, True)
         elif name.lower() in _NAMES_BY_LOWER:
             setattr(record, _NAMES_BY_LOWER[name.lower()], True)
         else:
-            raise ValueError("unknown signal %r (see: oltb signals)" % name)
+            raise ArgumentError("unknown signal %r (see: oltb signals)" % name)
     return record

@@ -23,14 +23,14 @@ for consumer in "$work/cmake/consumer" "$work/pkgconfig_consumer"; do
 done
 echo "install: a C program built with find_package and with pkg-config ran against the simulator"
 if [ -z "$arch" ]; then
-  # The README's Python example, with the installed package, its analysis library and the installed trace library.
+  # The README's Python example, with the installed package, which finds its analysis library beside itself and the
+  # trace library in the prefix's library folder.
   awk '/^```python$/ {getline; if ($0 == "import oltb") inside=1} /^```$/ {if (inside) exit} inside {print}' \
     "$here/../../README.md" |
     sed "s/127\.0\.0\.9/$address/" >"$work/example.py"
   [ -s "$work/example.py" ] || { echo "README.md has no Python example"; exit 1; }
   "$here/../api/with_simulator.sh" "${SIMULATOR:-$work/usr/bin/oltb-sim}" "$address" \
-    env PYTHONPATH="$(find "$work/usr" -type d -name dist-packages)" \
-    OLTB_LIBRARY="$(pkg-config --variable=libdir oltb)/libOLVEN.TALIX3.Native.TraceBufferLib.so" \
+    env -u OLTB_LIBRARY -u OLTB_ANALYSIS_LIBRARY PYTHONPATH="$(find "$work/usr" -type d -name dist-packages)" \
     timeout 60 /usr/bin/python3 "$work/example.py"
   echo "install: the README's Python example ran with the installed package"
 fi
