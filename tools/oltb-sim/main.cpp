@@ -226,6 +226,7 @@ int main(int argc, char** argv) {
     std::string malformedKind = "auto";
     std::string replayFile;
     bool repeat = false;
+    std::string jumpTableFile;
 
     CLI::App app{kDescription, "oltb-sim"};
     app.set_version_flag("--version", std::string("oltb-sim ") + OLTB_TOOL_VERSION);
@@ -268,10 +269,22 @@ int main(int argc, char** argv) {
     app.add_option("--max-acceleration", job.servo.maxAccelerationUnitsPerMs2, "Largest acceleration, units/ms^2")
         ->check(CLI::Range(1000.0, 1e9))
         ->capture_default_str();
-    app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
-        ->check(CLI::Range(0.0, 100000.0))
-        ->excludes(servo)
-        ->excludes(tracking);
+    auto* servoDelay = app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
+                           ->check(CLI::Range(0.0, 100000.0))
+                           ->excludes(servo)
+                           ->excludes(tracking);
+    app.add_option("--driver-filter-us", job.servo.driverFilterUs,
+                   "Time constant of a low pass in the driver in front of the loop, us (0: none)")
+        ->check(CLI::Range(0.0, 10000.0))
+        ->excludes(servoDelay)
+        ->capture_default_str();
+    app.add_option("--max-velocity", job.servo.maxVelocityUnitsPerMs, "Largest speed of each mirror axis, units/ms")
+        ->check(CLI::Range(1.0, 1e7))
+        ->excludes(servoDelay);
+    app.add_option("--max-edge-dose", job.maxEdgeDose,
+                   "Largest dose at the ends of a mark for --explain's best laser delays, times the nominal dose")
+        ->check(CLI::Range(1.0, 100.0))
+        ->capture_default_str();
 
     oltbsim::CardTiming& timing = job.timing;
     for (const auto& [name, value, help] : {
@@ -287,6 +300,7 @@ int main(int argc, char** argv) {
              std::tuple{"--laser-off-delay-us", &timing.laserOffDelayUs, "Gate off after a polyline's motion ends, us"}}) {
         app.add_option(name, *value, help)->check(CLI::Range(0.0, 100000.0))->capture_default_str();
     }
+    app.add_option("--jump-table", jumpTableFile, "Jump delay by jump length from FILE (rows: LENGTH DELAY_US)");
 
     app.add_option("--clock-start", settings.clockStartTick, "Card clock at the first Start, ticks (1/64 us)")
         ->capture_default_str();
@@ -319,6 +333,10 @@ int main(int argc, char** argv) {
         job.servo.trackingErrorUs = servoDelayUs;
     }
     job.servo.kind = servoKind == "delay" ? oltbsim::ServoKind::delay : oltbsim::ServoKind::secondOrder;
+    if (job.servo.kind == oltbsim::ServoKind::delay && (job.servo.driverFilterUs > 0 || job.servo.maxVelocityUnitsPerMs > 0)) {
+        std::fprintf(stderr, "oltb-sim: --driver-filter-us and --max-velocity need --servo second-order\n");
+        return ExitCode::exitBadOptions;
+    }
     if (job.servo.kind == oltbsim::ServoKind::secondOrder &&
         (job.servo.trackingErrorUs < 10 || job.servo.trackingErrorUs > 5000)) {
         std::fprintf(stderr, "oltb-sim: --tracking-error-us: must lie from 10 to 5000 us with --servo second-order\n");
@@ -368,6 +386,9 @@ int main(int argc, char** argv) {
             if (!jobFile.empty()) {
                 job.program = oltbsim::readJobFile(jobFile);
             }
+            if (!jumpTableFile.empty()) {
+                job.timing.jumpDelayTable = oltbsim::readJumpTable(jumpTableFile);
+            }
             if (printJob) {
                 std::fputs(job.program.text.c_str(), stdout);
                 return ExitCode::exitSuccess;
@@ -375,6 +396,9 @@ int main(int argc, char** argv) {
             markingJob.emplace(job);
         } catch (const oltbsim::JobFileError& e) {
             std::fprintf(stderr, "oltb-sim: %s\n", e.what());
+            return ExitCode::exitBadOptions;
+        } catch (const oltbsim::JumpTableError& e) {
+            std::fprintf(stderr, "oltb-sim: --jump-table: %s\n", e.what());
             return ExitCode::exitBadOptions;
         }
         if (explain) {
