@@ -12,7 +12,7 @@ namespace {
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kTicksPerUsF = static_cast<double>(kTicksPerUs);
-constexpr std::uint64_t kLongestSettleTicks = 20ULL * 64000000;  // a held mirror that moves longer never rests
+constexpr std::uint64_t kLongestSettleTicks = 20ULL * 64000000;  // a held mirror still moving then never settles
 constexpr int kBisections = 30;                                  // 1 us down to below 1e-9 us
 constexpr int kSpeedSamplesPerStep = 4;
 
@@ -211,13 +211,14 @@ JumpFigures settleJump(ServoModel mirror, const Trajectory& path, const Schedule
                            : static_cast<double>(jump.nextMotionTick - jump.motionEndTick) / kTicksPerUsF;
     double lastOutside = end;
     bool wasInside = inside(mirror.state());
-    bool rests = false;
+    bool known = false;  // the mirror stays in the band, and the overshoot until the next motion is seen
     while (mirror.tick() < jump.motionEndTick + kLongestSettleTicks) {
-        if (mirror.tick() < jump.nextMotionTick) {
+        const bool beforeNextMotion = mirror.tick() < jump.nextMotionTick;
+        if (beforeNextMotion) {
             figures.overshootUnits = std::max(figures.overshootUnits, dot(offset(mirror.position(), jump.to), direction));
         }
-        if (mirror.restsAt(jump.to)) {
-            rests = true;
+        if (mirror.staysWithin(jump.to, band) && (!beforeNextMotion || mirror.restsAt(jump.to))) {
+            known = true;
             break;
         }
         mirror.step(held);
@@ -231,8 +232,8 @@ JumpFigures settleJump(ServoModel mirror, const Trajectory& path, const Schedule
         }
         wasInside = isInside;
     }
-    figures.settleUs = rests ? (lastOutside - end) / kTicksPerUsF : kNaN;
-    figures.settled = rests && !(figures.settleUs > figures.windowUs);
+    figures.settleUs = known ? (lastOutside - end) / kTicksPerUsF : kNaN;
+    figures.settled = known && !(figures.settleUs > figures.windowUs);
     return figures;
 }
 

@@ -10,7 +10,7 @@
 //   best off       the earlier of: the speed along d1 falling below v / D (from the commanded end and the best on)
 //                  and the mirror reaching P1 along d1 (from the best on, once the command runs the last segment)
 //   settle         the last moment the mirror is outside the band around a jump's target, from the commanded end
-//                  of the jump, with the command held at the target until the mirror rests (a copy of the model)
+//                  of the jump, the command held at the target until the mirror stays in the band (a copy of the model)
 //   corner         rounding: the closest the mirror comes to the corner point from the start of the segment before
 //                  to the end of the segment after; edge dose: v over the mirror's lowest speed from the moment the
 //                  command reaches the corner until two lags after it leaves (the mirror a lag past the corner)

@@ -173,4 +173,19 @@ bool ServoModel::restsAt(const Point point) const noexcept {
                     rest(_now.position.y, _now.velocity.y, _filtered.y, py)) < 0.4;
 }
 
+// Without the acceleration limit the loop's (x - p)^2 + (v / w)^2 never grows while the input stands still, so
+// its square root bounds each axis from now on; what the driver filter has still to pass on adds at most twice its
+// offset. (The limit acts only far outside any band: beyond w^2 x = largest acceleration.)
+bool ServoModel::staysWithin(const Point point, const double radius) const noexcept {
+    const double dx = _now.position.x - static_cast<double>(point.x);
+    const double dy = _now.position.y - static_cast<double>(point.y);
+    if (_settings.kind == ServoKind::delay) {
+        return std::hypot(dx, dy) <= radius && _now.velocity.x == 0 && _now.velocity.y == 0;
+    }
+    const double w = _naturalFrequencyPerUs;
+    const double x = std::hypot(dx, _now.velocity.x / w) + 2 * std::fabs(_filtered.x - static_cast<double>(point.x));
+    const double y = std::hypot(dy, _now.velocity.y / w) + 2 * std::fabs(_filtered.y - static_cast<double>(point.y));
+    return std::hypot(x, y) <= radius;
+}
+
 }  // namespace oltbsim

@@ -78,6 +78,8 @@ public:
     MirrorState stateWithinStep(double tick, const Command& command) const;
     // True when the mirror stays within half a unit of `point` if the command keeps standing there.
     bool restsAt(Point point) const noexcept;
+    // True when the mirror stays within `radius` of `point` from now on if the command keeps standing there.
+    bool staysWithin(Point point, double radius) const noexcept;
 
 private:
     struct Axis {
