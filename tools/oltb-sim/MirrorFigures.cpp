@@ -81,24 +81,27 @@ public:
                    const std::size_t mark) {
         const Vec2 in = before.endDirection();
         const Vec2 out = after.startDirection();
-        corner = {mark, before.endTick, before.to,
-                  std::acos(std::clamp(dot(in, out), -1.0, 1.0)) * 180 / kPi,
+        const bool turns = length(in) > 0 && length(out) > 0;  // a segment of no length has no direction
+        const double angle = turns ? std::acos(std::clamp(dot(in, out), -1.0, 1.0)) * 180 / kPi : kNaN;
+        corner = {mark, before.endTick, before.to, angle,
                   static_cast<double>(after.startTick - before.endTick) / kTicksPerUsF, kNaN, kNaN};
         const double doseEnd = std::min(static_cast<double>(after.startTick) + 2 * _lagTicks,
                                         static_cast<double>(_mark.gateOffTick));
-        _corners.push_back({&corner, static_cast<double>(before.startTick), static_cast<double>(after.endTick),
+        // The mirror passes the end of the segment after a lag after the command does.
+        _corners.push_back({&corner, static_cast<double>(before.startTick), static_cast<double>(after.endTick) + _lagTicks,
                             static_cast<double>(before.endTick), doseEnd, INFINITY, INFINITY});
     }
 
     void observe(const Span& span) {
-        const auto gate = [&](const std::uint64_t tick) { return static_cast<double>(tick); };
-        if (span.from <= gate(_mark.gateOnTick) && gate(_mark.gateOnTick) <= span.to && _hasEdges) {
-            const MirrorState state = span.at(gate(_mark.gateOnTick));
+        const double on = static_cast<double>(_mark.gateOnTick);
+        const double off = static_cast<double>(_mark.gateOffTick);
+        if (_hasEdges && span.from <= on && on <= span.to) {
+            const MirrorState state = span.at(on);
             _figures.startMissing = dot(offset(state.position, _mark.segments.front().from), _startDirection);
             _figures.speedAtOn = dot(state.velocity, _startDirection) / _speed;
         }
-        if (span.from <= gate(_mark.gateOffTick) && gate(_mark.gateOffTick) <= span.to && _hasEdges) {
-            const MirrorState state = span.at(gate(_mark.gateOffTick));
+        if (_hasEdges && span.from <= off && off <= span.to) {
+            const MirrorState state = span.at(off);
             _figures.endMissing = -dot(offset(state.position, _mark.segments.back().to), _endDirection);
             _figures.speedAtOff = dot(state.velocity, _endDirection) / _speed;
         }

@@ -12,8 +12,9 @@
 //   settle         the last moment the mirror is outside the band around a jump's target, from the commanded end
 //                  of the jump, the command held at the target until the mirror stays in the band (a copy of the model)
 //   corner         rounding: the closest the mirror comes to the corner point from the start of the segment before
-//                  to the end of the segment after; edge dose: v over the mirror's lowest speed from the moment the
-//                  command reaches the corner until two lags after it leaves (the mirror a lag past the corner)
+//                  until a lag after the end of the segment after (the mirror passes a short segment late); edge
+//                  dose: v over the mirror's lowest speed from the moment the command reaches the corner until two
+//                  lags after it leaves (the mirror a lag past the corner)
 #pragma once
 
 #include "MarkingJob.h"
