@@ -16,7 +16,7 @@ std::vector<double> valuesOf(const std::string& text, const std::string& key) {
     std::vector<double> values;
     for (std::size_t at = text.find("\"" + key + "\": "); at != std::string::npos; at = text.find("\"" + key + "\": ", at + 1)) {
         const std::string rest = text.substr(at + key.size() + 4, 16);
-        values.push_back(rest.rfind("null", 0) == 0 ? NAN : std::stod(rest));
+        values.push_back(rest.rfind("null", 0) == 0 ? NAN : rest.rfind("true", 0) == 0 ? 1 : rest.rfind("false", 0) == 0 ? 0 : std::stod(rest));
     }
     return values;
 }
@@ -40,8 +40,8 @@ void expectAnalysisAgreesWithTheModel(const char* address, const std::vector<std
     oltbDisconnect(handle);
 
     const oltb::analysis::Result result = oltb::analysis::analyze(events);
-    EXPECT_NEAR(*result.trackingErrorXUs, valuesOf(truth, "tracking_error_us")[0], 2.0);
-    EXPECT_NEAR(*result.trackingErrorYUs, valuesOf(truth, "tracking_error_us")[0], 2.0);
+    EXPECT_NEAR(*result.trackingErrorXUs, valuesOf(truth, "least_squares_shift_us")[0], 2.0);
+    EXPECT_NEAR(*result.trackingErrorYUs, valuesOf(truth, "least_squares_shift_us")[0], 2.0);
     EXPECT_NEAR(*result.laserOnOffsetUs, valuesOf(truth, "laser_on_offset_us_median")[0], 3.0);
     EXPECT_NEAR(*result.laserOffOffsetUs, valuesOf(truth, "laser_off_offset_us_median")[0], 3.0);
     const std::vector<double> on = valuesOf(truth, "laser_on_offset_us"), off = valuesOf(truth, "laser_off_offset_us");
@@ -50,11 +50,11 @@ void expectAnalysisAgreesWithTheModel(const char* address, const std::vector<std
         EXPECT_NEAR(*result.marks[k].laserOnOffsetUs, on[k], 8.0) << "mark " << k;
         EXPECT_NEAR(*result.marks[k].laserOffOffsetUs, off[k], 8.0) << "mark " << k;
     }
-    const std::vector<double> settle = valuesOf(truth, "settle_us");
+    const std::vector<double> settle = valuesOf(truth, "settle_us"), settled = valuesOf(truth, "settled");
     ASSERT_EQ(result.jumps.size(), settle.size());
     for (std::size_t k = 0; k < settle.size(); ++k) {
         if (result.jumps[k].cutShort) continue;  // the trace ends before the last jump is decided
-        EXPECT_EQ(result.jumps[k].settled, !std::isnan(settle[k])) << "jump " << k;
+        EXPECT_EQ(result.jumps[k].settled, settled[k] == 1) << "jump " << k;
         if (result.jumps[k].settled) {
             EXPECT_NEAR(*result.jumps[k].settleUs, settle[k], 10.0) << "jump " << k;
         }

@@ -85,16 +85,25 @@ private:
     void carryOut(const JobCommand& command) {
         const Point target{command.x, command.y};
         switch (command.kind) {
-            case JobCommandKind::jump:
+            case JobCommandKind::jump: {
+                const Point from = _schedule.path.end();
                 jump(command.line, target);
-                hold(_timing.jumpDelayUs);
+                const double length = std::hypot(static_cast<double>(target.x - from.x),
+                                                 static_cast<double>(target.y - from.y));
+                hold(jumpDelayUs(_timing.jumpDelayTable, length, _timing.jumpDelayUs));
                 break;
-            case JobCommandKind::mark:
+            }
+            case JobCommandKind::mark: {
                 beginSegment(command.line);
+                ScheduledSegment segment = segmentFromHere();
                 _schedule.path.moveTo(target, _markSpeed);
-                _schedule.marks.back().motionEndTick = _schedule.path.durationTicks();
+                segment.to = target;
+                segment.lengthUnits = std::hypot(static_cast<double>(target.x - segment.from.x),
+                                                 static_cast<double>(target.y - segment.from.y));
+                endSegment(segment);
                 break;
-            case JobCommandKind::arc:
+            }
+            case JobCommandKind::arc: {
                 if (_schedule.path.end() == target) {
                     throw JobFileError(_program.source, command.line, "the arc's centre is the current position");
                 }
@@ -102,9 +111,18 @@ private:
                     throw JobFileError(_program.source, command.line, "the arc leaves the field (-524287..524287)");
                 }
                 beginSegment(command.line);
+                ScheduledSegment segment = segmentFromHere();
                 _schedule.path.arc(target, command.value * kPi / 180, _markSpeed);
-                _schedule.marks.back().motionEndTick = _schedule.path.durationTicks();
+                segment.to = _schedule.path.end();
+                segment.isArc = true;
+                segment.center = target;
+                segment.sweepRadians = command.value * kPi / 180;
+                segment.lengthUnits = std::hypot(static_cast<double>(segment.from.x - target.x),
+                                                 static_cast<double>(segment.from.y - target.y)) *
+                                      std::fabs(segment.sweepRadians);
+                endSegment(segment);
                 break;
+            }
             case JobCommandKind::label:
                 _lastLabel = static_cast<int>(command.number);
                 _schedule.labels.push_back({_schedule.path.durationTicks(), static_cast<std::uint16_t>(command.number)});
@@ -170,6 +188,19 @@ private:
         noteMotion();
     }
 
+    ScheduledSegment segmentFromHere() const {
+        ScheduledSegment segment;
+        segment.from = _schedule.path.end();
+        segment.startTick = _schedule.path.durationTicks();
+        return segment;
+    }
+
+    void endSegment(ScheduledSegment& segment) {
+        segment.endTick = _schedule.path.durationTicks();
+        _schedule.marks.back().motionEndTick = segment.endTick;
+        _schedule.marks.back().segments.push_back(segment);
+    }
+
     void endPolyline() {
         _inPolyline = false;
         ScheduledMark& mark = _schedule.marks.back();
@@ -193,7 +224,40 @@ private:
     int _lastLabel = -1;
 };
 
+Vec2 unit(const double x, const double y) {
+    const double length = std::hypot(x, y);
+    return length > 0 ? Vec2{x / length, y / length} : Vec2{};
+}
+
+// The tangent of an arc at `at`, in the sense of the turn.
+Vec2 arcTangent(const Point at, const Point center, const double sweep) {
+    const Vec2 radius = unit(static_cast<double>(at.x - center.x), static_cast<double>(at.y - center.y));
+    return sweep > 0 ? Vec2{-radius.y, radius.x} : Vec2{radius.y, -radius.x};
+}
+
 }  // namespace
+
+Vec2 ScheduledSegment::startDirection() const {
+    if (lengthUnits <= 0) {
+        return {};
+    }
+    return isArc ? arcTangent(from, center, sweepRadians)
+                 : unit(static_cast<double>(to.x - from.x), static_cast<double>(to.y - from.y));
+}
+
+Vec2 ScheduledSegment::endDirection() const {
+    if (lengthUnits <= 0) {
+        return {};
+    }
+    if (!isArc) {
+        return startDirection();
+    }
+    // The exact end of the arc, not its end point rounded to whole units.
+    const double angle = std::atan2(static_cast<double>(from.y - center.y), static_cast<double>(from.x - center.x)) +
+                         sweepRadians;
+    const Vec2 tangent{-std::sin(angle), std::cos(angle)};
+    return sweepRadians > 0 ? tangent : Vec2{-tangent.x, -tangent.y};
+}
 
 JobSchedule scheduleJob(const JobProgram& program, const CardTiming& timing, const std::uint64_t jobStartTick) {
     return Scheduler(program, timing).run(jobStartTick);

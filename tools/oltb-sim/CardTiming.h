@@ -11,6 +11,7 @@
 #pragma once
 
 #include "JobFile.h"
+#include "JumpTable.h"
 #include "Trajectory.h"
 
 #include <cstdint>
@@ -30,11 +31,28 @@ struct CardTiming {
     double polygonDelayUs = 50;
     double laserOnDelayUs = 200;
     double laserOffDelayUs = 290;
+    std::vector<JumpDelayRow> jumpDelayTable = {};  // the variable jump delay; empty: jumpDelayUs for every jump
 };
 
 struct Label {
     std::uint64_t tick = 0;
     std::uint16_t number = 0;
+};
+
+// One mark or arc command of a polyline as the commanded path runs it.
+struct ScheduledSegment {
+    Point from;
+    Point to;
+    bool isArc = false;
+    Point center;               // of an arc
+    double sweepRadians = 0;    // of an arc; > 0 counterclockwise
+    double lengthUnits = 0;
+    std::uint64_t startTick = 0;
+    std::uint64_t endTick = 0;
+    // The unit direction of the path where the segment starts and where it ends (the tangent on an arc); zero for a
+    // segment of no length.
+    Vec2 startDirection() const;
+    Vec2 endDirection() const;
 };
 
 // One polyline: the laser is on once, from gateOnTick to gateOffTick.
@@ -48,6 +66,7 @@ struct ScheduledMark {
     std::uint64_t gateOffTick = 0;
     int startLabel = -1;            // the last label before the polyline, -1 if none
     int endLabel = -1;              // the first label after it, -1 if none
+    std::vector<ScheduledSegment> segments;
 };
 
 struct ScheduledJump {

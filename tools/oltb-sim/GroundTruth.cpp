@@ -113,7 +113,7 @@ std::string number(const double value) {
         return "null";
     }
     char text[64];
-    std::snprintf(text, sizeof text, "%.3f", value);
+    std::snprintf(text, sizeof text, "%.3f", std::fabs(value) < 0.0005 ? 0.0 : value);  // no "-0.000"
     return text;
 }
 
@@ -155,8 +155,15 @@ double median(std::vector<double> values) {
 
 JobTruth explainJob(const MarkingJob& job) {
     JobTruth truth;
-    truth.trackingErrorUs = leastSquaresShiftUs(job);
-    const double shiftTicks = truth.trackingErrorUs * static_cast<double>(kTicksPerUs);
+    truth.mirror = measureMirror(job);
+    double fastestMark = job.marks().empty() ? job.settings().timing.markSpeedUnitsPerMs : 0;
+    for (const MarkFigures& mark : truth.mirror.marks) {
+        fastestMark = std::max(fastestMark, mark.markSpeedUnitsPerMs);
+    }
+    truth.trackingErrorUs = steadyLagUs(job.settings().servo, fastestMark);
+    truth.leastSquaresShiftUs = leastSquaresShiftUs(job);
+    const double lagUs = std::isfinite(truth.trackingErrorUs) ? truth.trackingErrorUs : truth.leastSquaresShiftUs;
+    const double shiftTicks = lagUs * static_cast<double>(kTicksPerUs);
     for (const ScheduledMark& mark : job.marks()) {
         MarkTruth result;
         result.gateOnUs = usFromJobStart(job, static_cast<double>(mark.gateOnTick));
@@ -174,6 +181,7 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
     const JobSettings& settings = job.settings();
     const CardTiming& timing = settings.timing;
     const ServoSettings& servo = settings.servo;
+    const auto positiveOrNull = [](const double value) { return value > 0 ? number(value) : std::string("null"); };
     std::string out = "{\n";
     const auto field = [&out](const char* name, const std::string& value) {
         out += "  \"" + std::string(name) + "\": " + value + ",\n";
@@ -184,17 +192,28 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
     field("set_tracking_error_us", number(servo.trackingErrorUs));
     field("damping", number(servo.damping));
     field("max_acceleration_units_per_ms2", number(servo.maxAccelerationUnitsPerMs2));
+    field("driver_filter_us", number(servo.driverFilterUs));
+    field("max_velocity_units_per_ms", positiveOrNull(servo.maxVelocityUnitsPerMs));
     field("jump_speed_units_per_ms", number(timing.jumpSpeedUnitsPerMs));
     field("mark_speed_units_per_ms", number(timing.markSpeedUnitsPerMs));
     field("jump_delay_us", number(timing.jumpDelayUs));
+    std::string table = "null";
+    for (std::size_t i = 0; i < timing.jumpDelayTable.size(); ++i) {
+        const JumpDelayRow& row = timing.jumpDelayTable[i];
+        table = (i == 0 ? "[" : table + ", ") + "{\"up_to_length\": " + number(row.lengthUnits) +
+                ", \"delay_us\": " + number(row.delayUs) + "}";
+    }
+    field("jump_table", timing.jumpDelayTable.empty() ? table : table + "]");
     field("mark_delay_us", number(timing.markDelayUs));
     field("polygon_delay_us", number(timing.polygonDelayUs));
     field("laser_on_delay_us", number(timing.laserOnDelayUs));
     field("laser_off_delay_us", number(timing.laserOffDelayUs));
     field("settle_band_units", number(settings.settleBandUnits));
+    field("max_edge_dose", number(settings.maxEdgeDose));
     field("job_duration_us", number(usFromJobStart(job, static_cast<double>(job.jobEndTick()))));
     field("cycle_us", number(static_cast<double>(job.cycleTicks()) / static_cast<double>(kTicksPerUs)));
     field("tracking_error_us", number(truth.trackingErrorUs));
+    field("least_squares_shift_us", number(truth.leastSquaresShiftUs));
     std::vector<double> onOffsets;
     std::vector<double> offOffsets;
     for (const MarkTruth& mark : truth.marks) {
@@ -203,6 +222,18 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
     }
     field("laser_on_offset_us_median", number(median(onOffsets)));
     field("laser_off_offset_us_median", number(median(offOffsets)));
+    std::vector<double> bestOn;
+    std::vector<double> bestOff;
+    for (const MarkFigures& mark : truth.mirror.marks) {
+        if (std::isfinite(mark.bestLaserOnDelayUs)) {
+            bestOn.push_back(mark.bestLaserOnDelayUs);
+        }
+        if (std::isfinite(mark.bestLaserOffDelayUs)) {
+            bestOff.push_back(mark.bestLaserOffDelayUs);
+        }
+    }
+    field("best_laser_on_delay_us", number(median(bestOn)));
+    field("best_laser_off_delay_us", number(median(bestOff)));
 
     out += "  \"labels\": [";
     for (std::size_t i = 0; i < job.labels().size(); ++i) {
@@ -216,33 +247,52 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
     for (std::size_t i = 0; i < truth.marks.size(); ++i) {
         const ScheduledMark& mark = job.marks()[i];
         const MarkTruth& result = truth.marks[i];
+        const MarkFigures& figures = truth.mirror.marks[i];
         out += std::string(i == 0 ? "\n" : ",\n") + "    {\"index\": " + std::to_string(i) +
                ", \"line\": " + std::to_string(mark.line) + ", \"start_label\": " + labelOrNull(mark.startLabel) +
                ", \"end_label\": " + labelOrNull(mark.endLabel) + ", \"power\": " + std::to_string(mark.power) +
-               ", \"start\": " + point(mark.startPoint) + ", \"gate_on_us\": " + number(result.gateOnUs) +
-               ", \"gate_off_us\": " + number(result.gateOffUs) + ", \"motion_start_us\": " +
-               number(result.motionStartUs) + ", \"motion_end_us\": " + number(result.motionEndUs) +
-               ", \"laser_on_offset_us\": " + number(result.laserOnOffsetUs) +
-               ", \"laser_off_offset_us\": " + number(result.laserOffOffsetUs) + "}";
+               ", \"start\": " + point(mark.startPoint) + ", \"end\": " + point(mark.segments.back().to) +
+               ", \"mark_speed\": " + number(figures.markSpeedUnitsPerMs) + ", \"gate_on_us\": " +
+               number(result.gateOnUs) + ", \"gate_off_us\": " + number(result.gateOffUs) +
+               ", \"motion_start_us\": " + number(result.motionStartUs) + ", \"motion_end_us\": " +
+               number(result.motionEndUs) + ", \"laser_on_offset_us\": " + number(result.laserOnOffsetUs) +
+               ", \"laser_off_offset_us\": " + number(result.laserOffOffsetUs) +
+               ", \"start_missing\": " + number(figures.startMissing) + ", \"end_missing\": " +
+               number(figures.endMissing) + ", \"speed_at_on\": " + number(figures.speedAtOn) +
+               ", \"speed_at_off\": " + number(figures.speedAtOff) + ", \"best_laser_on_delay_us\": " +
+               number(figures.bestLaserOnDelayUs) + ", \"best_laser_off_delay_us\": " +
+               number(figures.bestLaserOffDelayUs) + ", \"start_missing_at_best\": " +
+               number(figures.startMissingAtBest) + ", \"end_missing_at_best\": " +
+               number(figures.endMissingAtBest) + "}";
     }
     out += truth.marks.empty() ? "],\n" : "\n  ],\n";
 
     out += "  \"jumps\": [";
     for (std::size_t i = 0; i < job.jumps().size(); ++i) {
         const ScheduledJump& jump = job.jumps()[i];
-        const JumpArrival& arrival = job.arrivals()[i];
+        const JumpFigures& figures = truth.mirror.jumps[i];
         const double length = std::hypot(static_cast<double>(jump.to.x - jump.from.x),
                                          static_cast<double>(jump.to.y - jump.from.y));
-        const double settleUs = arrival.settleTicks < 0 ? std::numeric_limits<double>::quiet_NaN()
-                                                        : arrival.settleTicks / static_cast<double>(kTicksPerUs);
         out += std::string(i == 0 ? "\n" : ",\n") + "    {\"index\": " + std::to_string(i) + ", \"line\": " +
                (jump.line > 0 ? std::to_string(jump.line) : std::string("null")) + ", \"from\": " +
                point(jump.from) + ", \"to\": " + point(jump.to) + ", \"length\": " + number(length) +
                ", \"end_us\": " + number(usFromJobStart(job, static_cast<double>(jump.motionEndTick))) +
-               ", \"settle_us\": " + number(settleUs) + ", \"overshoot_units\": " +
-               number(arrival.overshootUnits) + "}";
+               ", \"window_us\": " + number(figures.windowUs) + ", \"settle_us\": " + number(figures.settleUs) +
+               ", \"settled\": " + (figures.settled ? "true" : "false") + ", \"overshoot_units\": " +
+               number(figures.overshootUnits) + "}";
     }
-    out += job.jumps().empty() ? "]\n" : "\n  ]\n";
+    out += job.jumps().empty() ? "],\n" : "\n  ],\n";
+
+    out += "  \"corners\": [";
+    for (std::size_t i = 0; i < truth.mirror.corners.size(); ++i) {
+        const CornerFigures& corner = truth.mirror.corners[i];
+        out += std::string(i == 0 ? "\n" : ",\n") + "    {\"mark\": " + std::to_string(corner.mark) +
+               ", \"at_us\": " + number(usFromJobStart(job, static_cast<double>(corner.atTick))) +
+               ", \"point\": " + point(corner.point) + ", \"angle_deg\": " + number(corner.angleDeg) +
+               ", \"polygon_delay_us\": " + number(corner.polygonDelayUs) + ", \"rounding\": " +
+               number(corner.rounding) + ", \"edge_dose\": " + number(corner.edgeDose) + "}";
+    }
+    out += truth.mirror.corners.empty() ? "]\n" : "\n  ]\n";
     return out + "}\n";
 }
 

@@ -1,15 +1,18 @@
 // What an analysis of a trace of the job should find, computed from the model (oltb-sim --explain):
-//   tracking error  the shift tau that brings commanded(t - tau) closest to actual(t), least squares over the
-//                   samples taken while the gate is on;
-//   per polyline    its motion is the commanded one shifted by tau; the laser-on offset is the gate-on time minus
-//                   the start of that motion, the laser-off offset the gate-off time minus its end (positive: the
-//                   laser switches later than the mirror);
-//   per jump        the settle time from the commanded arrival until the mirror stays within the band around the
-//                   target, and the overshoot beyond the target.
+//   tracking error  the head's steady lag: how far behind the command the mirror runs at constant speed (none when
+//                   the velocity limit keeps the mirror below the mark speed); beside it the least-squares shift
+//                   tau that brings commanded(t - tau) closest to actual(t) over the samples taken while the gate
+//                   is on;
+//   per polyline    its motion is the commanded one shifted by the lag; the laser-on offset is the gate-on time
+//                   minus the start of that motion, the laser-off offset the gate-off time minus its end (positive:
+//                   the laser switches later than the mirror); and what the mirror really does at the gate edges
+//                   (MirrorFigures);
+//   per jump, per corner  MirrorFigures.
 // Times are microseconds from the job's first command.
 #pragma once
 
 #include "MarkingJob.h"
+#include "MirrorFigures.h"
 
 #include <string>
 #include <vector>
@@ -26,11 +29,12 @@ struct MarkTruth {
 };
 
 struct JobTruth {
-    double trackingErrorUs = 0;
-    std::vector<MarkTruth> marks;  // one per polyline of the job
+    double trackingErrorUs = 0;       // the steady lag; NaN when there is none
+    double leastSquaresShiftUs = 0;
+    std::vector<MarkTruth> marks;     // one per polyline of the job
+    MirrorFigures mirror;
 };
 
-// The least-squares tracking error; the job's jumps come from MarkingJob::arrivals().
 JobTruth explainJob(const MarkingJob& job);
 
 // The explanation as one JSON object: the settings, the truth, every label, polyline and jump.

@@ -38,53 +38,6 @@ constexpr PowerLine kPowerLines[] = {
     {oltbEventLaserPower1_4, 4, 1},   {oltbEventLaserPower1_2, 2, 1},   {oltbEventLaserPower1_1, 1, 1},
 };
 
-// Watches the mirror after one jump, from the commanded arrival until the path moves on: the last time it came
-// into the band (between two steps, linearly) and how far it went beyond the target.
-class ArrivalWatch {
-public:
-    ArrivalWatch(const ScheduledJump& jump, const double band) : _jump(jump), _band(band) {
-        const double dx = static_cast<double>(jump.to.x - jump.from.x);
-        const double dy = static_cast<double>(jump.to.y - jump.from.y);
-        const double length = std::hypot(dx, dy);
-        _direction = length > 0 ? Vec2{dx / length, dy / length} : Vec2{};
-    }
-
-    bool covers(const std::uint64_t tick) const { return tick >= _jump.motionEndTick && tick < _jump.nextMotionTick; }
-
-    void observe(const std::uint64_t tick, const Vec2 position) {
-        const double dx = position.x - static_cast<double>(_jump.to.x);
-        const double dy = position.y - static_cast<double>(_jump.to.y);
-        const double distance = std::hypot(dx, dy);
-        _arrival.overshootUnits = std::max(_arrival.overshootUnits, dx * _direction.x + dy * _direction.y);
-        const bool inside = distance <= _band;
-        if (inside && !_started) {
-            _arrival.settleTicks = 0;
-        } else if (inside && !_inside) {
-            const double fraction = (_lastDistance - _band) / (_lastDistance - distance);
-            _arrival.settleTicks = static_cast<double>(_lastTick - _jump.motionEndTick) +
-                                   fraction * static_cast<double>(ServoModel::kStepTicks);
-        } else if (!inside) {
-            _arrival.settleTicks = -1;
-        }
-        _started = true;
-        _inside = inside;
-        _lastTick = tick;
-        _lastDistance = distance;
-    }
-
-    JumpArrival arrival() const { return _arrival; }
-
-private:
-    const ScheduledJump& _jump;
-    double _band;
-    Vec2 _direction;
-    JumpArrival _arrival;
-    bool _started = false;
-    bool _inside = false;
-    std::uint64_t _lastTick = 0;
-    double _lastDistance = 0;
-};
-
 }  // namespace
 
 MarkingJob::MarkingJob(const JobSettings& settings)
@@ -93,36 +46,24 @@ MarkingJob::MarkingJob(const JobSettings& settings)
     buildSignals();
 }
 
-// Runs the mirrors over the whole cycle, step by step from rest at home: keeps the samples, watches the arrivals
-// after the jumps, and ends the cycle after the pause once the mirrors rest at home again.
+// Runs the mirrors over the whole cycle, step by step from rest at home: keeps the samples, and ends the cycle
+// after the pause once the mirrors rest at home again.
 void MarkingJob::followPath() {
     ServoModel mirror(_settings.servo);
     mirror.reset(Point{0, 0}, 0);
-    std::vector<ArrivalWatch> watches;
-    for (const ScheduledJump& jump : _schedule.jumps) {
-        watches.emplace_back(jump, _settings.settleBandUnits);
-    }
+    const PathCommand command(_schedule.path);
     const std::uint64_t pauseEnd = _schedule.jobEndTick + _settings.pauseTicks;
     std::uint64_t restFrom = _schedule.homeTick;
     if (_settings.servo.kind == ServoKind::delay) {
         restFrom += static_cast<std::uint64_t>(std::llround(_settings.servo.trackingErrorUs * 64));
     }
     const std::uint64_t lastTick = std::max(pauseEnd, restFrom) + kLongestRestTicks;
-    std::size_t firstWatch = 0;
     std::uint64_t restTick = 0;
     _actual.push_back({0, 0});
     while (mirror.tick() < lastTick) {
-        mirror.step(_schedule.path);
+        mirror.step(command);
         const std::uint64_t tick = mirror.tick();
         const Vec2 position = mirror.position();
-        while (firstWatch < watches.size() && tick >= _schedule.jumps[firstWatch].nextMotionTick) {
-            ++firstWatch;
-        }
-        for (std::size_t i = firstWatch; i < watches.size() && tick >= _schedule.jumps[i].motionEndTick; ++i) {
-            if (watches[i].covers(tick)) {
-                watches[i].observe(tick, position);
-            }
-        }
         if (tick % kSamplePeriodTicks == 0) {
             const auto clamp = [](const double value) {
                 const double limit = static_cast<double>(kFieldLimitUnits);
@@ -136,9 +77,6 @@ void MarkingJob::followPath() {
         }
     }
     _cycleTicks = roundUpTo(std::max({pauseEnd, restTick, mirror.tick()}), kSamplePeriodTicks);
-    for (const ArrivalWatch& watch : watches) {
-        _arrivals.push_back(watch.arrival());
-    }
 }
 
 void MarkingJob::addChange(const std::uint32_t type, const std::uint64_t tick, const std::uint32_t value) {

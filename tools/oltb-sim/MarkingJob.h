@@ -32,6 +32,7 @@ struct JobSettings {
     ServoSettings servo;
     std::uint64_t pauseTicks = 50 * 64000;  // 50 ms
     double settleBandUnits = 100;           // a jump has settled once the mirror stays this close to its target
+    double maxEdgeDose = 2;                 // the largest dose an end of a mark may take, for --explain's best delays
 };
 
 struct Position3 {
@@ -45,12 +46,6 @@ struct SignalChange {
     std::uint32_t value = 0;
 };
 
-// How the mirror arrived after a jump, within the time until the commanded path moves on.
-struct JumpArrival {
-    double settleTicks = -1;    // from the commanded arrival until it stays within the band; -1: it never does
-    double overshootUnits = 0;  // furthest beyond the target, along the jump
-};
-
 class MarkingJob {
 public:
     static constexpr std::uint64_t kSamplePeriodTicks = kServoPeriodTicks;  // positions every 10 us
@@ -62,11 +57,11 @@ public:
     std::uint64_t cycleTicks() const noexcept { return _cycleTicks; }
     std::uint64_t jobStartTick() const noexcept { return _schedule.jobStartTick; }  // the first command
     std::uint64_t jobEndTick() const noexcept { return _schedule.jobEndTick; }      // the last command done
+    std::uint64_t homeTick() const noexcept { return _schedule.homeTick; }          // the path is back home
     const JobSettings& settings() const noexcept { return _settings; }
     const Trajectory& path() const noexcept { return _schedule.path; }
     const std::vector<ScheduledMark>& marks() const noexcept { return _schedule.marks; }
     const std::vector<ScheduledJump>& jumps() const noexcept { return _schedule.jumps; }
-    const std::vector<JumpArrival>& arrivals() const noexcept { return _arrivals; }  // one per jump
     const std::vector<Label>& labels() const noexcept { return _schedule.labels; }
 
     // Head positions in signed units, for a tick from the cycle start (earlier ticks: at home). The actual
@@ -95,7 +90,6 @@ private:
     JobSchedule _schedule;
     std::uint64_t _cycleTicks = 0;
     std::vector<Sample> _actual;  // head 0, every sample period from the cycle start; later ones are at home
-    std::vector<JumpArrival> _arrivals;
     std::array<std::vector<SignalChange>, 128> _changes;
 };
 

@@ -72,19 +72,42 @@ Point Trajectory::evaluate(const Piece& piece, const std::uint64_t elapsedTicks)
     return piece.from;
 }
 
+// The last piece that starts at or before `tick`, if the path runs then.
+const Trajectory::Piece* Trajectory::pieceAt(const std::uint64_t tick) const {
+    if (_pieces.empty() || tick >= _durationTicks) {
+        return nullptr;
+    }
+    const auto next = std::upper_bound(_pieces.begin(), _pieces.end(), tick,
+                                       [](std::uint64_t value, const Piece& piece) { return value < piece.startTick; });
+    return &*(next - 1);
+}
+
 Point Trajectory::at(const std::int64_t tick) const {
     if (_pieces.empty() || tick <= 0) {
         return _start;
     }
     const auto t = static_cast<std::uint64_t>(tick);
-    if (t >= _durationTicks) {
-        return _end;
+    const Piece* piece = pieceAt(t);
+    return piece == nullptr ? _end : evaluate(*piece, t - piece->startTick);
+}
+
+Vec2 Trajectory::velocity(const double tick) const {
+    if (tick < 0) {
+        return {};
     }
-    // The last piece that starts at or before t.
-    const auto next = std::upper_bound(_pieces.begin(), _pieces.end(), t,
-                                       [](std::uint64_t value, const Piece& piece) { return value < piece.startTick; });
-    const Piece& piece = *(next - 1);
-    return evaluate(piece, t - piece.startTick);
+    const Piece* piece = pieceAt(static_cast<std::uint64_t>(std::floor(tick)));
+    if (piece == nullptr || piece->kind == Kind::dwell) {
+        return {};
+    }
+    const double durationUs = static_cast<double>(piece->durationTicks) / 64.0;
+    if (piece->kind == Kind::line) {
+        return {static_cast<double>(piece->to.x - piece->from.x) / durationUs,
+                static_cast<double>(piece->to.y - piece->from.y) / durationUs};
+    }
+    const double fraction = (tick - static_cast<double>(piece->startTick)) / static_cast<double>(piece->durationTicks);
+    const double angle = piece->startAngle + piece->sweep * fraction;
+    const double speed = piece->radius * piece->sweep / durationUs;  // signed: the sense of the turn
+    return {-speed * std::sin(angle), speed * std::cos(angle)};
 }
 
 Vec2 Trajectory::interpolated(const double tick) const {

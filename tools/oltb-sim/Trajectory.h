@@ -34,6 +34,9 @@ public:
     Point at(std::int64_t tick) const;
     // The position between two ticks, linear from the one to the other.
     Vec2 interpolated(double tick) const;
+    // The velocity of the path as it leaves `tick` (units/us): along the piece that starts at or before it, exact
+    // (not from the rounded positions); 0 before the start and from the end on.
+    Vec2 velocity(double tick) const;
 
     std::uint64_t durationTicks() const noexcept { return _durationTicks; }
     Point end() const noexcept { return _end; }
@@ -53,6 +56,7 @@ private:
     };
 
     static Point evaluate(const Piece& piece, std::uint64_t elapsedTicks);
+    const Piece* pieceAt(std::uint64_t tick) const;
     void append(Piece piece);
 
     Point _start;

@@ -77,27 +77,67 @@ THE CARD'S TIMING
   commanded motion of a polyline starts and off the laser-off delay after it ends; the next command
   waits for the mark delay after the end, and at least until the gate is off. The commanded path runs
   on the card's 10 us period (moves and delays round up to it); the gate edges fall on any tick.
+  --jump-table FILE gives the card a variable jump delay: a jump of length L waits the delay of the
+  first row whose length is L or more, beyond the last row that row's delay. The file holds one row
+  "LENGTH DELAY_US" a line (units and us, lengths ascending, at most 256 rows, at most 1 MiB); lines
+  starting with '#' and blank lines are skipped. Anything else is refused as
+  "oltb-sim: --jump-table: FILE:LINE: what is wrong" (exit code 1). Example:
+    # length   delay_us
+    10000      300
+    100000     800
+    1000000    1500
 
 THE SCAN HEAD (--servo)
   second-order (default): each mirror axis follows the commanded path through a position loop with
-  natural frequency w and damping z, a = w^2 (commanded - actual) - 2 z w v, the acceleration limited
+  natural frequency w and damping z, a = w^2 (input - actual) - 2 z w v, the acceleration limited
   to --max-acceleration, integrated in steps of 1 us or finer. At constant speed the mirror trails by
   the tracking error 2 z / w (--tracking-error-us, 10..5000); with --damping below 1 it overshoots and
   rings after a jump or a corner, at 1 and above it does not while the acceleration stays below the
-  limit (long jumps at the defaults reach it). delay: the actual positions are the commanded ones
-  delayed by the tracking error (0..100000), no dynamics.
+  limit (long jumps at the defaults reach it). Heads built differently:
+    --driver-filter-us T   a low pass in the driver in front of the loop (first order, time constant
+                           T us): the loop follows the filtered command, so the mirror starts and stops
+                           softer and trails by the tracking error plus T at constant speed.
+    --max-velocity V       no axis moves faster than V units/ms: long jumps run at V and take longer
+                           to arrive; below the mark speed the mirror never catches up with a mark and
+                           has no steady lag.
+  delay: the actual positions are the commanded ones delayed by the tracking error (0..100000), no
+  dynamics: the mirror starts and stops at once, the lag of a perfect head (no filter, no limit).
 
 WHAT AN ANALYSIS SHOULD FIND (--explain)
-  Prints one JSON object computed from the model (not from a trace) and exits. Times are in us from the
-  job's first command (label 1 of the built-in job). "tracking_error_us": the shift tau that brings the
-  commanded position at t - tau closest to the actual one at t (least squares over the samples taken
-  while the gate is on). "marks", one per polyline: "gate_on_us", "gate_off_us", the mirror's motion
-  (the commanded motion shifted by tau) "motion_start_us", "motion_end_us", and "laser_on_offset_us"
-  = gate on - motion start, "laser_off_offset_us" = gate off - motion end (positive: the laser later
-  than the mirror), with the labels before and after it. "jumps": "from", "to", "length", the
-  commanded arrival "end_us", "settle_us" from then until the mirror stays within --settle-band of the
-  target (null: not before the path moves on) and "overshoot_units" beyond the target. Also the
-  settings, the medians of the offsets and every label with its time.
+  Prints one JSON object computed from the model's exact mirror motion (not from a trace) and exits;
+  a figure that does not exist is null. Times are in us from the job's first command (label 1 of the
+  built-in job), positions in head units, speeds in units/ms.
+  The head: "tracking_error_us" is its steady lag, how long after the command the mirror passes the
+  same point at constant speed (the tracking error, plus the driver filter; the delay of the delay
+  head; null when the velocity limit is below the mark speed). "least_squares_shift_us" is the shift
+  that brings the command closest to the mirror over the samples under the gate.
+  "marks", one per polyline, with its commanded "start" and "end" point, "mark_speed" (its length over
+  its moving time) and the gate times "gate_on_us", "gate_off_us". What lands on the part:
+  "start_missing" is how far the mirror already is along the mark's first direction when the gate
+  opens (units of the start not marked; negative: the laser came on before the mirror reached the
+  start), "end_missing" how far it still is from the end along the last direction when the gate
+  closes (negative: it marked past the end); "speed_at_on", "speed_at_off" are the mirror's speed
+  along the mark at the gate edges as a fraction of the mark speed: the dose there is 1 / speed (a
+  speed near 0 burns a dot). Best gate times for --max-edge-dose D (default 2, 1..100): the laser
+  comes on when the mirror first moves along the mark at mark speed / D ("best_laser_on_delay_us"
+  after the commanded start), and goes off when, after the commanded end, its speed along the mark
+  falls below mark speed / D or it reaches the end point, whichever is first
+  ("best_laser_off_delay_us" after the commanded end); "start_missing_at_best", "end_missing_at_best"
+  are what those leave unmarked. The top level has the medians of the best delays. A mirror that
+  starts from rest cannot give both: a larger D marks more of each end and burns more there.
+  "laser_on_offset_us", "laser_off_offset_us": gate on - (commanded start + lag), gate off -
+  (commanded end + lag), with "motion_start_us", "motion_end_us" (the command shifted by the lag).
+  "jumps": "from", "to", "length", the commanded arrival "end_us", "window_us" until the command
+  moves again (null after the last), "settle_us", the last time the mirror leaves the band of
+  --settle-band units around the target, counted from the arrival, when the command stays at the
+  target (the mirror passing through the band at speed is not arrival), "settled" when that is within
+  the window, and "overshoot_units" beyond the target until the next motion.
+  "corners", one per corner of a polyline: "mark", the time "at_us" the command reaches it, "point",
+  "angle_deg" (0 straight on, 90 a right angle, 180 back), "polygon_delay_us" the command stands there,
+  "rounding", the closest the mirror comes to the corner point (a rounded corner), and "edge_dose",
+  mark speed over the mirror's lowest speed from the command reaching the corner until two lags after
+  it leaves (a dot at the corner: up to 100). Also the settings, every label with its time, and
+  "jump_table", the rows in use (null without --jump-table).
 
 SIGNALS PRODUCED (all others stay silent)
     Head0/Head1 TxX TxY TxZ   commanded positions, one word each every 10 us (640 ticks)
@@ -226,6 +266,7 @@ int main(int argc, char** argv) {
     std::string malformedKind = "auto";
     std::string replayFile;
     bool repeat = false;
+    std::string jumpTableFile;
 
     CLI::App app{kDescription, "oltb-sim"};
     app.set_version_flag("--version", std::string("oltb-sim ") + OLTB_TOOL_VERSION);
@@ -268,10 +309,22 @@ int main(int argc, char** argv) {
     app.add_option("--max-acceleration", job.servo.maxAccelerationUnitsPerMs2, "Largest acceleration, units/ms^2")
         ->check(CLI::Range(1000.0, 1e9))
         ->capture_default_str();
-    app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
-        ->check(CLI::Range(0.0, 100000.0))
-        ->excludes(servo)
-        ->excludes(tracking);
+    auto* servoDelay = app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
+                           ->check(CLI::Range(0.0, 100000.0))
+                           ->excludes(servo)
+                           ->excludes(tracking);
+    app.add_option("--driver-filter-us", job.servo.driverFilterUs,
+                   "Time constant of a low pass in the driver in front of the loop, us (0: none)")
+        ->check(CLI::Range(0.0, 10000.0))
+        ->excludes(servoDelay)
+        ->capture_default_str();
+    app.add_option("--max-velocity", job.servo.maxVelocityUnitsPerMs, "Largest speed of each mirror axis, units/ms")
+        ->check(CLI::Range(1.0, 1e7))
+        ->excludes(servoDelay);
+    app.add_option("--max-edge-dose", job.maxEdgeDose,
+                   "Largest dose at the ends of a mark for --explain's best laser delays (times the nominal)")
+        ->check(CLI::Range(1.0, 100.0))
+        ->capture_default_str();
 
     oltbsim::CardTiming& timing = job.timing;
     for (const auto& [name, value, help] : {
@@ -287,6 +340,7 @@ int main(int argc, char** argv) {
              std::tuple{"--laser-off-delay-us", &timing.laserOffDelayUs, "Gate off after a polyline's motion ends, us"}}) {
         app.add_option(name, *value, help)->check(CLI::Range(0.0, 100000.0))->capture_default_str();
     }
+    app.add_option("--jump-table", jumpTableFile, "Jump delay by jump length from FILE (rows: LENGTH DELAY_US)");
 
     app.add_option("--clock-start", settings.clockStartTick, "Card clock at the first Start, ticks (1/64 us)")
         ->capture_default_str();
@@ -319,6 +373,10 @@ int main(int argc, char** argv) {
         job.servo.trackingErrorUs = servoDelayUs;
     }
     job.servo.kind = servoKind == "delay" ? oltbsim::ServoKind::delay : oltbsim::ServoKind::secondOrder;
+    if (job.servo.kind == oltbsim::ServoKind::delay && (job.servo.driverFilterUs > 0 || job.servo.maxVelocityUnitsPerMs > 0)) {
+        std::fprintf(stderr, "oltb-sim: --driver-filter-us and --max-velocity need --servo second-order\n");
+        return ExitCode::exitBadOptions;
+    }
     if (job.servo.kind == oltbsim::ServoKind::secondOrder &&
         (job.servo.trackingErrorUs < 10 || job.servo.trackingErrorUs > 5000)) {
         std::fprintf(stderr, "oltb-sim: --tracking-error-us: must lie from 10 to 5000 us with --servo second-order\n");
@@ -368,6 +426,9 @@ int main(int argc, char** argv) {
             if (!jobFile.empty()) {
                 job.program = oltbsim::readJobFile(jobFile);
             }
+            if (!jumpTableFile.empty()) {
+                job.timing.jumpDelayTable = oltbsim::readJumpTable(jumpTableFile);
+            }
             if (printJob) {
                 std::fputs(job.program.text.c_str(), stdout);
                 return ExitCode::exitSuccess;
@@ -375,6 +436,9 @@ int main(int argc, char** argv) {
             markingJob.emplace(job);
         } catch (const oltbsim::JobFileError& e) {
             std::fprintf(stderr, "oltb-sim: %s\n", e.what());
+            return ExitCode::exitBadOptions;
+        } catch (const oltbsim::JumpTableError& e) {
+            std::fprintf(stderr, "oltb-sim: --jump-table: %s\n", e.what());
             return ExitCode::exitBadOptions;
         }
         if (explain) {
