@@ -99,8 +99,9 @@ bool PathMotion::at(double time, Vec2& position, Vec2& velocity) const {
     const Vec2 m0 = h * _velocity[i];
     const Vec2 m1 = h * _velocity[i + 1];
     position = (2 * s3 - 3 * s2 + 1) * p0 + (s3 - 2 * s2 + s) * m0 + (-2 * s3 + 3 * s2) * p1 + (s3 - s2) * m1;
-    velocity = (1 / h) * ((6 * s2 - 6 * s) * p0 + (3 * s2 - 4 * s + 1) * m0 + (-6 * s2 + 6 * s) * p1 +
-                          (3 * s2 - 2 * s) * m1);
+    // The velocity between the samples from theirs, not from the curve: the curve's slope also carries the
+    // rounding of the two positions to whole units.
+    velocity = (1 - s) * _velocity[i] + s * _velocity[i + 1];
     return true;
 }
 

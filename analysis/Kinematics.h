@@ -23,8 +23,9 @@ double length(Vec2 a);
 
 // Position and velocity (units/us) of a path at any time within its samples. The velocity at a sample is the slope
 // of a least-squares parabola through up to five samples around it (for even spacing the five-point
-// Savitzky-Golay derivative, exact for cubic motion); between two samples a cubic Hermite curve joins them. A gap
-// of more than four typical spacings (lost samples) is not bridged.
+// Savitzky-Golay derivative, exact for cubic motion); between two samples a cubic Hermite curve joins the
+// positions and the velocity goes linearly from one to the other. A gap of more than four typical spacings (lost
+// samples) is not bridged.
 class PathMotion {
 public:
     explicit PathMotion(const Path& path);

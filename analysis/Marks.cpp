@@ -21,7 +21,7 @@ double doseOf(double speedShare) {
 
 struct Edges {
     Vec2 startPoint, startDirection, endPoint, endDirection;
-    double commandStart = 0, commandEnd = 0, lastPieceStart = 0;
+    double commandStart = 0, commandEnd = 0;
     double nextMotion = 0;  // the command moves on (the next jump): the mirror's motion after it is not the mark's
     double speed = 0;  // units/us
 };
@@ -77,22 +77,28 @@ void bestTimes(Mark& mark, const Edges& e, const HeadView& head) {
     if (!on) {
         return;
     }
-    const std::optional<double> slowed =
-        firstTime(head.mirror, std::max(e.commandEnd, *on), until,
-                  [&](Vec2, Vec2 v) { return dot(v, e.endDirection) < enough; });
-    const std::optional<double> arrived =
-        firstTime(head.mirror, std::max(*on, e.lastPieceStart), until,
-                  [&](Vec2 p, Vec2) { return dot(p - e.endPoint, e.endDirection) >= 0; });
-    if (!slowed && !arrived) {
+    const auto ended = [&](Vec2 p, Vec2 v) {
+        return dot(v, e.endDirection) < enough || dot(p - e.endPoint, e.endDirection) >= 0;
+    };
+    std::optional<double> off = firstTime(head.mirror, std::max(e.commandEnd, *on), until, ended);
+    // Where the next motion began before that (a mark delay shorter than the laser-off delay), it pulled the mirror
+    // away: what the mirror would have done had the command stayed at the end, the head's model tells.
+    AxisState x, y;
+    if ((!off || *off > e.nextMotion) && e.nextMotion > std::max(e.commandEnd, *on) && stateAt(head, e.nextMotion, x, y)) {
+        const std::optional<double> after = holdUntil(*head.modelX, *head.modelY, x, y, e.endPoint,
+                                                      4 * head.lagUs.value_or(250) + 1000, ended);
+        off = after ? std::optional<double>(e.nextMotion + *after) : std::nullopt;
+    }
+    if (!off) {
         return;
     }
-    const double off = std::min(slowed.value_or(std::numeric_limits<double>::infinity()),
-                                arrived.value_or(std::numeric_limits<double>::infinity()));
     Vec2 p, v;
     mark.bestOnDelayUs = *on - e.commandStart;
-    mark.bestOffDelayUs = off - e.commandEnd;
+    mark.bestOffDelayUs = *off - e.commandEnd;
     if (head.mirror.at(*on, p, v)) mark.startMissingAtBest = dot(p - e.startPoint, e.startDirection);
-    if (head.mirror.at(off, p, v)) mark.endMissingAtBest = dot(e.endPoint - p, e.endDirection);
+    if (*off <= e.nextMotion && head.mirror.at(*off, p, v)) {
+        mark.endMissingAtBest = dot(e.endPoint - p, e.endDirection);
+    }
 }
 
 Edges edgesOf(const JobLayout& layout, const Polyline& polyline) {
@@ -105,7 +111,6 @@ Edges edgesOf(const JobLayout& layout, const Polyline& polyline) {
     e.endDirection = last.endDirection;
     e.commandStart = first.startUs;
     e.commandEnd = last.endUs;
-    e.lastPieceStart = last.startUs;
     e.nextMotion = nextMotionAfter(layout, polyline.lastPiece).value_or(last.endUs + 10000);
     std::vector<double> speeds;
     for (std::size_t p = *polyline.firstPiece; p <= polyline.lastPiece; ++p) {

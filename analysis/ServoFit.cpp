@@ -43,12 +43,13 @@ AxisState plus(const AxisState& s, const Derivative& d, double h) {
 
 using Objective = std::function<double(const std::vector<double>&)>;
 
-std::vector<double> nelderMead(const Objective& J, std::vector<double> start, double step, double& best) {
+std::vector<double> nelderMead(const Objective& J, std::vector<double> start, const std::vector<double>& steps,
+                               double& best) {
     const std::size_t n = start.size();
     std::vector<std::vector<double>> points(n + 1, start);
     std::vector<double> values(n + 1);
     for (std::size_t i = 0; i < n; ++i) {
-        points[i + 1][i] += step;
+        points[i + 1][i] += steps[i];
     }
     for (std::size_t i = 0; i <= n; ++i) values[i] = J(points[i]);
     for (int iteration = 0; iteration < Iterations; ++iteration) {
@@ -215,9 +216,10 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
         for (std::size_t i = window.first; i <= last; ++i) {
             const double d = axisOf(actual, axis, i) - window.command[i - window.first];
             following += d * d;
-            if (i > window.first) {
-                const Vec2 a = mirror.velocityOf(i) - mirror.velocityOf(i - 1);
-                const double dt = actual.t[i] - actual.t[i - 1];
+            // Over four sample steps: the velocities' noise shrinks against the change it shows.
+            if (i >= window.first + 4) {
+                const Vec2 a = mirror.velocityOf(i) - mirror.velocityOf(i - 4);
+                const double dt = actual.t[i] - actual.t[i - 4];
                 accelerations.push_back(std::abs(axis == 0 ? a.x : a.y) / dt);
             }
         }
@@ -269,7 +271,7 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     const double largest = accelerations.empty() ? 0.0 : *std::max_element(accelerations.begin(), accelerations.end());
     std::vector<double> top;
     for (const double a : accelerations) {
-        if (a >= 0.9 * largest) top.push_back(a);
+        if (a >= 0.85 * largest) top.push_back(a);
     }
     const bool canLimit = largest > 0;
     const double observedLimit = canLimit ? std::log(top.size() >= 10 ? median(top) : 1.05 * largest) : 0.0;
@@ -285,25 +287,32 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
         }
     }
     const std::vector<double> start{std::log(2 * startDamping / lag), std::log(startDamping), 0.0, observedLimit};
+    // The loop with the acceleration limit seen in the trace: the limit is all but measured (a fit that moves it
+    // off the plateau finds a flat misfit where it no longer binds), so it moves in small steps only.
+    const auto fitLoop = [&](double limitLog, bool limited, std::vector<double> from, double& value) {
+        const std::vector<double> p = nelderMead(
+            [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], 0, limitLog}, false, limited)); },
+            {from[0], from[1]}, {0.2, 0.2}, value);
+        return std::vector<double>{p[0], p[1], 0.0, limitLog};
+    };
     double best = Infinity;
     std::vector<double> bestParameters = start;
     bool limit = false;
     if (canLimit) {
+        bestParameters = fitLoop(observedLimit, true, start, best);
         const std::vector<double> p = nelderMead(
             [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], 0, q[2]}, false, true)); },
-            {start[0], start[1], start[3]}, 0.2, best);
+            {bestParameters[0], bestParameters[1], observedLimit}, {0.05, 0.05, 0.01}, best);
         bestParameters = {p[0], p[1], 0.0, p[2]};
         limit = true;
     }
     {
         // Without the limit: kept unless the limit made the fit clearly better (the trace shows the limit).
         double value = 0;
-        const std::vector<double> p = nelderMead(
-            [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], 0, 0}, false, false)); },
-            {bestParameters[0], bestParameters[1]}, 0.2, value);
+        const std::vector<double> p = fitLoop(0, false, start, value);
         if (!limit || !(best < KeepIfBetter * value)) {
             best = value;
-            bestParameters = {p[0], p[1], 0.0, 0.0};
+            bestParameters = p;
             limit = false;
         }
     }
@@ -312,7 +321,8 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
         double value = 0;
         std::vector<double> p = nelderMead(
             [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], q[2], q[3]}, true, limit)); },
-            {bestParameters[0] + 0.2, bestParameters[1], std::log(1 + 0.2 * lag), bestParameters[3]}, 0.3, value);
+            {bestParameters[0] + 0.2, bestParameters[1], std::log(1 + 0.2 * lag), bestParameters[3]},
+            {0.2, 0.2, 0.3, 0.01}, value);
         if (value < KeepIfBetter * best) {
             best = value;
             bestParameters = p;
@@ -324,6 +334,20 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     fit.fitRms = std::sqrt(best);
     fit.holds = fit.fitRms <= std::max(3.0, 0.01 * fit.followingRms);
     return fit;
+}
+
+std::optional<double> holdUntil(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y,
+                                Vec2 target, double horizonUs, const std::function<bool(Vec2, Vec2)>& reached) {
+    const double step = std::max(std::min(horizonUs, HoldHorizonUs) / MaxHoldSteps,
+                                 std::min(1.0, 0.2 / std::max(rateOf(modelX), rateOf(modelY))));
+    for (double t = 0; t <= std::min(horizonUs, HoldHorizonUs); t += step) {
+        if (reached({x.x, y.x}, {x.v, y.v})) {
+            return t;
+        }
+        advance(modelX, x, step, target.x, target.x);
+        advance(modelY, y, step, target.y, target.y);
+    }
+    return std::nullopt;
 }
 
 FreeMotion holdAt(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y, Vec2 target,

@@ -7,6 +7,7 @@
 #include "analysis/Kinematics.h"
 #include "analysis/Series.h"
 
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -56,6 +57,11 @@ struct FreeMotion {
     std::optional<double> firstEntryUs; // the first moment it is within the band
     double largestDistance = 0;
 };
+
+// Both axes from their states on for at most `horizonUs`, the command standing at `target`: the first time (to a
+// microsecond) at which `reached(position, velocity)` holds.
+std::optional<double> holdUntil(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y,
+                                Vec2 target, double horizonUs, const std::function<bool(Vec2, Vec2)>& reached);
 
 // Both axes from their states on, the command standing at `target`: when the mirror stays within `band` of it.
 FreeMotion holdAt(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y, Vec2 target,

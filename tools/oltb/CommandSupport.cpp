@@ -81,6 +81,7 @@ analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const 
     analysis::Options settings;
     settings.head = options.head;
     settings.settleBandUnits = options.settleBandUnits;
+    settings.maxEdgeDose = options.maxEdgeDose;
     return analysis::analyze(events, settings);
 }
 

@@ -42,6 +42,7 @@ struct AnalyzeOptions {
     std::string input;           // a capture file, or with the labels a server address
     int head = 0;                // 0 or 1
     double settleBandUnits = 100.0;
+    double maxEdgeDose = 2.0;    // the most dose a mark's ends may take, in times the dose of its body
     bool json = false;
     double unitsPerMm = 0.0;     // 0: head units
     AcquireOptions live;         // with startLabel/endLabel given: acquire from the server named by input first

@@ -82,6 +82,12 @@ LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
                        "a jump has settled once the mirror stays this close to its target (head units)")
         ->capture_default_str()
         ->check(positiveNumberOf("units"));
+    command.add_option("--max-edge-dose", analyze.maxEdgeDose,
+                       "the most dose a mark's start or end may take, in times the dose of its body (dose ~ 1 / the "
+                       "mirror's speed): the suggested laser delays switch the gate where the mirror moves at 1/D of "
+                       "the mark speed")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 100.0));
     command.add_option("--units-per-mm", analyze.unitsPerMm,
                        "head units per mm: lengths in mm, errors in um, speeds in mm/s (JSON stays in head units)")
         ->check(positiveNumberOf("units"));
