@@ -133,7 +133,8 @@ std::string toJson(const Result& result, const SignalNamer& signalName) {
                number(mark.startMissing) + ", \"end_missing\": " + number(mark.endMissing) + ", \"speed_at_on\": " +
                number(mark.speedAtOn) + ", \"speed_at_off\": " + number(mark.speedAtOff) +
                ", \"best_on_delay_us\": " + number(mark.bestOnDelayUs) + ", \"best_off_delay_us\": " +
-               number(mark.bestOffDelayUs) + ", \"start_missing_at_best\": " + number(mark.startMissingAtBest) +
+               number(mark.bestOffDelayUs) + ", \"best_off_predicted\": " + boolean(mark.bestOffPredicted) +
+               ", \"start_missing_at_best\": " + number(mark.startMissingAtBest) +
                ", \"end_missing_at_best\": " + number(mark.endMissingAtBest) + ", \"peak_speed\": " +
                number(mark.peakSpeed) + ", \"laser_on_offset_us\": " +
                number(mark.laserOnOffsetUs) + ", \"laser_off_offset_us\": " + number(mark.laserOffOffsetUs) +

@@ -15,7 +15,7 @@ constexpr double MostDose = 100;
 
 }  // namespace
 
-std::vector<Corner> measureCorners(const JobLayout& layout, const HeadView& head) {
+std::vector<Corner> measureCorners(const JobLayout& layout, const std::vector<Interval>& gate, const HeadView& head) {
     std::vector<Corner> corners;
     const double lag = head.lagUs.value_or(250.0);
     for (std::size_t k = 0; k < layout.polylines.size(); ++k) {
@@ -38,8 +38,11 @@ std::vector<Corner> measureCorners(const JobLayout& layout, const HeadView& head
                 continue;
             }
             // The mirror passes the corner a tracking error or so after the command leaves it.
+            // The dose where the mirror is slowest around the corner, while the laser is on.
             const double from = corner.atUs;
-            const double to = std::min(after.endUs + lag, after.startUs + 3 * lag + 20);
+            const double closeBy = std::min(after.endUs + lag, after.startUs + 3 * lag + 20);
+            const double slowBy = std::min(after.startUs + 2 * lag, gate[polyline.gate].off);
+            const double to = std::max(closeBy, slowBy);
             const Vec2 point{corner.x, corner.y};
             double closest = INFINITY;
             double closestTime = from;
@@ -50,11 +53,11 @@ std::vector<Corner> measureCorners(const JobLayout& layout, const HeadView& head
                 const double t = head.mirror.time(i);
                 if (!head.mirror.at(t, p0, v0)) continue;
                 const double distance = length(p0 - point);
-                if (distance < closest) {
+                if (distance < closest && t <= closeBy) {
                     closest = distance;
                     closestTime = t;
                 }
-                if (t <= after.startUs + lag) slowest = std::min(slowest, length(v0));
+                if (t <= slowBy) slowest = std::min(slowest, length(v0));
             }
             if (!std::isfinite(closest)) {
                 corners.push_back(corner);

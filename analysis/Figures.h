@@ -34,7 +34,7 @@ std::vector<Jump> measureJumps(const JobLayout& layout, const HeadView& head, st
 // Rows by jump length with a margin of 10 % (at least 5 us), rounded up to the card's 10 us.
 std::vector<JumpDelay> jumpDelayTable(const std::vector<Jump>& jumps);
 
-std::vector<Corner> measureCorners(const JobLayout& layout, const HeadView& head);
+std::vector<Corner> measureCorners(const JobLayout& layout, const std::vector<Interval>& gate, const HeadView& head);
 
 // The laser delays for the dose limit: the suggestion, the choices around it and the groups by speed.
 void adviseLaser(Result& result, const JobLayout& layout, const HeadView& head);

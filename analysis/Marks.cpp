@@ -88,6 +88,7 @@ void bestTimes(Mark& mark, const Edges& e, const HeadView& head) {
         const std::optional<double> after = holdUntil(*head.modelX, *head.modelY, x, y, e.endPoint,
                                                       4 * head.lagUs.value_or(250) + 1000, ended);
         off = after ? std::optional<double>(e.nextMotion + *after) : std::nullopt;
+        mark.bestOffPredicted = true;
     }
     if (!off) {
         return;

@@ -298,7 +298,7 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
     result.marks = measureMarks(layout, channels.gate, head);
     result.jumps = measureJumps(layout, head, result.marks);
     result.jumpDelayTable = jumpDelayTable(result.jumps);
-    result.corners = measureCorners(layout, head);
+    result.corners = measureCorners(layout, channels.gate, head);
     result.laserOnOffsetUs = medianOf(result.marks, &Mark::laserOnOffsetUs);
     result.laserOffOffsetUs = medianOf(result.marks, &Mark::laserOffOffsetUs);
     adviseLaser(result, layout, head);

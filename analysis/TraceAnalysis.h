@@ -53,6 +53,9 @@ struct Mark {
     std::optional<double> speedAtOn, speedAtOff;
     // The laser delays that would put this mark's edges at the dose limit, and what they would leave missing.
     std::optional<double> bestOnDelayUs, bestOffDelayUs, startMissingAtBest, endMissingAtBest;
+    // The next motion began before the mirror slowed at the end (a mark delay shorter than the laser-off delay): the
+    // best laser-off delay is what the head's model says of the mirror had the command stayed at the end point.
+    bool bestOffPredicted = false;
     // The fastest the mirror moves along the mark's start, as a share of the commanded speed: a mark too short for
     // the mirror to reach 1 / maxEdgeDose of it gets more dose than that whatever the laser delays.
     std::optional<double> peakSpeed;
