@@ -179,7 +179,8 @@ void adviseMarkAndPolygon(Result& result, const JobLayout& layout) {
     } else if (needed) {
         polygon.suggested = needed;
         polygon.why = format("%zu of the corners are rounded by more than the band of %.0f units; this delay lets "
-                             "the mirror reach them (a longer one than needed burns a dot into the corner)",
+                             "the mirror reach them, but it slows to a stop there with the laser on (a dot): "
+                             "keep the rounding if the part allows it",
                              rounded, result.settleBandUnits);
     } else if (polygon.now) {
         polygon.suggested = polygon.now;

@@ -166,9 +166,10 @@ void laserSection(std::string& out, const Result& result, const Units& units) {
 void jumpsSection(std::string& out, const Result& result, const Units& units, std::size_t rows) {
     const auto late = std::count_if(result.jumps.begin(), result.jumps.end(),
                                     [](const Jump& j) { return !j.settled && j.atLeastUs; });
-    out += "\nJumps: " + std::to_string(result.jumps.size()) + "; settled: the mirror entered the band of " +
-           units.length(result.settleBandUnits) + " around the target for good before the next motion began; " +
-           std::to_string(late) + " did not\n";
+    out += "\nJumps: " + std::to_string(result.jumps.size()) + ", " + std::to_string(late) +
+           " not settled. Settled: the mirror entered the band of " + units.length(result.settleBandUnits) +
+           " around the target\n  for good before the next motion began (passing through it at speed does not "
+           "count)\n";
     out += "  " + right("#", 4) + right("start µs", 13) + right("length", 16) + right("delay µs", 10) +
            right("settle µs", 18) + right("settled", 9) + "\n";
     for (std::size_t i = 0; i < result.jumps.size() && i < rows; ++i) {

@@ -76,7 +76,7 @@ std::vector<Corner> measureCorners(const JobLayout& layout, const std::vector<In
             if (closest > head.band) {
                 AxisState x, y;
                 if (stateAt(head, corner.atUs, x, y)) {
-                    const FreeMotion free = holdAt(*head.modelX, *head.modelY, x, y, point, head.band);
+                    const FreeMotion free = head.model->holdAt(x, y, point, head.band);
                     if (free.firstEntryUs) corner.suggestedDelayUs = roundUpToPeriod(*free.firstEntryUs);
                 } else {
                     corner.suggestedDelayUs = roundUpToPeriod(corner.delayUs + lag);

@@ -16,11 +16,11 @@ namespace oltb::analysis {
 struct HeadView {
     const Path& commanded;
     const PathMotion& mirror;        // empty when the actual positions are not traced
-    std::optional<AxisModel> modelX, modelY;  // only where the fit holds
+    std::optional<HeadModel> model;  // only where the fit holds
     std::optional<double> lagUs;     // the larger steady lag of the axes
     double band = 100;
     double maxEdgeDose = 2;
-    bool models() const { return modelX && modelY; }
+    bool models() const { return model && !model->spent(); }
 };
 
 // The mirror's state on both axes at `time` as the models start from it.

@@ -51,7 +51,7 @@ void settle(Jump& jump, const HeadView& head, Vec2 target, double end, double ne
     AxisState x, y;
     std::optional<double> rest;  // from `next` on, with the command held: when the mirror stays in the band
     if (head.models() && stateAt(head, next, x, y)) {
-        const FreeMotion free = holdAt(*head.modelX, *head.modelY, x, y, target, head.band);
+        const FreeMotion free = head.model->holdAt(x, y, target, head.band);
         rest = free.settledAtUs;
         stays = stays && rest && *rest == 0;
     } else {
@@ -79,8 +79,8 @@ bool stateAt(const HeadView& head, double time, AxisState& x, AxisState& y) {
     if (!head.models() || !head.mirror.at(time, p, v)) {
         return false;
     }
-    x = {p.x, v.x, filterOutputAt(*head.modelX, head.commanded, 0, time)};
-    y = {p.y, v.y, filterOutputAt(*head.modelY, head.commanded, 1, time)};
+    x = {p.x, v.x, filterOutputAt(head.model->x(), head.commanded, 0, time)};
+    y = {p.y, v.y, filterOutputAt(head.model->y(), head.commanded, 1, time)};
     return true;
 }
 

@@ -85,8 +85,8 @@ void bestTimes(Mark& mark, const Edges& e, const HeadView& head) {
     // away: what the mirror would have done had the command stayed at the end, the head's model tells.
     AxisState x, y;
     if ((!off || *off > e.nextMotion) && e.nextMotion > std::max(e.commandEnd, *on) && stateAt(head, e.nextMotion, x, y)) {
-        const std::optional<double> after = holdUntil(*head.modelX, *head.modelY, x, y, e.endPoint,
-                                                      4 * head.lagUs.value_or(250) + 1000, ended);
+        const std::optional<double> after =
+            head.model->holdUntil(x, y, e.endPoint, 4 * head.lagUs.value_or(250) + 1000, ended);
         off = after ? std::optional<double>(e.nextMotion + *after) : std::nullopt;
         mark.bestOffPredicted = true;
     }

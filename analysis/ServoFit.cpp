@@ -15,8 +15,7 @@ namespace {
 constexpr double Infinity = std::numeric_limits<double>::infinity();
 constexpr std::size_t MaxFitSamples = 2400;   // per axis: more say nothing new about a few parameters
 constexpr std::size_t MaxWindowSamples = 250;
-constexpr unsigned MaxSubsteps = 64;
-constexpr std::size_t MaxHoldSteps = 200000;
+constexpr unsigned MaxSubsteps = 16;
 constexpr double HoldHorizonUs = 50000;  // a mirror that needs longer to settle is not a working head
 constexpr int Iterations = 100;
 constexpr double KeepIfBetter = 0.9;  // a part of the model stays only when it lowers the squared misfit by 10 %
@@ -259,9 +258,10 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     // Parameters: log w, log z, log(1 + filter), log(limit); the last two only in the later stages.
     const auto modelOf = [](const std::vector<double>& p, bool filter, bool limit) {
         AxisModel model;
-        model.omegaPerUs = std::exp(std::clamp(p[0], -12.0, 1.0));
-        model.damping = std::exp(std::clamp(p[1], -3.0, 1.5));
+        model.omegaPerUs = std::exp(std::clamp(p[0], -12.0, -1.2));  // up to 50 kHz
+        model.damping = std::exp(std::clamp(p[1], -3.0, 1.4));
         model.filterUs = filter ? std::exp(std::clamp(p[2], 0.0, 9.0)) - 1 : 0.0;
+        model.filterUs = model.filterUs < 1 ? 0.0 : model.filterUs;  // shorter than the integration step: none
         model.maxAcceleration = limit ? std::exp(std::clamp(p[3], -12.0, 6.0)) : Infinity;
         return model;
     };
@@ -336,34 +336,38 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     return fit;
 }
 
-std::optional<double> holdUntil(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y,
-                                Vec2 target, double horizonUs, const std::function<bool(Vec2, Vec2)>& reached) {
-    const double step = std::max(std::min(horizonUs, HoldHorizonUs) / MaxHoldSteps,
-                                 std::min(1.0, 0.2 / std::max(rateOf(modelX), rateOf(modelY))));
-    for (double t = 0; t <= std::min(horizonUs, HoldHorizonUs); t += step) {
+double HeadModel::stepUs() const {
+    // One Runge-Kutta step a step: at most a fifth of the fastest time constant.
+    return std::min(1.0, 0.2 / std::max(rateOf(_x), rateOf(_y)));
+}
+
+std::optional<double> HeadModel::holdUntil(AxisState x, AxisState y, Vec2 target, double horizonUs,
+                                           const std::function<bool(Vec2, Vec2)>& reached) const {
+    const double step = stepUs();
+    for (double t = 0; t <= std::min(horizonUs, HoldHorizonUs) && _stepsLeft > 0; t += step, --_stepsLeft) {
         if (reached({x.x, y.x}, {x.v, y.v})) {
             return t;
         }
-        advance(modelX, x, step, target.x, target.x);
-        advance(modelY, y, step, target.y, target.y);
+        integrate(_x, x, step, 1, target.x, target.x);
+        integrate(_y, y, step, 1, target.y, target.y);
     }
     return std::nullopt;
 }
 
-FreeMotion holdAt(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y, Vec2 target,
-                  double band) {
+FreeMotion HeadModel::holdAt(AxisState x, AxisState y, Vec2 target, double band) const {
     FreeMotion motion;
     // Inside the band for this long, the mirror has come to rest: its oscillation has decayed twelvefold e.
-    const double slowest = std::min(modelX.damping * modelX.omegaPerUs, modelY.damping * modelY.omegaPerUs);
-    const double quiet = 12 / std::max(slowest, 1e-6) + 8 * std::max(modelX.filterUs, modelY.filterUs);
-    const double step = std::max(HoldHorizonUs / MaxHoldSteps, std::min(1.0, 0.2 / std::max(rateOf(modelX), rateOf(modelY))));
+    const double slowest = std::min(_x.damping * _x.omegaPerUs, _y.damping * _y.omegaPerUs);
+    const double quiet = 12 / std::max(slowest, 1e-6) + 8 * std::max(_x.filterUs, _y.filterUs);
+    const double step = stepUs();
     double previous = std::hypot(x.x - target.x, y.x - target.y);
     motion.largestDistance = previous;
     double lastCrossing = 0;  // into the band, for good so far
     if (previous <= band) motion.firstEntryUs = 0.0;
-    for (double t = step; t <= HoldHorizonUs; t += step) {
-        advance(modelX, x, step, target.x, target.x);
-        advance(modelY, y, step, target.y, target.y);
+    bool rested = false;
+    for (double t = step; t <= HoldHorizonUs && _stepsLeft > 0; t += step, --_stepsLeft) {
+        integrate(_x, x, step, 1, target.x, target.x);
+        integrate(_y, y, step, 1, target.y, target.y);
         const double distance = std::hypot(x.x - target.x, y.x - target.y);
         motion.largestDistance = std::max(motion.largestDistance, distance);
         if (distance <= band && previous > band) {
@@ -372,11 +376,12 @@ FreeMotion holdAt(const AxisModel& modelX, const AxisModel& modelY, AxisState x,
         }
         previous = distance;
         if (distance <= band && t - lastCrossing >= quiet) {
+            rested = true;
             break;
         }
     }
-    if (previous <= band) {
-        motion.settledAtUs = lastCrossing;  // outside at the end of the horizon: it does not settle
+    if (rested) {
+        motion.settledAtUs = lastCrossing;  // outside at the end of the horizon, or out of steps: not known
     }
     return motion;
 }

@@ -54,17 +54,32 @@ double filterOutputAt(const AxisModel& model, const Path& commanded, int axis, d
 
 struct FreeMotion {
     std::optional<double> settledAtUs;   // when it enters the band for good (0: never outside; none: not in time)
-    std::optional<double> firstEntryUs; // the first moment it is within the band
+    std::optional<double> firstEntryUs;  // the first moment it is within the band
     double largestDistance = 0;
 };
 
-// Both axes from their states on for at most `horizonUs`, the command standing at `target`: the first time (to a
-// microsecond) at which `reached(position, velocity)` holds.
-std::optional<double> holdUntil(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y,
-                                Vec2 target, double horizonUs, const std::function<bool(Vec2, Vec2)>& reached);
+// Both axes' models, for predictions. Every prediction integrates the models step by step; a budget of steps for
+// the whole analysis keeps its work bounded whatever the models and the trace (predictions stop when it is spent).
+class HeadModel {
+public:
+    HeadModel(const AxisModel& x, const AxisModel& y, std::size_t steps) : _x(x), _y(y), _stepsLeft(steps) {}
 
-// Both axes from their states on, the command standing at `target`: when the mirror stays within `band` of it.
-FreeMotion holdAt(const AxisModel& modelX, const AxisModel& modelY, AxisState x, AxisState y, Vec2 target,
-                  double band);
+    const AxisModel& x() const { return _x; }
+    const AxisModel& y() const { return _y; }
+    bool spent() const { return _stepsLeft == 0; }
+
+    // From the axes' states on for at most `horizonUs`, the command standing at `target`: the first time (to a
+    // microsecond or better) at which `reached(position, velocity)` holds.
+    std::optional<double> holdUntil(AxisState x, AxisState y, Vec2 target, double horizonUs,
+                                    const std::function<bool(Vec2, Vec2)>& reached) const;
+    // From the axes' states on, the command standing at `target`: when the mirror stays within `band` of it.
+    FreeMotion holdAt(AxisState x, AxisState y, Vec2 target, double band) const;
+
+private:
+    double stepUs() const;
+
+    AxisModel _x, _y;
+    mutable std::size_t _stepsLeft;
+};
 
 }  // namespace oltb::analysis

@@ -19,6 +19,9 @@ namespace oltb::analysis {
 namespace {
 
 constexpr double Forever = std::numeric_limits<double>::infinity();
+// Integration steps of the head's model for all predictions of one analysis (each of a jump, a corner or a mark's
+// end takes a few thousand): enough for traces of hundreds of jumps, and a bound on the work whatever the trace.
+constexpr std::size_t PredictionSteps = 4'000'000;
 constexpr double Pi = 3.14159265358979323846;
 
 struct Channels {
@@ -260,8 +263,7 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
 
     const JobLayout layout = layOut(commandedPieces(commanded), channels.gate);
     const PathMotion mirror(actual);
-    HeadView head{commanded, mirror, std::nullopt, std::nullopt, std::nullopt, options.settleBandUnits,
-                  options.maxEdgeDose};
+    HeadView head{commanded, mirror, std::nullopt, std::nullopt, options.settleBandUnits, options.maxEdgeDose};
     if (result.trackingErrorXUs || result.trackingErrorYUs) {
         head.lagUs = std::max(result.trackingErrorXUs.value_or(0.0), result.trackingErrorYUs.value_or(0.0));
     }
@@ -275,8 +277,7 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
         const AxisFit& standInX = fitX.model ? fitX : fitY;
         const AxisFit& standInY = fitY.model ? fitY : fitX;
         if (standInX.model && standInY.model && standInX.holds && standInY.holds) {
-            head.modelX = standInX.model;
-            head.modelY = standInY.model;
+            head.model.emplace(*standInX.model, *standInY.model, PredictionSteps);
         }
     } else {
         result.servoX.trackingErrorUs = axes[0].lag.lagUs;
@@ -308,6 +309,10 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
     }
     if (result.settings.laserOff.now && result.settings.laserOff.suggested) {
         result.suggestedOffDelayChangeUs = *result.settings.laserOff.suggested - *result.settings.laserOff.now;
+    }
+    if (head.model && head.model->spent()) {
+        result.warnings.push_back("The trace has more jumps and corners than the head's model predicts for in one "
+                                  "analysis: the later ones are as measured, not predicted.");
     }
     if (mirror.empty()) {
         addMissing("laser edges and settle times", "they need the mirror's positions",
