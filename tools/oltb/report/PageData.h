@@ -35,6 +35,7 @@ struct PageOptions {
     std::string source;       // what was analysed: a file, or a server and its labels
     double unitsPerMm = 0;    // > 0: the page shows mm, um and mm/s
     std::size_t byteBudget = 12'000'000;  // for the decimated trace; the page adds about 150 kB of its own
+    std::size_t closeUps = 100;           // the worst marks and jumps that get their samples (PageDetails.h)
 };
 
 // The page's data as a JSON object (text safe to put inside a <script> element).
