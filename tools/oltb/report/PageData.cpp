@@ -350,8 +350,10 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     const std::vector<std::size_t> jumpOrder = jumpsBySettling(result.jumps);
     data += ",\n \"markOrder\": " + list(markOrder, indices);
     data += ",\n \"jumpOrder\": " + list(jumpOrder, indices);
-    data += ",\n \"markCloseUps\": " + markCloseUps(result, commanded, actual, markOrder, options.closeUps);
-    data += ",\n \"jumpCloseUps\": " + jumpCloseUps(result, commanded, actual, jumpOrder, options.closeUps);
+    // A close-up takes one or two kilobytes: at most a tenth of the budget.
+    const std::size_t closeUps = std::min(options.closeUps, options.byteBudget / 20'000);
+    data += ",\n \"markCloseUps\": " + markCloseUps(result, commanded, actual, markOrder, closeUps);
+    data += ",\n \"jumpCloseUps\": " + jumpCloseUps(result, commanded, actual, jumpOrder, closeUps);
     data += ",\n \"labels\": " + list(channels.labels, [](const std::pair<double, int>& label) {
                 return "[" + number(label.first) + ", " + std::to_string(label.second) + "]";
             });

@@ -1,6 +1,10 @@
 // What the report page shows of a trace, as one JSON object for the page's script: the analysis figures (worked
-// out on every event) and the trace itself thinned for display, so that a capture of any length gives a page of a
+// out on every event), the marks and jumps in order of how badly they came out with close-ups of the worst
+// (PageDetails.h), and the trace itself thinned for display, so that a capture of any length gives a page of a
 // few megabytes that a browser draws at once.
+//
+// Time series: the commanded and actual positions of each axis, the speed along the path of the command and of the
+// mirror (units/ms), and the following error of each axis.
 //
 // Time plots: each series on grids of columns, from an overview of 2048 columns over the whole trace to grids four
 // times finer each, and the samples themselves where they fit; each column keeps its smallest and largest sample

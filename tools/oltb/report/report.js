@@ -121,18 +121,30 @@
         literals = huffman(lengths.slice(0, literalCount));
         distances = huffman(lengths.slice(literalCount));
       }
+      // The hot loop, with the bit reader written out: literals, and copies of what came before.
+      const literalMask = (1 << literals.bits) - 1;
+      const distanceMask = (1 << distances.bits) - 1;
       for (;;) {
-        const symbol = decode(literals);
+        while (held < 15) { buffer |= (input[at++] | 0) << held; held += 8; }
+        const entry = literals.table[buffer & literalMask];
+        if ((entry & 15) === 0) throw new Error('a packed array is damaged');
+        buffer >>>= entry & 15;
+        held -= entry & 15;
+        const symbol = entry >> 4;
         if (symbol < 256) {
           out[written++] = symbol;
-        } else if (symbol === 256) {
-          break;
-        } else {
-          const length = LengthBase[symbol - 257] + take(LengthExtra[symbol - 257]);
-          const d = decode(distances);
-          const distance = DistanceBase[d] + take(DistanceExtra[d]);
-          for (let k = 0; k < length; ++k, ++written) out[written] = out[written - distance];
+          continue;
         }
+        if (symbol === 256) break;
+        const length = LengthBase[symbol - 257] + take(LengthExtra[symbol - 257]);
+        while (held < 15) { buffer |= (input[at++] | 0) << held; held += 8; }
+        const code = distances.table[buffer & distanceMask];
+        if ((code & 15) === 0) throw new Error('a packed array is damaged');
+        buffer >>>= code & 15;
+        held -= code & 15;
+        const distance = DistanceBase[code >> 4] + take(DistanceExtra[code >> 4]);
+        if (distance > written) throw new Error('a packed array is damaged');
+        for (const end = written + length; written < end; ++written) out[written] = out[written - distance];
       }
     }
     if (written !== size) throw new Error('a packed array holds ' + written + ' of ' + size + ' bytes');
@@ -478,7 +490,9 @@
     valueFormatter: (v) => v.toFixed(2) + ' µs',
   };
   // Values with numbers on every axis: dygraphs' own ticker can leave a wide range with a lone "0".
-  const yAxis = { ticker: (low, high, pixels) => niceTicks(low, high, pixels / 32), axisLabelWidth: 58 };
+  // None in the lowest 8 pixels, where the number would run into the first time tick's.
+  const yAxis = { axisLabelWidth: 58, ticker: (low, high, pixels) =>
+    niceTicks(low, high, pixels / 32).filter((tick) => (tick.v - low) / (high - low) * pixels >= 8) };
   const plotOptions = {
     legend: 'always', labelsSeparateLines: false, connectSeparatedPoints: true, strokeWidth: 1.2, xRangePad: 0,
     animatedZooms: false, axisLabelFontSize: 12, yLabelWidth: 16, underlayCallback: underlay,
@@ -648,12 +662,13 @@
     for (const tick of niceTicks(x.low, x.high, area.w / 75)) {
       const at = Math.round(sx(tick.v)) + 0.5;
       context.beginPath(); context.moveTo(at, area.y); context.lineTo(at, area.y + area.h); context.stroke();
-      text(context, boxes, 'x', tick.label, at, area.y + area.h + 13, 'center');
+      const half = context.measureText(tick.label).width / 2;
+      if (at - half >= 0 && at + half <= width) text(context, boxes, 'x', tick.label, at, area.y + area.h + 13, 'center');
     }
     for (const tick of yTicks) {
       const at = Math.round(sy(tick.v)) + 0.5;
       context.beginPath(); context.moveTo(area.x, at); context.lineTo(area.x + area.w, at); context.stroke();
-      text(context, boxes, 'y', tick.label, area.x - 4, at + 4, 'right');
+      if (at < area.y + area.h - 8) text(context, boxes, 'y', tick.label, area.x - 4, at + 4, 'right');
     }
     text(context, boxes, 'title', x.title, area.x + area.w / 2, height - 4, 'center');
     text(context, boxes, 'title', y.title, 12, area.y + area.h / 2, 'center', true);
@@ -686,6 +701,7 @@
   function draw(canvas, paint) {
     drawings.set(canvas.id, { canvas: canvas, paint: paint, drawn: paint() });
   }
+  // Every plot drawn again at its size now.
   function redrawAll() {
     for (const plot of allPlots()) plot.graph.resize();
     for (const drawing of drawings.values()) drawing.drawn = drawing.paint();
@@ -693,7 +709,7 @@
 
   // ---- XY path ---------------------------------------------------------------------------------------------------
   const xyCanvas = byId('xy');
-  const xy = { scale: 1, centerX: 0, centerY: 0 };
+  const xy = { scale: 1, centerX: 0, centerY: 0, width: 0 };  // width: of the canvas the scale was set for
   // Whether the laser gate is on at each point of the actual path.
   const laserOn = actualPath ? new Uint8Array(actualPath.t.length) : null;
   if (actualPath) {
@@ -716,6 +732,7 @@
     if (!(high[0] >= low[0])) { low = [-1, -1]; high = [1, 1]; }
     xy.centerX = (low[0] + high[0]) / 2;
     xy.centerY = (low[1] + high[1]) / 2;
+    xy.width = xyCanvas.clientWidth;
     xy.scale = 0.9 * Math.min((xyCanvas.clientWidth || 600) / Math.max(high[0] - low[0], 1),
       (xyCanvas.clientHeight || 600) / Math.max(high[1] - low[1], 1));
   }
@@ -755,6 +772,8 @@
 
   function paintPath() {
     const { context, width, height } = prepare(xyCanvas);
+    if (xy.width > 0 && width > 0) xy.scale *= width / xy.width;  // a new size of the canvas shows the same
+    xy.width = width;
     const boxes = [];
     drawGrid(context, width, height, boxes);
     context.lineJoin = 'round';
@@ -1177,6 +1196,7 @@
       xy.centerX = corner.x;
       xy.centerY = corner.y;
       xy.scale = Math.min(xyCanvas.clientWidth, xyCanvas.clientHeight) / (20 * Math.max(corner.rounding || 0, result.settle_band));
+      xy.width = xyCanvas.clientWidth;
       drawPath();
       scrollTo('plots');
     });
@@ -1251,10 +1271,11 @@
     describeDetail();
     fillEdgeGallery();
     fillJumpGallery();
-    window.addEventListener('resize', () => { for (const drawing of drawings.values()) drawing.drawn = drawing.paint(); });
+    window.addEventListener('resize', redrawAll);
     // Paper is narrower than a screen: every plot is drawn again at the width of the page as printed, and back after.
-    window.addEventListener('beforeprint', () => { printing = true; document.body.classList.add('printing'); redrawAll(); });
-    window.addEventListener('afterprint', () => { printing = false; document.body.classList.remove('printing'); redrawAll(); });
+    const printed = (on) => { printing = on; document.body.classList.toggle('printing', on); redrawAll(); };
+    window.addEventListener('beforeprint', () => printed(true));
+    window.addEventListener('afterprint', () => printed(false));
     verdict.state = 'drawn';
     verdict.loadMs = Math.round(performance.now());
     // The range of each series at the finest level, to compare with the capture.
