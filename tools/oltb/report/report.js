@@ -316,8 +316,9 @@
     '; misses the mirror by ' + small(servo.fit_rms) + ' rms' + (servo.fit_holds ? '' : ' (does not hold)'));
   const edgeText = (missingKey, speedKey) => {
     const speedShare = median(measured.map((mark) => mark[speedKey]));
-    return small(median(measured.map((mark) => mark[missingKey]))) + ' missing, mirror at ' + share(speedShare) +
-      ' of the mark speed (dose ' + dose(doseOf(speedShare)) + ')';
+    const missing = median(measured.map((mark) => mark[missingKey]));
+    return (missing >= 0 ? small(missing) + ' not marked' : 'marks ' + small(-missing) + ' beyond') + ', mirror at ' +
+      share(speedShare) + ' of the mark speed (dose ' + dose(doseOf(speedShare)) + ')';
   };
   const roundings = result.corners.map((corner) => corner.rounding).filter(known);
   const where = result.marks.length > 0 ? 'while marking' : 'over the whole trace';
@@ -640,14 +641,17 @@
   }
 
   // A small plot: axes with ticks and numbers and their titles, then what `figure.paint` draws inside. With
-  // figure.y.equal the y axis takes the x axis' scale, centred on 0; with figure.y.log it is logarithmic.
+  // figure.y.equal the y axis takes the x axis' scale, centred on 0 and reaching at least figure.y.atLeast; with
+  // figure.y.log it is logarithmic.
   function drawFigure(canvas, figure) {
     const { context, width, height } = prepare(canvas);
     const area = { x: 58, y: 8, w: width - 68, h: height - 44 };
     const boxes = [];
     const x = figure.x;
     const y = figure.y;
-    if (y.equal) {
+    if (y.equal) {  // wide enough for y.atLeast on either side of 0
+      const needed = 2 * (y.atLeast || 0) * area.w / area.h;
+      if (x.high - x.low < needed) [x.low, x.high] = [(x.low + x.high - needed) / 2, (x.low + x.high + needed) / 2];
       y.high = (x.high - x.low) * area.h / area.w / 2;
       y.low = -y.high;
     }
@@ -913,7 +917,8 @@
     const under = (t) => (start ? t >= edge.gate_us : t <= edge.gate_us);
     return drawFigure(canvas, {
       x: { low: low - pad, high: high + pad, title: 'along the mark from its ' + (start ? 'start' : 'end') + ' (' + smallUnit + ')' },
-      y: { equal: true, title: 'across (' + smallUnit + ')' },
+      y: { equal: true, atLeast: 1.2 * Math.max(0, ...[gate, suggested].filter((p) => p).map((p) => Math.abs(across(p)))),
+        title: 'across (' + smallUnit + ')' },
       paint: (context, sx, sy) => {
         const screen = (samples, i) => [sx(along([samples.x[i], samples.y[i]])), sy(across([samples.x[i], samples.y[i]]))];
         context.lineWidth = 2;
@@ -1080,7 +1085,7 @@
     const gallery = byId('settling');
     for (const id of Array.from(drawings.keys())) if (id.startsWith('jump-')) drawings.delete(id);
     gallery.textContent = '';
-    const chosen = data.jumpOrder.filter((i) => jumpCloseUps.has(i)).slice(0, 6);
+    const chosen = data.jumpOrder.filter((i) => jumpCloseUps.has(i) && !jumps[i].cut_short).slice(0, 6);
     if (jumpGallery.selected !== null && !chosen.includes(jumpGallery.selected)) chosen.unshift(jumpGallery.selected);
     for (const i of chosen) {
       const jump = jumps[i];
