@@ -277,7 +277,7 @@
   const speedList = (values) => (values.length ? values.map(speed).join(', ') : '–');
   byId('speeds').textContent = 'Mark speed ' + speedList(result.speeds.mark_units_per_ms) + '; jump speed ' +
     speedList(result.speeds.jump_units_per_ms) + '. Settle band ' + small(result.settle_band) +
-    ', largest edge dose ' + maxDose + ' (oltb report --settle-band, --max-edge-dose).';
+    ' (oltb report --settle-band); largest edge dose ' + maxDose + '× the dose of the mark\'s body.';
 
   function choiceTable(table, choices, name, suggested) {
     if (choices.length === 0) return;
