@@ -7,11 +7,12 @@ set -euo pipefail
 
 # report: what building oltb report needs: the charting library of its page (dygraphs), built into the tool so that
 # the installed tool needs nothing of it, and zlib, which packs the page's numbers. browser: chromium, for the test
-# that opens a report page in a real browser and for the README's screenshot of one. build: python3-venv, -pip,
+# that opens a report page in a real browser and for the README's screenshot of one, and poppler-utils (pdftoppm),
+# with which the test looks at the page printed to PDF. build: python3-venv, -pip,
 # -setuptools and -wheel let the Python test pip-install the package into a virtual environment, offline.
 declare -A needs=(
   [report]="libjs-dygraphs zlib1g-dev"
-  [browser]="chromium"
+  [browser]="chromium poppler-utils"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev libdeflate-dev python3-numpy python3-pytest python3-h5py python3-venv python3-pip python3-setuptools python3-wheel"
   [m32]="g++-multilib pkg-config"

@@ -1,11 +1,14 @@
 // The report page's thinning: the envelope of every column survives, the path keeps the laser's edges, and a long
-// trace stays within the page's budget while a short one keeps every sample.
+// trace stays within the page's budget while a short one keeps every sample. The close-ups go to the marks and
+// jumps that came out worst, and only so many.
 #include "analysis/SyntheticTrace.h"
 #include "tools/oltb/report/PageData.h"
+#include "tools/oltb/report/PageDetails.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
 
 namespace {
 
@@ -54,6 +57,57 @@ TEST(PageData, LongTraceStaysWithinTheBudgetAndShortOneKeepsEverySample) {
     const std::string whole = report::pageData(events.data(), events.size(), result, options);
     EXPECT_NE(whole.find("\"times\""), std::string::npos);
     EXPECT_NE(whole.find("\"finestColumnUs\": 0,"), std::string::npos);
+}
+
+TEST(PageData, WorstMarksTakeTheLargestMissingLengthAndTheLargestEdgeDoseInTurn) {
+    struct Edges {
+        std::optional<double> startMissing, endMissing, speedAtOn, speedAtOff;
+    };
+    const std::vector<Edges> table{
+        {10, 10, 1.0, 1.0},         // 0: fine
+        {-500, 20, 0.9, 1.0},       // 1: marks 500 units before the start: the largest missing length
+        {50, 30, 1.0, 0.05},        // 2: a dot at the end (dose 20): the largest dose
+        {{}, {}, {}, {}},           // 3: not measured
+        {200, 0, 0.5, 1.0},         // 4: second by missing length
+        {5, 5, 0.2, 1.0},           // 5: second by dose
+    };
+    std::vector<analysis::Mark> marks(table.size());
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        marks[i].startMissing = table[i].startMissing;
+        marks[i].endMissing = table[i].endMissing;
+        marks[i].speedAtOn = table[i].speedAtOn;
+        marks[i].speedAtOff = table[i].speedAtOff;
+    }
+    EXPECT_EQ(report::marksByEdges(marks), (std::vector<std::size_t>{1, 2, 4, 5, 0}));
+}
+
+TEST(PageData, WorstJumpsAreTheUnsettledFarthestOffThenTheSlowestThenTheCutShort) {
+    std::vector<analysis::Jump> jumps(5);
+    jumps[0].settled = true, jumps[0].settleUs = 300;
+    jumps[1].distanceAtNext = 150;
+    jumps[2].cutShort = true;
+    jumps[3].settled = true, jumps[3].settleUs = 900;
+    jumps[4].distanceAtNext = 4000;
+    EXPECT_EQ(report::jumpsBySettling(jumps), (std::vector<std::size_t>{4, 1, 3, 0, 2}));
+}
+
+TEST(PageData, CloseUpsGoToSoManyMarksAndJumps) {
+    analysis::SyntheticSettings settings;
+    settings.repeats = 4;
+    const std::vector<oltbTraceEvent> events = analysis::syntheticTrace(settings, analysis::exampleJob());
+    const analysis::Result result = analysis::analyze(events);
+    report::PageOptions options;
+    options.closeUps = 3;
+    const std::string page = report::pageData(events.data(), events.size(), result, options);
+    const auto count = [&page](const std::string& text) {
+        std::size_t found = 0;
+        for (std::size_t at = page.find(text); at != std::string::npos; at = page.find(text, at + 1)) ++found;
+        return found;
+    };
+    ASSERT_GT(result.marks.size(), 3u);
+    EXPECT_EQ(count("\"start\": {\"gate_us\": "), 3u);
+    EXPECT_EQ(count("\"end\": {\"gate_us\": "), 3u);
+    EXPECT_EQ(count("\"next_us\": "), 3u);
 }
 
 }  // namespace

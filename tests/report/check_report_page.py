@@ -3,29 +3,35 @@
 
 With --tool and --simulator: makes the page of a simulator capture (oltb report straight from the server) and
 checks it; with --page: checks that page. Checked: no script error and no console message, whole and zoomed in
-(the page's samples level); the verdict the page writes says it drew; in a screenshot the XY path shows the laser
-on and off and every time plot has lines. With the simulator also: the positions the page unpacked span exactly
-the range of a capture of the same job by oltb acquire. --screenshot keeps the screenshot (docs/report.png).
-Exit 0 passed, 1 failed, 77 skipped (no chromium). Every run of a program is bounded in time.
+(the page's samples level, on a window as narrow as paper); the verdict the page writes says it drew every view
+(the time plots, the XY path, the close-ups of mark edges and jumps), each axis of each has at least two numbered
+ticks and no two of its texts overlap; in a screenshot every view has lines, the XY path with the laser on and off;
+printed to PDF at once (as a browser prints it), the plots are there. With the simulator also: the positions the
+page unpacked span exactly the range of a capture of the same job by oltb acquire. --screenshot keeps the
+screenshot (docs/report.png). Exit 0 passed, 1 failed, 77 skipped (no chromium). Every run of a program is
+bounded in time.
 """
-import argparse, json, os, re, struct, subprocess, sys, tempfile, time, zlib
+import argparse, glob, json, os, re, shutil, struct, subprocess, sys, tempfile, time, zlib
 
 WINDOW = (1600, 1800)
+PAPER = (700, 1800)  # the width of the page as printed: the page draws again at it before printing
+VIEWS = ('xy', 'plot-x', 'plot-y', 'plot-speed', 'plot-error', 'plot-laser', 'edge-start', 'edge-end', 'jump')
 SIGNALS = 'Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate,LaserPower16,Label'
 
 
-def chromium(work, *arguments):
+def chromium(work, *arguments, window=WINDOW):
     profile = tempfile.mkdtemp(dir=work)  # a new profile each run: nothing left from before
     command = ['chromium', '--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
                '--disable-background-networking', '--disable-component-update', '--disable-sync',
                '--user-data-dir=' + profile, '--hide-scrollbars', '--force-device-scale-factor=1',
-               '--window-size=%d,%d' % WINDOW, '--enable-logging=stderr', '--v=0', *arguments]
+               '--window-size=%d,%d' % window, '--enable-logging=stderr', '--v=0', *arguments]
     return subprocess.run(command, capture_output=True, text=True, timeout=90)
 
 
-def load(work, page, window=''):
+def load(work, page, hash='', window=WINDOW):
     """The verdict of the page as drawn, and the console messages."""
-    run = chromium(work, '--virtual-time-budget=5000', '--dump-dom', 'file://' + os.path.abspath(page) + window)
+    run = chromium(work, '--virtual-time-budget=5000', '--dump-dom', 'file://' + os.path.abspath(page) + hash,
+                   window=window)
     found = re.search(r'<div id="verdict"[^>]*>([^<]*)</div>', run.stdout)
     # Messages of the page itself; Chromium's own pages (source chrome://...) speak of its network and fonts.
     console = [line for line in run.stderr.splitlines()
@@ -86,6 +92,37 @@ def colours(step, rows, box):
     return strong, red, blue
 
 
+def texts(views):
+    """Each axis of each view has two numbered ticks or more; no two texts of a view overlap (boxes in pixels)."""
+    failures = []
+    for name, view in sorted(views.items()):
+        boxes = view['texts']
+        for axis in sorted({'x', 'y'} | {box[0] for box in boxes if box[0] == 'y2'}):
+            if sum(1 for box in boxes if box[0] == axis and re.search(r'\d', box[1])) < 2:
+                failures.append('%s: fewer than two numbered ticks on its %s axis' % (name, axis))
+        for i, a in enumerate(boxes):
+            for b in boxes[i + 1:]:
+                if min(a[2] + a[4], b[2] + b[4]) - max(a[2], b[2]) > 0.5 and \
+                        min(a[3] + a[5], b[3] + b[5]) - max(a[3], b[3]) > 0.5:
+                    failures.append('%s: %r overlaps %r' % (name, a, b))
+    return failures
+
+
+def printed(work, page):
+    """Strongly coloured pixels (all, red, blue) of the page printed to PDF, as chromium prints it once it has
+    loaded; None without pdftoppm (poppler-utils)."""
+    pdf = os.path.join(work, 'page.pdf')
+    chromium(work, '--no-pdf-header-footer', '--print-to-pdf=' + pdf, 'file://' + os.path.abspath(page))
+    if not shutil.which('pdftoppm'):
+        return None
+    subprocess.run(['pdftoppm', '-r', '50', '-png', pdf, os.path.join(work, 'printed')], check=True, timeout=60)
+    totals = [0, 0, 0]
+    for name in glob.glob(os.path.join(work, 'printed*.png')):
+        step, rows = pixels(name)
+        totals = [a + b for a, b in zip(totals, colours(step, rows, (0, 0, len(rows[0]) // step, len(rows))))]
+    return totals
+
+
 def check(work, page, screenshot, ranges):
     failures = []
     started = time.monotonic()
@@ -93,28 +130,37 @@ def check(work, page, screenshot, ranges):
     failures += ['console: ' + line for line in console] + ['script error: ' + e for e in verdict.get('errors', [])]
     if verdict.get('state') != 'drawn':
         return failures + ['the page did not draw: %r' % verdict]
-    print('page drawn %d ms after it began loading; plots %s' % (verdict['loadMs'], sorted(verdict['boxes'])))
+    print('page drawn %d ms after it began loading; views %s' % (verdict['loadMs'], sorted(verdict['views'])))
     for series, signal in (('cx', 'Head0TxX'), ('cy', 'Head0TxY'), ('ax', 'Head0RxX'), ('ay', 'Head0RxY')):
         if ranges:
             print('%s on the page %r, in the capture %r' % (signal, verdict['ranges'].get(series), ranges[signal]))
         if ranges and tuple(verdict['ranges'].get(series, ())) != ranges[signal]:
             failures.append('%s on the page spans %r, in the capture %r' % (signal, verdict['ranges'].get(series),
                                                                             ranges[signal]))
-    zoomed, console = load(work, page, '#t=140000,141000')
+    views = verdict['views']
+    for view in VIEWS:
+        if not any((name == view or name.startswith(view + '-')) and views[name]['points'] > 0 for name in views):
+            failures.append(view + ' was not drawn')
+    failures += texts(views)
+    zoomed, console = load(work, page, '#t=140000,141000', PAPER)
     failures += ['zoomed, console: ' + line for line in console] + ['zoomed: ' + e for e in zoomed.get('errors', [])]
     if zoomed.get('inView') != 'samples':
         failures.append('zoomed to 1 ms the plots do not show the samples: %r' % zoomed.get('inView'))
+    failures += ['as wide as paper, ' + failure for failure in texts(zoomed.get('views', {}))]
     shot = screenshot or os.path.join(work, 'page.png')
-    chromium(work, '--virtual-time-budget=5000', '--screenshot=' + shot, 'file://' + os.path.abspath(page))
+    chromium(work, '--virtual-time-budget=5000', '--screenshot=' + shot, 'file://' + os.path.abspath(page),
+             window=(WINDOW[0], min(verdict['height'], 8000)))
     step, rows = pixels(shot)
     for name, box in sorted(verdict['boxes'].items()):
         strong, red, blue = colours(step, rows, box)
-        print('%-11s %7d drawn pixels, %6d red, %6d blue' % (name, strong, red, blue))
-        if strong < 300 or (name == 'xy' and (red < 300 or blue < 100)):
+        print('%-16s %7d drawn pixels, %6d red, %6d blue' % (name, strong, red, blue))
+        if strong < (300 if box[2] * box[3] > 100000 else 100) or (name == 'xy' and (red < 300 or blue < 100)):
             failures.append('%s looks blank in the screenshot (%d drawn, %d red, %d blue)' % (name, strong, red, blue))
-    for plot in ('xy', 'plot-x', 'plot-y', 'plot-error', 'plot-laser'):
-        if plot not in verdict['boxes']:
-            failures.append(plot + ' was not drawn')
+    on_paper = printed(work, page)
+    print('printed at once: %s drawn pixels, red, blue' % (on_paper or 'not checked (no pdftoppm)'))
+    # Blank plots leave about 3,000, 170 and 250 (the page's own colours); drawn ones about 15,000, 860 and 1,300.
+    if on_paper and (on_paper[0] < 8000 or on_paper[1] < 450 or on_paper[2] < 600):
+        failures.append('the page printed at once has blank plots: %r drawn, red, blue pixels' % on_paper)
     print('checked in %.1f s' % (time.monotonic() - started))
     return failures
 

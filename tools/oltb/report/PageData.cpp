@@ -3,8 +3,10 @@
 #include "tools/oltb/report/PageData.h"
 
 #include "tools/oltb/report/PackedNumbers.h"
+#include "tools/oltb/report/PageDetails.h"
 
 #include "analysis/AnalysisReport.h"
+#include "analysis/Kinematics.h"
 #include "tools/oltb/Signals.h"
 
 #include <algorithm>
@@ -28,6 +30,7 @@ constexpr std::size_t MaxLabels = 20'000;
 
 constexpr double PositionScale = 1;  // head positions are whole numbers
 constexpr double ErrorScale = 16;
+constexpr double SpeedScale = 4;     // speeds in 1/4 unit/ms
 constexpr double TickScale = 64;     // ticks per us
 
 using analysis::jsonString;
@@ -40,10 +43,6 @@ std::string number(double value) {
     char text[32];
     const auto written = std::to_chars(text, text + sizeof(text), value);
     return std::string(text, written.ptr);
-}
-
-std::string number(std::optional<double> value) {
-    return value ? number(*value) : std::string("null");
 }
 
 // The trace as the page draws it, split by channel.
@@ -122,9 +121,10 @@ analysis::Series followingError(const analysis::Series& commanded, const analysi
 }
 
 struct NamedSeries {
-    const char* id;  // the page's name: cx, ax, cy, ay (positions), fx, fy (following errors)
+    const char* id;  // the page's name: cx, ax, cy, ay (positions), sc, sa (speeds), fx, fy (following errors)
     const analysis::Series* series;
-    double scale() const { return id[0] == 'f' ? ErrorScale : PositionScale; }
+    double scale;
+    bool position;
 };
 
 // The time plots' grids, coarsest first, then the samples themselves: each as long as the page stays within
@@ -136,7 +136,7 @@ std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, doub
     for (const NamedSeries& named : all) {
         if (!named.series->empty()) {
             shown.push_back(named);
-            if (named.id[0] != 'f' && (clock == nullptr || named.series->size() > clock->size())) {
+            if (named.position && (clock == nullptr || named.series->size() > clock->size())) {
                 clock = named.series;
             }
         }
@@ -156,7 +156,7 @@ std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, doub
                             ", \"values\": {";
         for (std::size_t i = 0; i < shown.size(); ++i) {
             level += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
-                     packedNumbers(minMaxColumns(*shown[i].series, startUs, columnUs, columns), shown[i].scale());
+                     packedNumbers(minMaxColumns(*shown[i].series, startUs, columnUs, columns), shown[i].scale);
         }
         level += "}}";
         if (!levels.empty() && levels.size() + level.size() > budget) {
@@ -178,7 +178,7 @@ std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, doub
             }
         }
         samples += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
-                   packedNumbers(values, shown[i].scale());
+                   packedNumbers(values, shown[i].scale);
     }
     samples += "}}";
     if (levels.size() + samples.size() <= budget) {
@@ -243,34 +243,14 @@ std::string pathJson(const analysis::Path& path, const std::vector<double>& edge
            ", \"y\": " + packedNumbers(y, PositionScale) + "}";
 }
 
-// The largest following error of either axis under each mark's gate.
-std::vector<std::optional<double>> markErrors(const std::vector<analysis::Mark>& marks,
-                                              const std::vector<const analysis::Series*>& errors) {
-    std::vector<std::optional<double>> largest(marks.size());
-    for (const analysis::Series* error : errors) {
-        std::size_t j = 0;
-        for (std::size_t m = 0; m < marks.size(); ++m) {
-            while (j < error->size() && error->t[j] < marks[m].startUs) ++j;
-            for (std::size_t k = j; k < error->size() && error->t[k] <= marks[m].endUs; ++k) {
-                largest[m] = std::max(largest[m].value_or(0.0), std::abs(error->v[k]));
-            }
-        }
+// The speed along the path (units/ms) at each of its samples.
+analysis::Series speedOf(const analysis::Path& path) {
+    analysis::Series speed;
+    const analysis::PathMotion motion(path);
+    for (std::size_t i = 0; i < path.size(); ++i) {
+        speed.add(path.t[i], 1000 * analysis::length(motion.velocityOf(i)));
     }
-    return largest;
-}
-
-// The marks to highlight: those with the largest following error, a tenth of them but one to three.
-std::vector<std::size_t> worstMarks(const std::vector<std::optional<double>>& errors) {
-    std::vector<std::size_t> order;
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        if (errors[i]) order.push_back(i);
-    }
-    const std::size_t count = std::min<std::size_t>({order.size(), 3, std::max<std::size_t>(1, errors.size() / 10)});
-    std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(count), order.end(),
-                      [&](std::size_t a, std::size_t b) { return *errors[a] > *errors[b]; });
-    order.resize(count);
-    std::sort(order.begin(), order.end());
-    return order;
+    return speed;
 }
 
 template <typename Item, typename Format>
@@ -345,7 +325,8 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     const analysis::Series errorY = result.trackingErrorYUs
                                         ? followingError(channels.commandedY, channels.actualY, *result.trackingErrorYUs)
                                         : analysis::Series{};
-    const std::vector<std::optional<double>> errorsOfMarks = markErrors(result.marks, {&errorX, &errorY});
+    const analysis::Path commanded = analysis::joinAxes(channels.commandedX, channels.commandedY);
+    const analysis::Path actual = analysis::joinAxes(channels.actualX, channels.actualY);
 
     std::string data = "{\"source\": " + jsonString(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
                        ", \"head\": " + std::to_string(result.head) + ", \"unitsPerMm\": " +
@@ -363,18 +344,16 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
         }
     }
     data += "],\n \"analysis\": " + analysis::toJson(result, signalNameOf);
-    data += ",\n \"suggestions\": " +
-            list(analysis::suggestedChanges(result, options.unitsPerMm), [](const std::string& s) { return jsonString(s); });
     data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return jsonString(s); });
-    data += ",\n \"markErrors\": " + list(errorsOfMarks, [](std::optional<double> e) { return number(e); });
-    data += ",\n \"worstMarks\": " +
-            list(worstMarks(errorsOfMarks), [](std::size_t i) { return std::to_string(i); });
-    std::vector<std::size_t> cutShort;
-    for (std::size_t i = 0; i < result.jumps.size(); ++i) {
-        if (result.jumps[i].cutShort) cutShort.push_back(i);
-    }
-    data += ",\n \"cutShortJumps\": " + list(cutShort, [](std::size_t i) { return std::to_string(i); });
-    data += std::string(",\n \"settlingKnown\": ") + (result.pathTrackingErrorUs ? "true" : "false");
+    const auto indices = [](std::size_t i) { return std::to_string(i); };
+    const std::vector<std::size_t> markOrder = marksByEdges(result.marks);
+    const std::vector<std::size_t> jumpOrder = jumpsBySettling(result.jumps);
+    data += ",\n \"markOrder\": " + list(markOrder, indices);
+    data += ",\n \"jumpOrder\": " + list(jumpOrder, indices);
+    // A close-up takes one or two kilobytes: at most a tenth of the budget.
+    const std::size_t closeUps = std::min(options.closeUps, options.byteBudget / 20'000);
+    data += ",\n \"markCloseUps\": " + markCloseUps(result, commanded, actual, markOrder, closeUps);
+    data += ",\n \"jumpCloseUps\": " + jumpCloseUps(result, commanded, actual, jumpOrder, closeUps);
     data += ",\n \"labels\": " + list(channels.labels, [](const std::pair<double, int>& label) {
                 return "[" + number(label.first) + ", " + std::to_string(label.second) + "]";
             });
@@ -386,8 +365,6 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     data += ",\n \"power\": " +
             stepSeries(channels.powerT, channels.powerV, startUs, durationUs, channels.powerName, maxSteps);
 
-    // The gate edges split the drawn path into laser on and laser off.
-    const std::vector<double>& edges = channels.gateT;
     const std::vector<std::pair<const char*, const analysis::Series*>> names{
         {"cx", &channels.commandedX}, {"cy", &channels.commandedY}, {"ax", &channels.actualX}, {"ay", &channels.actualY}};
     data += ",\n \"names\": {";
@@ -398,7 +375,8 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     }
     data += "}";
 
-    // The paths are bounded in size; what is left of the budget is for the time plots, the larger part.
+    // The paths are bounded in size; what is left of the budget is for the time plots, the larger part. The gate
+    // edges split the drawn path into laser on and laser off.
     double low = 0, high = 0;
     for (const auto& named : names) {
         for (const double v : named.second->v) {
@@ -406,13 +384,16 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
             high = std::max(high, v);
         }
     }
-    data += ",\n \"path\": {\"commanded\": " +
-            pathJson(analysis::joinAxes(channels.commandedX, channels.commandedY), edges, high - low, startUs, maxPathPoints);
-    data += ",\n  \"actual\": " +
-            pathJson(analysis::joinAxes(channels.actualX, channels.actualY), edges, high - low, startUs, maxPathPoints) + "}";
-    const std::vector<NamedSeries> timeSeries{{"cx", &channels.commandedX}, {"ax", &channels.actualX},
-                                              {"cy", &channels.commandedY}, {"ay", &channels.actualY},
-                                              {"fx", &errorX},              {"fy", &errorY}};
+    const std::vector<double>& edges = channels.gateT;
+    data += ",\n \"path\": {\"commanded\": " + pathJson(commanded, edges, high - low, startUs, maxPathPoints);
+    data += ",\n  \"actual\": " + pathJson(actual, edges, high - low, startUs, maxPathPoints) + "}";
+    const analysis::Series commandedSpeed = speedOf(commanded);
+    const analysis::Series actualSpeed = speedOf(actual);
+    const std::vector<NamedSeries> timeSeries{
+        {"cx", &channels.commandedX, PositionScale, true}, {"ax", &channels.actualX, PositionScale, true},
+        {"cy", &channels.commandedY, PositionScale, true}, {"ay", &channels.actualY, PositionScale, true},
+        {"sc", &commandedSpeed, SpeedScale, false},       {"sa", &actualSpeed, SpeedScale, false},
+        {"fx", &errorX, ErrorScale, false},               {"fy", &errorY, ErrorScale, false}};
     double finestUs = 0;
     const std::size_t left = options.byteBudget > data.size() ? options.byteBudget - data.size() : 0;
     const std::string levels = timeLevels(timeSeries, startUs, durationUs, left, finestUs);

@@ -1,6 +1,10 @@
 // What the report page shows of a trace, as one JSON object for the page's script: the analysis figures (worked
-// out on every event) and the trace itself thinned for display, so that a capture of any length gives a page of a
+// out on every event), the marks and jumps in order of how badly they came out with close-ups of the worst
+// (PageDetails.h), and the trace itself thinned for display, so that a capture of any length gives a page of a
 // few megabytes that a browser draws at once.
+//
+// Time series: the commanded and actual positions of each axis, the speed along the path of the command and of the
+// mirror (units/ms), and the following error of each axis.
 //
 // Time plots: each series on grids of columns, from an overview of 2048 columns over the whole trace to grids four
 // times finer each, and the samples themselves where they fit; each column keeps its smallest and largest sample
@@ -35,6 +39,7 @@ struct PageOptions {
     std::string source;       // what was analysed: a file, or a server and its labels
     double unitsPerMm = 0;    // > 0: the page shows mm, um and mm/s
     std::size_t byteBudget = 12'000'000;  // for the decimated trace; the page adds about 150 kB of its own
+    std::size_t closeUps = 100;           // the worst marks and jumps that get their samples (PageDetails.h)
 };
 
 // The page's data as a JSON object (text safe to put inside a <script> element).

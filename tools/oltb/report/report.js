@@ -1,12 +1,15 @@
 // The report page's script. It reads the trace's data (the element trace-data, written by oltb report), fills the
-// header and the tables, draws the XY path on a canvas of its own and the time plots with dygraphs, and keeps all
-// of them on one time window: zooming one time plot zooms the others, and the XY path draws the part in view wider.
+// tables, draws the XY path and the close-ups on canvases of its own and the time plots with dygraphs, and keeps
+// them on one time window: zooming one time plot zooms the others, and the XY path draws the part in view wider.
+//
+// Everything is drawn while the page loads (the numbers are unpacked synchronously), so that a page printed at
+// once has its plots; before printing, every plot is drawn again at the width of the paper.
 //
 // The time series come on several grids of columns, each column holding the smallest and largest sample in the
 // order they came, and possibly as the samples themselves. For the window in view the plots take the coarsest grid
 // that still gives two points per pixel, and the overview for the rest of the trace.
-// When everything has drawn, the element verdict tells (as JSON) what drew, any script errors, and the time taken:
-// the browser test reads it.
+// When everything has drawn, the element verdict tells (as JSON) what drew, where the texts of each plot stand, any
+// script errors, and the time taken: the browser test reads it.
 'use strict';
 
 (function () {
@@ -14,25 +17,148 @@
   const verdict = { state: 'loading', errors: errors };
   const showVerdict = () => { document.getElementById('verdict').textContent = JSON.stringify(verdict); };
   window.addEventListener('error', (event) => { errors.push(String(event.message)); showVerdict(); });
-  window.addEventListener('unhandledrejection', (event) => { errors.push(String(event.reason)); showVerdict(); });
 
   const data = JSON.parse(document.getElementById('trace-data').textContent);
   const result = data.analysis;
+  const marks = result.marks;
+  const jumps = result.jumps;
   const unitsPerMm = data.unitsPerMm > 0 ? data.unitsPerMm : 0;
   const startUs = data.startUs;
   const endUs = data.startUs + data.durationUs;
 
-  // ---- numbers ------------------------------------------------------------------------------------------------
+  // ---- numbers ---------------------------------------------------------------------------------------------------
+  // zlib's deflate format (RFC 1950, 1951) undone in plain script: the browser's own inflater only works
+  // asynchronously, after the page has loaded, too late for a page printed at once.
+  const LengthBase = [];
+  const LengthExtra = [];
+  const DistanceBase = [];
+  const DistanceExtra = [];
+  for (let i = 0, base = 3; i < 28; ++i) {
+    LengthExtra.push(i < 8 ? 0 : (i - 4) >> 2);
+    LengthBase.push(base);
+    base += 1 << LengthExtra[i];
+  }
+  LengthBase.push(258);
+  LengthExtra.push(0);
+  for (let i = 0, base = 1; i < 30; ++i) {
+    DistanceExtra.push(i < 2 ? 0 : (i >> 1) - 1);
+    DistanceBase.push(base);
+    base += 1 << DistanceExtra[i];
+  }
+  const CodeLengthOrder = [16, 17, 18, 0, 8, 7, 9, 6, 10, 5, 11, 4, 12, 3, 13, 2, 14, 1, 15];
+
+  // A canonical Huffman code as a table indexed by its next `bits` input bits (first bit lowest): symbol << 4 | length.
+  function huffman(lengths) {
+    const bits = Math.max(1, ...lengths);
+    const counts = new Array(16).fill(0);
+    for (const length of lengths) counts[length]++;
+    counts[0] = 0;
+    const next = new Array(16).fill(0);
+    for (let length = 1, code = 0; length < 16; ++length) {
+      code = (code + counts[length - 1]) << 1;
+      next[length] = code;
+    }
+    const table = new Int32Array(1 << bits);
+    lengths.forEach((length, symbol) => {
+      if (length === 0) return;
+      let reversed = 0;
+      for (let i = 0, code = next[length]++; i < length; ++i, code >>= 1) reversed = (reversed << 1) | (code & 1);
+      for (let j = reversed; j < table.length; j += 1 << length) table[j] = (symbol << 4) | length;
+    });
+    return { bits: bits, table: table };
+  }
+  const FixedLiterals = huffman(Array.from({ length: 288 }, (_, i) => (i < 144 ? 8 : i < 256 ? 9 : i < 280 ? 7 : 8)));
+  const FixedDistances = huffman(new Array(30).fill(5));
+
+  function inflate(input, size) {
+    const out = new Uint8Array(size);
+    let at = 2;  // after zlib's header
+    let buffer = 0;
+    let held = 0;
+    let written = 0;
+    const need = (n) => { while (held < n) { buffer |= (input[at++] | 0) << held; held += 8; } };
+    const take = (n) => { need(n); const v = buffer & ((1 << n) - 1); buffer >>>= n; held -= n; return v; };
+    const decode = (code) => {
+      need(code.bits);
+      const entry = code.table[buffer & ((1 << code.bits) - 1)];
+      if ((entry & 15) === 0) throw new Error('a packed array is damaged');
+      buffer >>>= entry & 15;
+      held -= entry & 15;
+      return entry >> 4;
+    };
+    for (let last = 0; !last;) {
+      last = take(1);
+      const type = take(2);
+      if (type === 0) {  // stored: the bytes as they are, from the next byte boundary
+        at -= held >> 3;
+        buffer = 0;
+        held = 0;
+        const count = input[at] | (input[at + 1] << 8);
+        out.set(input.subarray(at + 4, at + 4 + count), written);
+        at += 4 + count;
+        written += count;
+        continue;
+      }
+      let literals = FixedLiterals;
+      let distances = FixedDistances;
+      if (type === 2) {
+        const literalCount = take(5) + 257;
+        const distanceCount = take(5) + 1;
+        const codeLengths = new Array(19).fill(0);
+        for (let i = 0, count = take(4) + 4; i < count; ++i) codeLengths[CodeLengthOrder[i]] = take(3);
+        const lengthCode = huffman(codeLengths);
+        const lengths = [];
+        while (lengths.length < literalCount + distanceCount) {
+          const symbol = decode(lengthCode);
+          if (symbol < 16) {
+            lengths.push(symbol);
+          } else {
+            const repeated = symbol === 16 ? lengths[lengths.length - 1] : 0;
+            const times = symbol === 16 ? 3 + take(2) : symbol === 17 ? 3 + take(3) : 11 + take(7);
+            for (let r = 0; r < times; ++r) lengths.push(repeated);
+          }
+        }
+        literals = huffman(lengths.slice(0, literalCount));
+        distances = huffman(lengths.slice(literalCount));
+      }
+      // The hot loop, with the bit reader written out: literals, and copies of what came before.
+      const literalMask = (1 << literals.bits) - 1;
+      const distanceMask = (1 << distances.bits) - 1;
+      for (;;) {
+        while (held < 15) { buffer |= (input[at++] | 0) << held; held += 8; }
+        const entry = literals.table[buffer & literalMask];
+        if ((entry & 15) === 0) throw new Error('a packed array is damaged');
+        buffer >>>= entry & 15;
+        held -= entry & 15;
+        const symbol = entry >> 4;
+        if (symbol < 256) {
+          out[written++] = symbol;
+          continue;
+        }
+        if (symbol === 256) break;
+        const length = LengthBase[symbol - 257] + take(LengthExtra[symbol - 257]);
+        while (held < 15) { buffer |= (input[at++] | 0) << held; held += 8; }
+        const code = distances.table[buffer & distanceMask];
+        if ((code & 15) === 0) throw new Error('a packed array is damaged');
+        buffer >>>= code & 15;
+        held -= code & 15;
+        const distance = DistanceBase[code >> 4] + take(DistanceExtra[code >> 4]);
+        if (distance > written) throw new Error('a packed array is damaged');
+        for (const end = written + length; written < end; ++written) out[written] = out[written - distance];
+      }
+    }
+    if (written !== size) throw new Error('a packed array holds ' + written + ' of ' + size + ' bytes');
+    return out;
+  }
+
   // A packed array (tools/oltb/report/PackedNumbers.h): base64 of deflated int32 differences of the scaled values.
   const GapMark = -2147483648;
-  async function unpack(packed, Type) {
+  function unpack(packed, Type) {
     const text = atob(packed.data);
     const bytes = new Uint8Array(text.length);
     for (let i = 0; i < text.length; ++i) bytes[i] = text.charCodeAt(i);
-    const inflated = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
-    const differences = new Int32Array(await new Response(inflated).arrayBuffer());
-    if (differences.length !== packed.count) throw new Error('a packed array holds ' + differences.length + ' of ' + packed.count + ' numbers');
-    const values = new Type(packed.count);
+    const differences = new Int32Array(inflate(bytes, 4 * packed.count).buffer);
+    const values = new (Type || Float64Array)(packed.count);
     let sum = 0;
     for (let i = 0; i < differences.length; ++i) {
       if (differences[i] === GapMark) {
@@ -47,16 +173,28 @@
 
   const known = (v) => v !== null && v !== undefined && Number.isFinite(v);
   const fixed = (v, digits) => (known(v) ? v.toFixed(digits) : '–');
-  const signed = (v, digits) => (known(v) ? (v > 0 ? '+' : v < 0 ? '−' : '') + Math.abs(v).toFixed(digits) : '–');
   const us = (v) => (known(v) ? v.toFixed(1) + ' µs' : '–');
-  const length = (v) => (!known(v) ? '–' : unitsPerMm ? (v / unitsPerMm).toFixed(3) + ' mm' : Math.round(v) + ' units');
-  const error = (v) => (!known(v) ? '–' : unitsPerMm ? (v / unitsPerMm * 1000).toFixed(1) + ' µm' : v.toFixed(1) + ' units');
-  const speed = (v) => (!known(v) ? '–' : unitsPerMm ? (v / unitsPerMm * 1000).toFixed(1) + ' mm/s' : Math.round(v) + ' units/ms');
-  const positionScale = unitsPerMm ? 1 / unitsPerMm : 1;
-  const errorScale = unitsPerMm ? 1000 / unitsPerMm : 1;
-  const positionUnit = unitsPerMm ? 'mm' : 'units';
-  const errorUnit = unitsPerMm ? 'µm' : 'units';
+  const wholeUs = (v) => (known(v) ? Math.round(v) + ' µs' : '–');
   const ms = (v) => +(v / 1000).toFixed(3) + ' ms';
+  const length = (v) => (!known(v) ? '–' : unitsPerMm ? (v / unitsPerMm).toFixed(3) + ' mm' : Math.round(v) + ' units');
+  // Small distances (missing lengths, errors, rounding): µm, or head units.
+  const smallScale = unitsPerMm ? 1000 / unitsPerMm : 1;
+  const smallUnit = unitsPerMm ? 'µm' : 'units';
+  const small = (v) => (!known(v) ? '–' : (v * smallScale).toFixed(unitsPerMm ? 1 : 0) + ' ' + smallUnit);
+  const speedScale = unitsPerMm ? 1000 / unitsPerMm : 1;
+  const speedUnit = unitsPerMm ? 'mm/s' : 'units/ms';
+  const speed = (v) => (!known(v) ? '–' : (v * speedScale).toFixed(unitsPerMm ? 1 : 0) + ' ' + speedUnit);
+  const positionScale = unitsPerMm ? 1 / unitsPerMm : 1;
+  const positionUnit = unitsPerMm ? 'mm' : 'units';
+  const share = (v) => (known(v) ? Math.round(v * 100) + ' %' : '–');
+  // The dose where the mirror moves at `speedShare` of the mark speed, as a multiple of the dose of the mark's body.
+  const doseOf = (speedShare) => (known(speedShare) ? 1 / Math.max(speedShare, 0.01) : null);
+  const dose = (value) => (!known(value) ? '–' : value >= 99.5 ? 'dot' : value.toFixed(1) + '×');
+  const maxDose = result.max_edge_dose;
+  const median = (values) => {
+    const sorted = values.filter(known).sort((a, b) => a - b);
+    return sorted.length ? sorted[sorted.length >> 1] : null;
+  };
 
   // The first index of a sorted array whose value is at least `value`.
   function lowerBound(array, value) {
@@ -69,6 +207,29 @@
     return low;
   }
 
+  // Ticks at 1, 2 or 5 times a power of ten, about `count` of them over [low, high] and at least three, with their
+  // numbers.
+  function niceTicks(low, high, count) {
+    if (!(high > low)) return [];
+    const raw = (high - low) / Math.max(count, 1);
+    const power = Math.pow(10, Math.floor(Math.log10(raw)));
+    let step = [1, 2, 5, 10].map((f) => f * power).find((s) => s >= raw);
+    // A range just past a round number would leave a lone tick: the next smaller step (5 to 2 to 1 to 0.5).
+    for (let k = 0; k < 6 && Math.floor(high / step) - Math.ceil(low / step) < 2; ++k) {
+      step *= Math.round(step / Math.pow(10, Math.floor(Math.log10(step) + 1e-9))) === 5 ? 0.4 : 0.5;
+    }
+    const ticks = [];
+    for (let k = Math.ceil(low / step); k * step <= high; ++k) ticks.push({ v: k * step, label: tickLabel(k * step, step) });
+    return ticks;
+  }
+
+  function tickLabel(v, step) {
+    if (Math.abs(v) < step / 2) return '0';
+    if (step >= 1000) return (v / 1000).toLocaleString('en', { maximumFractionDigits: 3 }) + 'k';
+    return v.toFixed(Math.max(0, -Math.floor(Math.log10(step) + 1e-9)));
+  }
+
+  // ---- page parts --------------------------------------------------------------------------------------------------
   function element(tag, text, className) {
     const node = document.createElement(tag);
     if (text !== undefined) node.textContent = text;
@@ -77,8 +238,10 @@
   }
 
   function tableRows(table, header, rows) {
-    const head = table.createTHead().insertRow();
-    for (const title of header) head.appendChild(element('th', title));
+    if (header.length > 0) {
+      const head = table.createTHead().insertRow();
+      for (const title of header) head.appendChild(element('th', title));
+    }
     const body = table.createTBody();
     return rows.map((cells) => {
       const row = body.insertRow();
@@ -87,90 +250,140 @@
     });
   }
 
-  // ---- header --------------------------------------------------------------------------------------------------
-  const marks = result.marks;
-  const jumps = result.jumps;
-  const cutShort = new Set(data.cutShortJumps);
-  const settlingKnown = data.settlingKnown;
-  const unsettled = jumps.filter((jump, i) => settlingKnown && !jump.settled && !cutShort.has(i)).length;
+  const byId = (id) => document.getElementById(id);
+
+  // ---- header: warnings, settings, trade-offs, figures -------------------------------------------------------------
   const lost = data.signals.reduce((sum, signal) => sum + signal[2], 0);
+  byId('source').textContent = data.source + ' — head ' + data.head;
 
-  document.getElementById('source').textContent = data.source + ' — head ' + data.head;
-  tableRows(document.getElementById('capture'), [], [
-    ['Source', data.source],
-    ['Duration', ms(data.durationUs)],
-    ['Events', data.events.toLocaleString('en')],
-    ['Signals', data.signals.map((signal) => signal[0]).join(', ')],
-    ['Lost events', lost === 0 ? 'none' : lost + ' (the server\'s buffer overflowed; figures near them are less sure)'],
-  ]).forEach((row) => { row.cells[0].outerHTML = '<th>' + row.cells[0].textContent + '</th>'; });
-  tableRows(document.getElementById('signals'), ['signal', 'events', 'lost'],
-    data.signals.map((signal) => [signal[0], signal[1].toLocaleString('en'), String(signal[2])]));
+  const warnings = result.warnings.slice();
+  if (lost > 0) warnings.push(lost + ' events were lost (the server\'s buffer overflowed); figures near them are less sure.');
+  if (warnings.length > 0) {
+    byId('warnings').hidden = false;
+    for (const text of warnings) byId('warning-list').appendChild(element('li', text));
+  }
 
+  const settingNames = [['laser_on_delay_us', 'Laser-on delay'], ['laser_off_delay_us', 'Laser-off delay'],
+    ['jump_delay_us', 'Jump delay'], ['mark_delay_us', 'Mark delay'], ['polygon_delay_us', 'Polygon delay']];
+  tableRows(byId('settings'), ['setting', 'now', 'suggested', 'why'], settingNames.map(([key, name]) => {
+    const setting = result.settings[key];
+    return [name, us(setting.now), wholeUs(setting.suggested), setting.why || ''];
+  })).forEach((row, i) => {
+    const setting = result.settings[settingNames[i][0]];
+    if (known(setting.suggested) && !(known(setting.now) && Math.abs(setting.now - setting.suggested) < 1)) {
+      row.cells[2].classList.add('change');
+    }
+  });
+  const speedList = (values) => (values.length ? values.map(speed).join(', ') : '–');
+  byId('speeds').textContent = 'Mark speed ' + speedList(result.speeds.mark_units_per_ms) + '; jump speed ' +
+    speedList(result.speeds.jump_units_per_ms) + '. Settle band ' + small(result.settle_band) +
+    ' (oltb report --settle-band); largest edge dose ' + maxDose + '× the dose of the mark\'s body.';
+
+  function choiceTable(table, choices, name, suggested) {
+    if (choices.length === 0) return;
+    const nearest = choices.reduce((best, c, i) => (known(suggested) &&
+      Math.abs(c.delay_us - suggested) < Math.abs(choices[best].delay_us - suggested) ? i : best), 0);
+    tableRows(table, [name, 'missing', 'edge dose'],
+      choices.map((c) => [wholeUs(c.delay_us), small(c.missing), dose(c.edge_dose)]))
+      .forEach((row, i) => { if (known(suggested) && i === nearest) row.classList.add('change'); });
+  }
+  const laser = result.laser;
+  if (laser.on_choices.length + laser.off_choices.length === 0) {
+    byId('choices-hint').textContent = 'No choices: no mark after a settled jump had its edges measured.';
+  }
+  choiceTable(byId('on-choices'), laser.on_choices, 'laser-on delay', result.settings.laser_on_delay_us.suggested);
+  choiceTable(byId('off-choices'), laser.off_choices, 'laser-off delay', result.settings.laser_off_delay_us.suggested);
+  if (laser.by_speed.length > 0) {
+    tableRows(byId('by-speed'), ['marks at', 'marks', 'laser-on', 'laser-off', 'start missing', 'end missing'],
+      laser.by_speed.map((g) => [speed(g.speed), String(g.marks), wholeUs(g.laser_on_delay_us),
+        wholeUs(g.laser_off_delay_us), small(g.start_missing), small(g.end_missing)]));
+  }
+
+  tableRows(byId('jump-table'), ['jumps up to', 'jump delay', 'needs at least', ''],
+    result.jump_delay_table.map((row) => [length(row.up_to_length), wholeUs(row.delay_us), us(row.at_least_us),
+      row.predicted ? 'predicted by the head\'s model' : known(row.delay_us) ? 'measured'
+        : 'did not settle: trace with a longer jump delay']));
+  if (result.jump_delay_table.length === 0) byId('jump-table-hint').textContent = 'No jump in this trace settled or could be predicted.';
+
+  const measured = marks.filter((mark) => known(mark.start_missing) || known(mark.end_missing));
+  const afterUnsettled = marks.filter((mark) => mark.after_unsettled_jump).length;
+  const settled = jumps.filter((jump) => jump.settled).length;
+  const cutShort = jumps.filter((jump) => jump.cut_short).length;
+  const servoText = (servo) => (!known(servo.natural_frequency_hz) ? (servo.why || 'no model') :
+    Math.round(servo.natural_frequency_hz) + ' Hz, damping ' + fixed(servo.damping, 2) +
+    (known(servo.driver_filter_us) && servo.driver_filter_us > 0.5 ? ', driver filter ' + us(servo.driver_filter_us) : '') +
+    (known(servo.max_acceleration) ? ', acceleration limit ' + Math.round(servo.max_acceleration) + ' units/ms²' : '') +
+    '; misses the mirror by ' + small(servo.fit_rms) + ' rms' + (servo.fit_holds ? '' : ' (does not hold)'));
+  const edgeText = (missingKey, speedKey) => {
+    const speedShare = median(measured.map((mark) => mark[speedKey]));
+    const missing = median(measured.map((mark) => mark[missingKey]));
+    return (missing >= 0 ? small(missing) + ' not marked' : 'marks ' + small(-missing) + ' beyond') + ', mirror at ' +
+      share(speedShare) + ' of the mark speed (dose ' + dose(doseOf(speedShare)) + ')';
+  };
+  const roundings = result.corners.map((corner) => corner.rounding).filter(known);
   const where = result.marks.length > 0 ? 'while marking' : 'over the whole trace';
   const figures = [
     ['Tracking error', 'X ' + us(result.tracking_error_us.x) + ', Y ' + us(result.tracking_error_us.y),
-      'How long the mirror runs behind the command. The laser-on delay and the jump delays must cover it.'],
-    ['Following error X', 'rms ' + error(result.following_error.x.rms) + ', max ' + error(result.following_error.x.max),
-      'Mirror minus the command shifted by the tracking error, ' + where + ': corners, mark starts and overshoot.'],
-    ['Following error Y', 'rms ' + error(result.following_error.y.rms) + ', max ' + error(result.following_error.y.max),
-      'The same on Y.'],
-    ['Path deviation', 'rms ' + error(result.path_deviation.rms) + ', max ' + error(result.path_deviation.max),
-      'Distance of the mirror from the commanded path ' + where + ': the error that shows in the part.'],
-    ['Laser on', signed(result.laser.on_offset_us, 1) + ' µs',
-      'Gate on minus the start of the mirror\'s motion (median): − burns a dot at the start, + loses the start.'],
-    ['Laser off', signed(result.laser.off_offset_us, 1) + ' µs',
-      'Gate off minus the end of the mirror\'s motion (median): − loses the end, + burns a dot at the end.'],
-    ['Marks', String(marks.length), 'Each time the laser gate is on.'],
-    ['Jumps', jumps.length + (settlingKnown ? ', ' + unsettled + ' not settled' : ', settling not measured'),
-      'Not settled: the mirror is still outside ' + length(data.settleBand) +
-      ' of the target when the next motion begins; the jump delay is too short.'],
+      'The mirror\'s steady lag behind the command at constant speed.'],
+    ['Head X', servoText(result.servo.x), 'A model of the axis from command to mirror, and how well it fits.'],
+    ['Head Y', servoText(result.servo.y), ''],
+    ['Mark starts', measured.length ? edgeText('start_missing', 'speed_at_on') : '–',
+      'Median over the marks: how much of each start the laser leaves out, and how fast the mirror moves there.'],
+    ['Mark ends', measured.length ? edgeText('end_missing', 'speed_at_off') : '–', 'The same at the ends.'],
+    ['Marks', marks.length + (marks.length > measured.length ? ', ' + (marks.length - measured.length) + ' not measured' : '') +
+      (afterUnsettled ? ', ' + afterUnsettled + ' after a jump that did not settle' : ''), 'Each time the laser gate is on.'],
+    ['Jumps', jumps.length + ', ' + settled + ' settled' + (cutShort ? ', ' + cutShort + ' cut short by the trace' : ''),
+      'Settled: within ' + small(data.settleBand) + ' of the target for good before the next motion began.'],
+    ['Corners', result.corners.length + (roundings.length ? ', rounded by up to ' + small(Math.max(...roundings)) : ''),
+      'Rounding: the closest the mirror comes to the corner point.'],
+    ['Following error', 'X rms ' + small(result.following_error.x.rms) + ', max ' + small(result.following_error.x.max) +
+      '; Y rms ' + small(result.following_error.y.rms) + ', max ' + small(result.following_error.y.max),
+      'Mirror minus the command shifted by the tracking error, ' + where + '.'],
+    ['Path deviation', 'rms ' + small(result.path_deviation.rms) + ', max ' + small(result.path_deviation.max),
+      'Distance of the mirror from the commanded path ' + where + '.'],
   ];
-  const figureTable = document.getElementById('figures');
   for (const [name, value, meaning] of figures) {
-    const row = figureTable.insertRow();
+    const row = byId('figures').insertRow();
     row.appendChild(element('th', name));
     row.appendChild(element('td', value, 'value'));
     row.appendChild(element('td', meaning, 'meaning'));
   }
-  const suggestions = document.getElementById('suggestions');
-  for (const item of data.suggestions) suggestions.appendChild(element('li', item.replace(/\n\s+/g, ' ')));
-  if (data.suggestions.length === 0) suggestions.appendChild(element('li', 'Nothing: the trace gave no figure to act on.'));
+
+  tableRows(byId('capture'), [], [
+    ['Source', data.source],
+    ['Duration', ms(data.durationUs)],
+    ['Events', data.events.toLocaleString('en') + (lost ? ', ' + lost + ' lost' : ', none lost')],
+  ]).forEach((row) => { row.cells[0].outerHTML = '<th>' + row.cells[0].textContent + '</th>'; });
+  tableRows(byId('signals'), ['signal', 'events', 'lost'],
+    data.signals.map((signal) => [signal[0], signal[1].toLocaleString('en'), String(signal[2])]));
   if (data.missing.length > 0) {
-    const missing = document.getElementById('missing');
-    missing.appendChild(element('strong', 'Not measured'));
-    const list = missing.appendChild(element('ul'));
+    byId('missing').appendChild(element('strong', 'Not measured'));
+    const list = byId('missing').appendChild(element('ul'));
     for (const item of data.missing) list.appendChild(element('li', item));
   }
 
   // ---- the trace's data ------------------------------------------------------------------------------------------
-  let levels = [];
-  let commandedPath = null;
-  let actualPath = null;
-  let laserLines = [];
-  async function unpackAll() {
-    const unpackValues = async (packed) => {
-      const values = {};
-      for (const id of Object.keys(packed)) values[id] = await unpack(packed[id], Float32Array);
-      return values;
-    };
-    levels = await Promise.all(data.levels.map(async (level) => (level.times
-      ? { times: await unpack(level.times, Float64Array), values: await unpackValues(level.values) }
-      : { start: level.start, step: level.step, columns: level.columns, values: await unpackValues(level.values) })));
-    const unpackPath = async (path) => (path ? { t: await unpack(path.t, Float64Array),
-      x: await unpack(path.x, Float32Array), y: await unpack(path.y, Float32Array),
-      samples: path.samples, distance: path.distance } : null);
-    commandedPath = await unpackPath(data.path.commanded);
-    actualPath = await unpackPath(data.path.actual);
-    laserLines = await Promise.all([data.power, data.gate].filter((line) => line).map(async (line) => ({
-      name: line.name, gate: line === data.gate, t: await unpack(line.t, Float64Array),
-      v: await unpack(line.v, Float32Array) })));
-  }
+  const unpackValues = (packed) => {
+    const values = {};
+    for (const id of Object.keys(packed)) values[id] = unpack(packed[id], Float32Array);
+    return values;
+  };
+  const levels = data.levels.map((level) => (level.times
+    ? { times: unpack(level.times), values: unpackValues(level.values) }
+    : { start: level.start, step: level.step, columns: level.columns, values: unpackValues(level.values) }));
+  const unpackPath = (path) => (path ? { t: unpack(path.t), x: unpack(path.x), y: unpack(path.y),
+    samples: path.samples, distance: path.distance } : null);
+  const commandedPath = unpackPath(data.path.commanded);
+  const actualPath = unpackPath(data.path.actual);
+  const laserLines = [data.power, data.gate].filter((line) => line).map((line) => ({
+    name: line.name, gate: line === data.gate, t: unpack(line.t), v: unpack(line.v, Float32Array) }));
   const markStarts = Float64Array.from(marks, (mark) => mark.start_us);
   const labels = data.labels;
   const labelTimes = Float64Array.from(labels, (label) => label[0]);
 
   // ---- time plots ------------------------------------------------------------------------------------------------
   const plots = [];
+  let laserPlot = null;
   let view = [startUs, endUs];
   let applied = null;  // the window whose data the plots hold
   let syncing = false;
@@ -277,27 +490,69 @@
     axisLabelWidth: 70,
     valueFormatter: (v) => v.toFixed(2) + ' µs',
   };
+  // Values with numbers on every axis: dygraphs' own ticker can leave a wide range with a lone "0".
+  // None in the lowest 8 pixels, where the number would run into the first time tick's.
+  const yAxis = { axisLabelWidth: 58, ticker: (low, high, pixels) =>
+    niceTicks(low, high, pixels / 32).filter((tick) => (tick.v - low) / (high - low) * pixels >= 8) };
+  const plotOptions = {
+    legend: 'always', labelsSeparateLines: false, connectSeparatedPoints: true, strokeWidth: 1.2, xRangePad: 0,
+    animatedZooms: false, axisLabelFontSize: 12, yLabelWidth: 16, underlayCallback: underlay,
+    zoomCallback: (a, b) => { if (!syncing) setWindow(a, b); },
+    drawCallback: (graph, initial) => followPan(graph, initial),
+  };
 
-  function makePlot(id, title, ids, names, colors, scale, unit, last) {
+  function makePlot(id, title, ids, names, colors, scale, unit, rightGap) {
     const present = ids.filter((series) => levels.length > 0 && levels[0].values[series]);
-    const div = document.getElementById(id);
+    const div = byId(id);
     if (present.length === 0) {
       div.hidden = true;
       return;
     }
     const plot = { div: div, ids: present, scales: present.map(() => scale) };
-    plot.graph = new Dygraph(div, rowsFor(plot, view[0], view[1]), {
+    plot.graph = new Dygraph(div, rowsFor(plot, view[0], view[1]), Object.assign({}, plotOptions, {
       labels: ['time'].concat(present.map((series) => names[ids.indexOf(series)])),
       colors: present.map((series) => colors[ids.indexOf(series)]),
-      title: title, ylabel: unit, xlabel: last ? 'time from the start of the capture' : undefined,
-      legend: 'always', labelsSeparateLines: false, labelsKMB: !unitsPerMm,
-      connectSeparatedPoints: true, strokeWidth: 1.2, xRangePad: 0, animatedZooms: false, rightGap: rightGap,
-      axes: { x: xAxis }, dateWindow: view.slice(),
-      underlayCallback: underlay,
-      zoomCallback: (a, b) => { if (!syncing) setWindow(a, b); },
-      drawCallback: followPan,
-    });
+      title: title, ylabel: unit, rightGap: rightGap, axes: { x: xAxis, y: yAxis }, dateWindow: view.slice(),
+    }));
     plots.push(plot);
+  }
+
+  // The laser: gate and power as steps, from their changes; with the power beside it, the gate on an axis of its own.
+  function makeLaserPlot() {
+    const div = byId('plot-laser');
+    if (laserLines.length === 0) {
+      div.hidden = true;
+      return null;
+    }
+    const rows = [];
+    const next = laserLines.map(() => 0);
+    const latest = laserLines.map(() => null);
+    for (;;) {
+      let t = Infinity;
+      laserLines.forEach((line, s) => { if (next[s] < line.t.length) t = Math.min(t, line.t[next[s]]); });
+      if (t === Infinity) break;
+      rows.push([t].concat(laserLines.map((line, s) => {
+        if (next[s] >= line.t.length || line.t[next[s]] !== t) return null;
+        latest[s] = line.v[next[s]++];
+        return latest[s];
+      })));
+    }
+    if (rows.length > 0 && rows[rows.length - 1][0] < endUs) rows.push([endUs].concat(latest));
+    const twoAxes = laserLines.length === 2;
+    const gate = laserLines.find((line) => line.gate);
+    const gateSeries = gate ? { [gate.name]: twoAxes ? { axis: 'y2', fillGraph: true } : { fillGraph: true } } : {};
+    const gateAxis = { valueRange: [-0.05, 1.4], independentTicks: true, drawGrid: false, axisLabelWidth: 40,
+      ticker: () => [{ v: 0, label: '0' }, { v: 1, label: '1' }] };
+    const graph = new Dygraph(div, rows, Object.assign({}, plotOptions, {
+      labels: ['time'].concat(laserLines.map((line) => line.name)),
+      colors: laserLines.map((line) => (line.gate ? '#e0a100' : '#c62828')),
+      title: 'Laser: ' + laserLines.map((line) => line.name).join(' and '),
+      ylabel: laserLines[0].gate ? 'gate' : 'power', y2label: twoAxes ? 'gate' : undefined,
+      xlabel: 'time from the start of the capture', stepPlot: true, series: gateSeries,
+      axes: twoAxes ? { x: xAxis, y: yAxis, y2: gateAxis } : { x: xAxis, y: laserLines[0].gate ? gateAxis : yAxis },
+      dateWindow: view.slice(),
+    }));
+    return { div: div, graph: graph };
   }
 
   // While a plot pans, the others follow its window; the data for the new window comes when the pan ends.
@@ -335,57 +590,8 @@
     return laserPlot ? plots.concat([laserPlot]) : plots;
   }
 
-  // The laser: gate and power as steps, from their changes.
-  function makeLaserPlot() {
-    const div = document.getElementById('plot-laser');
-    const lines = laserLines;
-    if (lines.length === 0) {
-      div.hidden = true;
-      return null;
-    }
-    const series = lines;
-    const rows = [];
-    const next = series.map(() => 0);
-    const latest = series.map(() => null);
-    for (;;) {
-      let t = Infinity;
-      for (let s = 0; s < series.length; ++s) if (next[s] < series[s].t.length) t = Math.min(t, series[s].t[next[s]]);
-      if (t === Infinity) break;
-      const row = [t];
-      for (let s = 0; s < series.length; ++s) {
-        if (next[s] < series[s].t.length && series[s].t[next[s]] === t) {
-          latest[s] = series[s].v[next[s]++];
-          row.push(latest[s]);
-        } else {
-          row.push(null);
-        }
-      }
-      rows.push(row);
-    }
-    if (rows.length > 0 && rows[rows.length - 1][0] < endUs) rows.push([endUs].concat(latest));
-    // With the power beside it, the gate goes on an axis of its own.
-    const twoAxes = lines.length === 2;
-    const gate = lines.find((line) => line.gate);
-    const gateAxis = gate ? { [gate.name]: twoAxes ? { axis: 'y2', fillGraph: true } : { fillGraph: true } } : {};
-    const graph = new Dygraph(div, rows, {
-      labels: ['time'].concat(lines.map((line) => line.name)),
-      colors: lines.map((line) => (line.gate ? '#e0a100' : '#c62828')),
-      title: 'Laser: ' + lines.map((line) => line.name).join(' and '), ylabel: lines[0].gate ? 'gate' : 'power',
-      y2label: twoAxes ? 'gate' : undefined,
-      xlabel: 'time from the start of the capture', legend: 'always', stepPlot: true,
-      connectSeparatedPoints: true, strokeWidth: 1.2, xRangePad: 0, animatedZooms: false,
-      series: gateAxis,
-      axes: twoAxes ? { x: xAxis, y2: { valueRange: [-0.05, 1.4], independentTicks: true, drawGrid: false } }
-        : { x: xAxis },
-      dateWindow: view.slice(), underlayCallback: underlay,
-      zoomCallback: (a, b) => { if (!syncing) setWindow(a, b); },
-      drawCallback: followPan,
-    });
-    return { div: div, graph: graph };
-  }
-
   function describeDetail() {
-    const note = document.getElementById('time-note');
+    const note = byId('time-note');
     if (levels.length === 0) {
       note.textContent = 'No head positions of head ' + data.head + ' in this capture.';
       return;
@@ -400,19 +606,120 @@
     verdict.inView = inView.times ? 'samples' : inView.step;
   }
 
+  // ---- canvases of the page's own -------------------------------------------------------------------------------
+  let printing = false;
+
+  // The canvas at its size on the page, in device pixels (twice as many on paper), cleared.
+  function prepare(canvas) {
+    const ratio = Math.max(window.devicePixelRatio || 1, printing ? 2 : 1);
+    const width = canvas.clientWidth;
+    const height = canvas.clientHeight;
+    if (canvas.width !== Math.round(width * ratio) || canvas.height !== Math.round(height * ratio)) {
+      canvas.width = Math.round(width * ratio);
+      canvas.height = Math.round(height * ratio);
+    }
+    const context = canvas.getContext('2d');
+    context.setTransform(ratio, 0, 0, ratio, 0, 0);
+    context.clearRect(0, 0, width, height);
+    context.font = '11px sans-serif';
+    context.textBaseline = 'alphabetic';
+    return { context: context, width: width, height: height };
+  }
+
+  // Draws a text and keeps its box ([kind, text, left, top, width, height]) in `boxes`; a title along the y axis
+  // is drawn upwards, centred on (x, y).
+  function text(context, boxes, kind, string, x, y, align, upwards) {
+    const width = context.measureText(string).width;
+    context.save();
+    context.textAlign = upwards ? 'center' : align;
+    context.translate(x, y);
+    if (upwards) context.rotate(-Math.PI / 2);
+    context.fillText(string, 0, 0);
+    context.restore();
+    const left = align === 'center' ? x - width / 2 : align === 'right' ? x - width : x;
+    boxes.push(upwards ? [kind, string, x - 9, y - width / 2, 11, width] : [kind, string, left, y - 9, width, 11]);
+  }
+
+  // A small plot: axes with ticks and numbers and their titles, then what `figure.paint` draws inside. With
+  // figure.y.equal the y axis takes the x axis' scale, centred on 0 and reaching at least figure.y.atLeast; with
+  // figure.y.log it is logarithmic.
+  function drawFigure(canvas, figure) {
+    const { context, width, height } = prepare(canvas);
+    const area = { x: 58, y: 8, w: width - 68, h: height - 44 };
+    const boxes = [];
+    const x = figure.x;
+    const y = figure.y;
+    if (y.equal) {  // wide enough for y.atLeast on either side of 0
+      const needed = 2 * (y.atLeast || 0) * area.w / area.h;
+      if (x.high - x.low < needed) [x.low, x.high] = [(x.low + x.high - needed) / 2, (x.low + x.high + needed) / 2];
+      y.high = (x.high - x.low) * area.h / area.w / 2;
+      y.low = -y.high;
+    }
+    const sx = (v) => area.x + (v - x.low) / (x.high - x.low) * area.w;
+    const toLog = (v) => Math.log10(Math.max(v, y.low));
+    const sy = y.log ? (v) => area.y + area.h - (toLog(v) - toLog(y.low)) / (toLog(y.high) - toLog(y.low)) * area.h
+      : (v) => area.y + area.h - (v - y.low) / (y.high - y.low) * area.h;
+    const yTicks = y.log ? logTicks(y.low, y.high) : niceTicks(y.low, y.high, area.h / 30);
+    context.strokeStyle = '#e3e7ec';
+    context.fillStyle = '#5b6673';
+    context.lineWidth = 1;
+    for (const tick of niceTicks(x.low, x.high, area.w / 75)) {
+      const at = Math.round(sx(tick.v)) + 0.5;
+      context.beginPath(); context.moveTo(at, area.y); context.lineTo(at, area.y + area.h); context.stroke();
+      const half = context.measureText(tick.label).width / 2;
+      if (at - half >= 0 && at + half <= width) text(context, boxes, 'x', tick.label, at, area.y + area.h + 13, 'center');
+    }
+    for (const tick of yTicks) {
+      const at = Math.round(sy(tick.v)) + 0.5;
+      context.beginPath(); context.moveTo(area.x, at); context.lineTo(area.x + area.w, at); context.stroke();
+      if (at < area.y + area.h - 8) text(context, boxes, 'y', tick.label, area.x - 4, at + 4, 'right');
+    }
+    text(context, boxes, 'title', x.title, area.x + area.w / 2, height - 4, 'center');
+    text(context, boxes, 'title', y.title, 12, area.y + area.h / 2, 'center', true);
+    context.strokeStyle = '#b8c0c9';
+    context.strokeRect(area.x + 0.5, area.y + 0.5, area.w - 1, area.h - 1);
+    context.save();
+    context.beginPath();
+    context.rect(area.x, area.y, area.w, area.h);
+    context.clip();
+    const points = figure.paint(context, sx, sy, boxes);
+    context.restore();
+    return { boxes: boxes, points: points };
+  }
+
+  // Decades over [low, high], and the 2 and 5 between them where there are few decades.
+  function logTicks(low, high) {
+    const ticks = [];
+    const decades = Math.log10(high / low);
+    for (let power = Math.floor(Math.log10(low)); Math.pow(10, power) <= high; ++power) {
+      for (const f of decades < 2.5 ? [1, 2, 5] : [1]) {
+        const v = f * Math.pow(10, power);
+        if (v >= low && v <= high) ticks.push({ v: v, label: tickLabel(v, Math.min(v, Math.pow(10, power))) });
+      }
+    }
+    return ticks;
+  }
+
+  // Every drawing of the page's own, by canvas id: how to draw it again, and what the last drawing left.
+  const drawings = new Map();
+  function draw(canvas, paint) {
+    drawings.set(canvas.id, { canvas: canvas, paint: paint, drawn: paint() });
+  }
+  // Every plot drawn again at its size now.
+  function redrawAll() {
+    for (const plot of allPlots()) plot.graph.resize();
+    for (const drawing of drawings.values()) drawing.drawn = drawing.paint();
+  }
+
   // ---- XY path ---------------------------------------------------------------------------------------------------
-  const canvas = document.getElementById('xy');
-  const xy = { scale: 1, centerX: 0, centerY: 0 };
+  const xyCanvas = byId('xy');
+  const xy = { scale: 1, centerX: 0, centerY: 0, width: 0 };  // width: of the canvas the scale was set for
   // Whether the laser gate is on at each point of the actual path.
-  let laserOn = null;
-  function findLaserOn() {
-    if (!actualPath) return;
-    laserOn = new Uint8Array(actualPath.t.length);
-    let m = 0;
-    for (let i = 0; i < actualPath.t.length; ++i) {
-      const t = actualPath.t[i];
-      while (m < marks.length && marks[m].end_us < t) ++m;
-      laserOn[i] = m < marks.length && marks[m].start_us <= t ? 1 : 0;
+  const laserOn = actualPath ? new Uint8Array(actualPath.t.length) : null;
+  if (actualPath) {
+    for (let i = 0, m = 0; i < actualPath.t.length; ++i) {
+      while (m < marks.length && marks[m].end_us < actualPath.t[i]) ++m;
+      laserOn[i] = m < marks.length && marks[m].start_us <= actualPath.t[i] ? 1 : 0;
     }
   }
 
@@ -427,43 +734,35 @@
       }
     }
     if (!(high[0] >= low[0])) { low = [-1, -1]; high = [1, 1]; }
-    const width = canvas.clientWidth || 600;
-    const height = canvas.clientHeight || 600;
     xy.centerX = (low[0] + high[0]) / 2;
     xy.centerY = (low[1] + high[1]) / 2;
-    xy.scale = 0.9 * Math.min(width / Math.max(high[0] - low[0], 1), height / Math.max(high[1] - low[1], 1));
+    xy.width = xyCanvas.clientWidth;
+    xy.scale = 0.9 * Math.min((xyCanvas.clientWidth || 600) / Math.max(high[0] - low[0], 1),
+      (xyCanvas.clientHeight || 600) / Math.max(high[1] - low[1], 1));
   }
 
-  const toScreenX = (x) => canvas.clientWidth / 2 + (x - xy.centerX) * xy.scale;
-  const toScreenY = (y) => canvas.clientHeight / 2 - (y - xy.centerY) * xy.scale;
+  const toScreenX = (x) => xyCanvas.clientWidth / 2 + (x - xy.centerX) * xy.scale;
+  const toScreenY = (y) => xyCanvas.clientHeight / 2 - (y - xy.centerY) * xy.scale;
 
-  // A step of about `pixels` on screen, rounded to 1, 2 or 5 times a power of ten.
-  function niceStep(pixels) {
-    const raw = pixels / xy.scale;
-    const power = Math.pow(10, Math.floor(Math.log10(raw)));
-    return [1, 2, 5, 10].map((f) => f * power).find((step) => step >= raw);
-  }
-
-  function drawGrid(context, width, height) {
-    const step = niceStep(90);
-    const left = xy.centerX - width / 2 / xy.scale;
-    const bottom = xy.centerY - height / 2 / xy.scale;
+  // Grid lines about 90 pixels apart with their numbers: x along the bottom, y along the left, none in the corner.
+  function drawGrid(context, width, height, boxes) {
+    // In the units shown (mm or head units), at screen positions of head units.
+    const ticks = (center, half) => niceTicks((center - half) * positionScale, (center + half) * positionScale,
+      Math.max(1, 2 * half * xy.scale / 90)).map((tick) => ({ at: tick.v / positionScale, label: tick.label }));
     context.strokeStyle = '#eceff3';
     context.fillStyle = '#5b6673';
-    context.font = '11px sans-serif';
     context.lineWidth = 1;
-    const label = (v) => String(+(v * positionScale).toPrecision(6));
-    for (let x = Math.ceil(left / step) * step; x < left + width / xy.scale; x += step) {
-      const sx = Math.round(toScreenX(x)) + 0.5;
+    for (const tick of ticks(xy.centerX, width / 2 / xy.scale)) {
+      const sx = Math.round(toScreenX(tick.at)) + 0.5;
       context.beginPath(); context.moveTo(sx, 0); context.lineTo(sx, height); context.stroke();
-      context.fillText(label(x), sx + 2, height - 4);
+      if (sx > 60 && sx < width - 60) text(context, boxes, 'x', tick.label, sx, height - 5, 'center');
     }
-    for (let y = Math.ceil(bottom / step) * step; y < bottom + height / xy.scale; y += step) {
-      const sy = Math.round(toScreenY(y)) + 0.5;
+    for (const tick of ticks(xy.centerY, height / 2 / xy.scale)) {
+      const sy = Math.round(toScreenY(tick.at)) + 0.5;
       context.beginPath(); context.moveTo(0, sy); context.lineTo(width, sy); context.stroke();
-      context.fillText(label(y), 3, sy - 3);
+      if (sy > 24 && sy < height - 24) text(context, boxes, 'y', tick.label, 4, sy - 3, 'left');
     }
-    context.fillText(positionUnit, width - 40, 14);
+    text(context, boxes, 'title', positionUnit, width - 6, 14, 'right');
   }
 
   function strokePath(context, path, from, to, style) {
@@ -475,26 +774,19 @@
     context.stroke();
   }
 
-  function drawPath() {
-    const ratio = window.devicePixelRatio || 1;
-    const width = canvas.clientWidth;
-    const height = canvas.clientHeight;
-    if (canvas.width !== Math.round(width * ratio) || canvas.height !== Math.round(height * ratio)) {
-      canvas.width = Math.round(width * ratio);
-      canvas.height = Math.round(height * ratio);
-    }
-    const context = canvas.getContext('2d');
-    context.setTransform(ratio, 0, 0, ratio, 0, 0);
-    context.clearRect(0, 0, width, height);
-    drawGrid(context, width, height);
+  function paintPath() {
+    const { context, width, height } = prepare(xyCanvas);
+    if (xy.width > 0 && width > 0) xy.scale *= width / xy.width;  // a new size of the canvas shows the same
+    xy.width = width;
+    const boxes = [];
+    drawGrid(context, width, height, boxes);
     context.lineJoin = 'round';
     if (commandedPath) {
       context.lineWidth = 1;
       strokePath(context, commandedPath, 0, commandedPath.t.length, '#8a939e');
     }
     if (actualPath) {
-      const zoomed = view[1] - view[0] < (endUs - startUs) * 0.999;
-      if (zoomed) {
+      if (view[1] - view[0] < (endUs - startUs) * 0.999) {
         context.lineWidth = 7;
         context.globalAlpha = 0.35;
         const first = Math.max(0, lowerBound(actualPath.t, view[0]) - 1);
@@ -531,10 +823,15 @@
         context.fillText(String(m + 1), x + 6, y - 5);
       }
     }
+    return { boxes: boxes, points: actualPath ? actualPath.t.length : 0 };
+  }
+
+  function drawPath() {
+    if (drawings.has('xy')) drawings.get('xy').drawn = paintPath();
   }
 
   function describePath() {
-    const note = document.getElementById('xy-note');
+    const note = byId('xy-note');
     if (!actualPath && !commandedPath) {
       note.textContent = 'No path: the positions of head ' + data.head + ' are not in this capture.';
       return;
@@ -546,9 +843,9 @@
   }
 
   let drag = null;
-  canvas.addEventListener('mousedown', (event) => {
+  xyCanvas.addEventListener('mousedown', (event) => {
     drag = { x: event.clientX, y: event.clientY, centerX: xy.centerX, centerY: xy.centerY };
-    canvas.style.cursor = 'grabbing';
+    xyCanvas.style.cursor = 'grabbing';
   });
   window.addEventListener('mousemove', (event) => {
     if (!drag) return;
@@ -557,13 +854,13 @@
     drawPath();
   });
   window.addEventListener('mouseup', () => {
-    if (drag) { drag = null; canvas.style.cursor = ''; }
+    if (drag) { drag = null; xyCanvas.style.cursor = ''; }
     // A pan of a time plot has ended: the plots get the data for the window now in view.
     if (applied && (view[0] !== applied[0] || view[1] !== applied[1])) setWindow(view[0], view[1]);
   });
-  canvas.addEventListener('wheel', (event) => {
+  xyCanvas.addEventListener('wheel', (event) => {
     event.preventDefault();
-    const rect = canvas.getBoundingClientRect();
+    const rect = xyCanvas.getBoundingClientRect();
     const factor = event.deltaY < 0 ? 1.25 : 0.8;
     const x = xy.centerX + (event.clientX - rect.left - rect.width / 2) / xy.scale;
     const y = xy.centerY - (event.clientY - rect.top - rect.height / 2) / xy.scale;
@@ -572,7 +869,7 @@
     xy.centerY = y - (y - xy.centerY) / factor;
     drawPath();
   }, { passive: false });
-  canvas.addEventListener('dblclick', () => { fitPath(); drawPath(); });
+  xyCanvas.addEventListener('dblclick', () => { fitPath(); drawPath(); });
 
   // Wheel over a time plot: zoom in time around the pointer.
   function zoomOnWheel(plot) {
@@ -585,85 +882,407 @@
     }, { passive: false });
   }
 
-  // ---- tables ----------------------------------------------------------------------------------------------------
-  const worst = new Set(data.worstMarks);
-  let selected = null;
-  function zoomTo(row, a, b) {
-    const pad = Math.max((b - a) * 0.25, 200);
-    setWindow(a - pad, b + pad);
-    if (selected) selected.classList.remove('selected');
-    selected = row;
-    row.classList.add('selected');
-    const rect = document.getElementById('plots').getBoundingClientRect();
-    if (rect.bottom < 0 || rect.top > window.innerHeight) document.getElementById('plots').scrollIntoView();
+  // ---- close-ups of the mark edges: where the laser starts and stops on the part -------------------------------
+  const unpackSamples = (samples) => ({ t: unpack(samples.t), x: unpack(samples.x), y: unpack(samples.y) });
+  const markCloseUps = new Map(data.markCloseUps.map((closeUp) => [closeUp.mark, {
+    start: closeUp.start && Object.assign({}, closeUp.start, {
+      mirror: unpackSamples(closeUp.start.mirror), command: unpackSamples(closeUp.start.command) }),
+    end: closeUp.end && Object.assign({}, closeUp.end, {
+      mirror: unpackSamples(closeUp.end.mirror), command: unpackSamples(closeUp.end.command) }),
+  }]));
+
+  // Where the samples put the mirror at `t` (between two samples, on the line joining them).
+  function pointAt(samples, t) {
+    const i = lowerBound(samples.t, t);
+    if (i === 0 || i >= samples.t.length) return null;
+    const f = (t - samples.t[i - 1]) / (samples.t[i] - samples.t[i - 1]);
+    return [samples.x[i - 1] + f * (samples.x[i] - samples.x[i - 1]), samples.y[i - 1] + f * (samples.y[i] - samples.y[i - 1])];
   }
 
-  const markRows = tableRows(document.getElementById('marks'),
-    ['#', 'gate on µs', 'gate off µs', 'length', 'speed', 'laser on µs', 'laser off µs', 'max following error'],
-    marks.map((mark, i) => [String(i + 1), fixed(mark.start_us, 1), fixed(mark.end_us, 1), length(mark.length),
-      speed(mark.speed), signed(mark.laser_on_offset_us, 1), signed(mark.laser_off_offset_us, 1),
-      error(data.markErrors[i])]));
-  markRows.forEach((row, i) => {
-    if (worst.has(i)) row.classList.add('worst');
-    row.addEventListener('click', () => zoomTo(row, marks[i].start_us, marks[i].end_us));
-  });
+  // One edge of a mark in the mark's own frame: along it from the commanded start (end) point, and across it, in µm
+  // (or units), on equal scales. The mirror's samples are dots 10 µs apart (as the card samples): where they crowd,
+  // the mirror is slow and the laser gives more dose.
+  function paintEdge(canvas, mark, edge, start) {
+    const [px, py] = edge.point;
+    const [dx, dy] = edge.direction;
+    const along = (p) => ((p[0] - px) * dx + (p[1] - py) * dy) * smallScale;
+    const across = (p) => ((p[1] - py) * dx - (p[0] - px) * dy) * smallScale;
+    const gate = pointAt(edge.mirror, edge.gate_us);
+    const setting = result.settings[start ? 'laser_on_delay_us' : 'laser_off_delay_us'];
+    const suggested = known(setting.suggested) ? pointAt(edge.mirror, edge.command_us + setting.suggested) : null;
+    const shown = [0].concat([gate, suggested].filter((p) => p).map(along));
+    const low = Math.min(...shown);
+    const high = Math.max(...shown);
+    const pad = Math.max(0.6 * (high - low), 0.05 * mark.speed * smallScale, result.settle_band * smallScale / 4);
+    const under = (t) => (start ? t >= edge.gate_us : t <= edge.gate_us);
+    return drawFigure(canvas, {
+      x: { low: low - pad, high: high + pad, title: 'along the mark from its ' + (start ? 'start' : 'end') + ' (' + smallUnit + ')' },
+      y: { equal: true, atLeast: 1.2 * Math.max(0, ...[gate, suggested].filter((p) => p).map((p) => Math.abs(across(p)))),
+        title: 'across (' + smallUnit + ')' },
+      paint: (context, sx, sy) => {
+        const screen = (samples, i) => [sx(along([samples.x[i], samples.y[i]])), sy(across([samples.x[i], samples.y[i]]))];
+        context.lineWidth = 2;
+        context.strokeStyle = '#aab2bc';
+        context.beginPath();
+        for (let i = 0; i < edge.command.t.length; ++i) context.lineTo(...screen(edge.command, i));
+        context.stroke();
+        if (gate) {  // the part of the mark the laser leaves out (or marks beyond the commanded point)
+          context.fillStyle = 'rgba(255, 152, 0, 0.45)';
+          const [from, to] = [sx(0), sx(along(gate))].sort((a, b) => a - b);
+          context.fillRect(from, sy(0) - 5, Math.max(to - from, 1), 10);
+        }
+        context.lineWidth = 1;
+        for (let i = 1; i < edge.mirror.t.length; ++i) {
+          context.strokeStyle = under(edge.mirror.t[i]) && under(edge.mirror.t[i - 1]) ? '#c62828' : '#1e6fd9';
+          context.beginPath();
+          context.moveTo(...screen(edge.mirror, i - 1));
+          context.lineTo(...screen(edge.mirror, i));
+          context.stroke();
+        }
+        for (let i = 0; i < edge.mirror.t.length; ++i) {
+          const on = under(edge.mirror.t[i]);
+          context.fillStyle = on ? '#c62828' : '#1e6fd9';
+          context.beginPath();
+          context.arc(...screen(edge.mirror, i), on ? 2.4 : 1.5, 0, 2 * Math.PI);
+          context.fill();
+        }
+        marker(context, sx(0), sy(0), 'point');
+        if (suggested) marker(context, sx(along(suggested)), sy(across(suggested)), 'suggested');
+        if (gate) marker(context, sx(along(gate)), sy(across(gate)), 'gate');
+        return edge.mirror.t.length;
+      },
+    });
+  }
 
-  document.getElementById('jumps-hint').textContent = 'Each commanded motion with the laser off. Settle time: from ' +
-    'the end of the commanded jump until the mirror stays within ' + length(data.settleBand) + ' of the target. ' +
-    'Highlighted: the jumps that had not settled when the next motion began. Click a row to zoom the plots to it.';
-  const jumpRows = tableRows(document.getElementById('jumps'),
-    ['#', 'start µs', 'end µs', 'length', 'settle µs', 'settled'],
-    jumps.map((jump, i) => [String(i + 1), fixed(jump.start_us, 1), fixed(jump.end_us, 1), length(jump.length),
-      fixed(jump.settle_us, 1),
-      !settlingKnown ? '–' : jump.settled ? 'yes' : cutShort.has(i) ? '(end)' : 'NO']));
-  jumpRows.forEach((row, i) => {
-    if (settlingKnown && !jumps[i].settled && !cutShort.has(i)) row.classList.add('unsettled');
-    const jump = jumps[i];
-    const end = jump.end_us + (known(jump.settle_us) ? jump.settle_us : 0);
-    row.addEventListener('click', () => zoomTo(row, jump.start_us, end));
+  // The symbols of the close-ups, also drawn in their key (the element edges-key).
+  function marker(context, x, y, kind) {
+    context.save();
+    context.lineWidth = 2;
+    context.beginPath();
+    if (kind === 'gate') {
+      context.moveTo(x, y - 6); context.lineTo(x + 6, y); context.lineTo(x, y + 6); context.lineTo(x - 6, y);
+      context.closePath();
+      context.fillStyle = '#ffd54f';
+      context.fill();
+      context.strokeStyle = '#1d232b';
+    } else {
+      context.arc(x, y, kind === 'point' ? 5 : 7, 0, 2 * Math.PI);
+      context.strokeStyle = kind === 'point' ? '#1d232b' : '#7b1fa2';
+      if (kind === 'suggested') context.setLineDash([3, 2]);
+    }
+    context.stroke();
+    context.restore();
+  }
+
+  function edgeCaption(mark, start) {
+    const missing = start ? mark.start_missing : mark.end_missing;
+    const speedShare = start ? mark.speed_at_on : mark.speed_at_off;
+    const where = start ? 'before the start point' : 'past the end point';
+    const lengthText = !known(missing) ? 'not measured' : missing >= 0 ? small(missing) + ' not marked'
+      : 'marks ' + small(-missing) + ' ' + where;
+    return (start ? 'Gate on: ' : 'Gate off: ') + lengthText + '; the mirror at ' + share(speedShare) +
+      ' of the mark speed, dose ' + dose(doseOf(speedShare)) + '.';
+  }
+
+  const edgeGallery = { shown: [], selected: null };
+  function fillEdgeGallery() {
+    const gallery = byId('edges');
+    for (const id of Array.from(drawings.keys())) if (id.startsWith('edge-')) drawings.delete(id);
+    gallery.textContent = '';
+    const chosen = data.markOrder.filter((i) => markCloseUps.has(i)).slice(0, 6);
+    if (edgeGallery.selected !== null && !chosen.includes(edgeGallery.selected)) chosen.unshift(edgeGallery.selected);
+    for (const i of chosen) {
+      const mark = marks[i];
+      const card = gallery.appendChild(element('div', undefined, 'card' + (i === edgeGallery.selected ? ' selected' : '')));
+      card.appendChild(element('h3', 'Mark ' + (i + 1) + ' · gate on at ' + ms(mark.start_us - startUs) + ' · ' +
+        speed(mark.speed) + (mark.after_unsettled_jump ? ' · after a jump that did not settle' : '')));
+      const closeUp = markCloseUps.get(i);
+      if (!closeUp) {
+        card.appendChild(element('p', 'The page holds the samples of the ' + markCloseUps.size + ' worst marks only.', 'note'));
+        continue;
+      }
+      const pair = card.appendChild(element('div', undefined, 'pair'));
+      for (const start of [true, false]) {
+        const figure = pair.appendChild(element('figure'));
+        const edge = start ? closeUp.start : closeUp.end;
+        if (edge) {
+          const canvas = figure.appendChild(element('canvas', undefined, 'closeup'));
+          canvas.id = 'edge-' + (start ? 'start-' : 'end-') + i;
+          draw(canvas, () => paintEdge(canvas, mark, edge, start));
+        }
+        figure.appendChild(element('figcaption', edgeCaption(mark, start)));
+      }
+    }
+    const measuredCount = data.markOrder.length;
+    byId('edges-hint').textContent = (measuredCount === 0 ? 'No mark had its edges measured. '
+      : 'The ' + Math.min(6, measuredCount) + ' worst of ' + measuredCount + ' measured marks: the largest missing ' +
+        'length at an edge and the largest edge dose, in turn. ') +
+      (markCloseUps.size < measuredCount ? 'The page holds the samples of the ' + markCloseUps.size + ' worst. ' : '') +
+      'Click a mark in the table of marks to see it here.';
+  }
+
+  // ---- close-ups of the jumps: distance to the target against the settle band --------------------------------------
+  const jumpCloseUps = new Map(data.jumpCloseUps.filter((closeUp) => closeUp.t).map((closeUp) => [closeUp.jump,
+    Object.assign({}, closeUp, { t: unpack(closeUp.t), distance: unpack(closeUp.distance) })]));
+
+  function paintJump(canvas, jump, closeUp) {
+    const band = result.settle_band * smallScale;
+    const last = closeUp.t.length ? closeUp.t[closeUp.t.length - 1] - closeUp.end_us : 1;
+    let farthest = band * 10;
+    for (const d of closeUp.distance) farthest = Math.max(farthest, d * smallScale * 1.5);
+    const next = known(closeUp.next_us) ? closeUp.next_us - closeUp.end_us : null;
+    return drawFigure(canvas, {
+      x: { low: 0, high: Math.max(last, 1), title: 'µs after the end of the commanded jump' },
+      y: { low: band / 20, high: farthest, log: true, title: 'to target (' + smallUnit + ')' },
+      paint: (context, sx, sy, boxes) => {
+        context.fillStyle = 'rgba(46, 125, 50, 0.12)';
+        context.fillRect(sx(0), sy(band), sx(last) - sx(0), sy(band / 20) - sy(band));
+        context.strokeStyle = '#2e7d32';
+        context.setLineDash([5, 3]);
+        context.beginPath(); context.moveTo(sx(0), sy(band)); context.lineTo(sx(last), sy(band)); context.stroke();
+        context.setLineDash([]);
+        context.strokeStyle = '#1e6fd9';
+        context.lineWidth = 1.4;
+        context.beginPath();
+        for (let i = 0; i < closeUp.t.length; ++i) context.lineTo(sx(closeUp.t[i] - closeUp.end_us), sy(closeUp.distance[i] * smallScale));
+        context.stroke();
+        if (known(jump.predicted_settle_us) && !jump.settled) {
+          verticalLine(context, boxes, sx, sy, jump.predicted_settle_us, '#7b1fa2', [2, 3], 'predicted', false);
+        }
+        if (next !== null) {
+          verticalLine(context, boxes, sx, sy, next, jump.settled ? '#2e7d32' : '#c62828', [], 'next motion', true);
+        }
+        return closeUp.t.length;
+      },
+    });
+  }
+
+  // A vertical line at time `t` with its name at the top (or the bottom) of the plot, on the side with room.
+  function verticalLine(context, boxes, sx, sy, t, color, dash, name, top) {
+    const x = sx(t);
+    const area = context.canvas.clientWidth;
+    context.save();
+    context.strokeStyle = color;
+    context.fillStyle = color;
+    context.lineWidth = 2;
+    context.setLineDash(dash);
+    context.beginPath(); context.moveTo(x, 0); context.lineTo(x, context.canvas.clientHeight); context.stroke();
+    const right = x + context.measureText(name).width + 8 < area - 12;
+    text(context, boxes, 'note', name, right ? x + 4 : x - 4, top ? 20 : context.canvas.clientHeight - 42, right ? 'left' : 'right');
+    context.restore();
+  }
+
+  function jumpCaption(jump) {
+    const waited = known(jump.delay_us) ? ' after ' + wholeUs(jump.delay_us) + ' of jump delay' : '';
+    if (jump.cut_short) return 'The trace ends before the next motion: not decided.';
+    if (jump.settled) return 'Settled ' + wholeUs(jump.settle_us) + ' after the end of the command' + (waited ? ', of ' + wholeUs(jump.delay_us) + ' waited.' : '.');
+    return 'Not settled: ' + small(jump.distance_at_next) + ' from the target when the next motion began' + waited + '; ' +
+      (known(jump.predicted_settle_us) ? 'needs about ' + wholeUs(jump.predicted_settle_us) + ' (predicted).' : 'needs more than ' + wholeUs(jump.at_least_us) + '.');
+  }
+
+  const jumpGallery = { selected: null };
+  function fillJumpGallery() {
+    const gallery = byId('settling');
+    for (const id of Array.from(drawings.keys())) if (id.startsWith('jump-')) drawings.delete(id);
+    gallery.textContent = '';
+    const chosen = data.jumpOrder.filter((i) => jumpCloseUps.has(i) && !jumps[i].cut_short).slice(0, 6);
+    if (jumpGallery.selected !== null && !chosen.includes(jumpGallery.selected)) chosen.unshift(jumpGallery.selected);
+    for (const i of chosen) {
+      const jump = jumps[i];
+      const card = gallery.appendChild(element('div', undefined, 'card' + (i === jumpGallery.selected ? ' selected' : '')));
+      card.appendChild(element('h3', 'Jump ' + (i + 1) + ' · ' + length(jump.length) + ' · ends at ' + ms(jump.end_us - startUs)));
+      const closeUp = jumpCloseUps.get(i);
+      if (closeUp) {
+        const canvas = card.appendChild(element('canvas', undefined, 'closeup'));
+        canvas.id = 'jump-' + i;
+        draw(canvas, () => paintJump(canvas, jump, closeUp));
+      } else {
+        card.appendChild(element('p', 'The page holds the samples of the ' + jumpCloseUps.size + ' worst jumps only.', 'note'));
+      }
+      card.appendChild(element('p', jumpCaption(jump), 'caption' + (jump.settled || jump.cut_short ? '' : ' bad')));
+    }
+    byId('settling-hint').textContent = 'The mirror\'s distance to the jump\'s target (logarithmic) from the end of ' +
+      'the commanded jump, against the settle band of ' + small(result.settle_band) + ' (green); the line marks the ' +
+      'start of the next motion, green when the mirror had settled by then, red when not. ' +
+      (jumps.length > chosen.length ? 'The ' + chosen.length + ' worst of ' + jumps.length + ' jumps; click a jump ' +
+        'in the table of jumps to see it here.' : '');
+  }
+
+  // ---- tables ----------------------------------------------------------------------------------------------------
+  const MaxTableRows = 1000;
+  let selectedRow = null;
+  function select(row) {
+    if (selectedRow) selectedRow.classList.remove('selected');
+    selectedRow = row;
+    row.classList.add('selected');
+  }
+  function zoomTo(a, b) {
+    const pad = Math.max((b - a) * 0.25, 200);
+    setWindow(a - pad, b + pad);
+  }
+  const scrollTo = (id) => byId(id).scrollIntoView({ block: 'start' });
+
+  // The rows a table lists: all of them, or the worst MaxTableRows in time order.
+  function listed(count, order) {
+    const all = Array.from({ length: count }, (_, i) => i);
+    return count <= MaxTableRows ? all : order.slice(0, MaxTableRows).sort((a, b) => a - b);
+  }
+
+  const worst = new Set(data.markOrder.slice(0, Math.min(10, Math.max(2, Math.ceil(marks.length / 10)))));
+  const edgeCell = (missing, speedShare) => small(missing) + (known(speedShare) ? ', ' + share(speedShare) + ' → ' + dose(doseOf(speedShare)) : '');
+  const markIndices = listed(marks.length, data.markOrder);
+  const markRows = tableRows(byId('marks'),
+    ['#', 'gate on', 'length', 'speed', 'on delay', 'start: missing, speed → dose', 'off delay', 'end: missing, speed → dose', ''],
+    markIndices.map((i) => {
+      const mark = marks[i];
+      return [String(i + 1), ms(mark.start_us - startUs), length(mark.length), speed(mark.speed), us(mark.laser_on_delay_us),
+        edgeCell(mark.start_missing, mark.speed_at_on), us(mark.laser_off_delay_us), edgeCell(mark.end_missing, mark.speed_at_off),
+        mark.not_measured || (mark.after_unsettled_jump ? 'after a jump that did not settle' : '')];
+    }));
+  markRows.forEach((row, k) => {
+    const i = markIndices[k];
+    const mark = marks[i];
+    if (worst.has(i)) row.classList.add('worst');
+    const outside = (missing, speedShare) => Math.abs(missing) > result.settle_band || doseOf(speedShare) > maxDose;
+    if (outside(mark.start_missing, mark.speed_at_on)) row.cells[5].classList.add('bad');
+    if (outside(mark.end_missing, mark.speed_at_off)) row.cells[7].classList.add('bad');
+    row.addEventListener('click', () => {
+      select(row);
+      zoomTo(mark.start_us, mark.end_us);
+      edgeGallery.selected = i;
+      fillEdgeGallery();
+      scrollTo(markCloseUps.has(i) ? 'edges-section' : 'plots');
+    });
   });
+  byId('marks-hint').textContent = 'Each time the laser gate is on. Missing: how much of the mark\'s start (end) the ' +
+    'laser leaves out, negative where it marks beyond; speed: the mirror\'s along the mark when the gate switches, as a ' +
+    'share of the mark speed; dose = 1 / speed (the dose of the mark\'s body is 1×). Red: missing more than the settle ' +
+    'band or a dose above ' + maxDose + '×. Highlighted: the worst marks. Click a row to see its edges and zoom to it.' +
+    (marks.length > MaxTableRows ? ' Listed: the ' + MaxTableRows + ' worst of ' + marks.length + ' marks.' : '');
+
+  const jumpIndices = listed(jumps.length, data.jumpOrder);
+  const jumpRows = tableRows(byId('jumps'),
+    ['#', 'start', 'length', 'delay', 'settled after', 'settled', 'off at next motion'],
+    jumpIndices.map((i) => {
+      const jump = jumps[i];
+      const settle = jump.settled ? us(jump.settle_us) : known(jump.predicted_settle_us)
+        ? '≈ ' + wholeUs(jump.predicted_settle_us) + ' (predicted)' : known(jump.at_least_us) ? '> ' + us(jump.at_least_us) : '–';
+      return [String(i + 1), ms(jump.start_us - startUs), length(jump.length), us(jump.delay_us), settle,
+        jump.settled ? 'yes' : jump.cut_short ? '(end)' : 'NO', jump.settled ? '' : small(jump.distance_at_next)];
+    }));
+  jumpRows.forEach((row, k) => {
+    const i = jumpIndices[k];
+    const jump = jumps[i];
+    if (!jump.settled && !jump.cut_short) row.classList.add('unsettled');
+    row.addEventListener('click', () => {
+      select(row);
+      zoomTo(jump.start_us, jump.end_us + (jump.delay_us || 0));
+      jumpGallery.selected = i;
+      fillJumpGallery();
+      scrollTo(jumpCloseUps.has(i) ? 'settling-section' : 'plots');
+    });
+  });
+  byId('jumps-hint').textContent = 'Each commanded motion with the laser off. Settled after: from the end of the ' +
+    'commanded jump until the mirror stays within ' + small(result.settle_band) + ' of the target. Highlighted: the ' +
+    'jumps that had not settled when the next motion began. Click a row to see it and zoom to it.' +
+    (jumps.length > MaxTableRows ? ' Listed: the ' + MaxTableRows + ' worst of ' + jumps.length + ' jumps.' : '');
+
+  const corners = result.corners.slice(0, MaxTableRows);
+  const cornerRows = tableRows(byId('corners'),
+    ['#', 'mark', 'at', 'angle', 'polygon delay', 'rounding', 'edge dose', 'suggested delay'],
+    corners.map((c, i) => [String(i + 1), String(c.mark + 1), ms(c.at_us - startUs), Math.round(c.angle_deg) + '°',
+      us(c.delay_us), small(c.rounding), dose(c.edge_dose), wholeUs(c.suggested_delay_us)]));
+  cornerRows.forEach((row, i) => {
+    const corner = corners[i];
+    if (known(corner.suggested_delay_us)) row.classList.add('unsettled');
+    row.addEventListener('click', () => {
+      select(row);
+      zoomTo(corner.at_us - 1000, corner.at_us + 1000);
+      xy.centerX = corner.x;
+      xy.centerY = corner.y;
+      xy.scale = Math.min(xyCanvas.clientWidth, xyCanvas.clientHeight) / (20 * Math.max(corner.rounding || 0, result.settle_band));
+      xy.width = xyCanvas.clientWidth;
+      drawPath();
+      scrollTo('plots');
+    });
+  });
+  byId('corners-hint').textContent = result.corners.length === 0 ? 'No polyline of this trace has a corner.'
+    : 'Each corner of a polyline: how far the command turns, how long it stands at the corner (the polygon delay), ' +
+      'how close the mirror comes to the corner point and the dose where it is slowest near it. Highlighted: rounded ' +
+      'by more than the settle band, with the polygon delay that brings the mirror within it. Click a row to zoom to it.' +
+      (result.corners.length > MaxTableRows ? ' Listed: the first ' + MaxTableRows + ' of ' + result.corners.length + '.' : '');
 
   // ---- drawing -----------------------------------------------------------------------------------------------------
-  let laserPlot = null;
-  let rightGap = 5;
-  const box = (node) => {
-    const rect = node.getBoundingClientRect();
-    return [Math.round(rect.left + window.scrollX), Math.round(rect.top + window.scrollY), Math.round(rect.width),
-      Math.round(rect.height)];
-  };
+  const box = (rect) => [Math.round(rect.left + window.scrollX), Math.round(rect.top + window.scrollY),
+    Math.round(rect.width), Math.round(rect.height)];
 
-  function draw() {
+  // The texts of a dygraphs plot (ticks, titles, legend) and their boxes on the page.
+  function plotTexts(div) {
+    const kinds = [['dygraph-axis-label-x', 'x'], ['dygraph-axis-label-y2', 'y2'], ['dygraph-axis-label-y', 'y'],
+      ['dygraph-title', 'title'], ['dygraph-xlabel', 'title'], ['dygraph-ylabel', 'title'], ['dygraph-y2label', 'title'],
+      ['dygraph-legend', 'legend']];
+    const texts = [];
+    for (const node of div.querySelectorAll('.dygraph-axis-label, .dygraph-title, .dygraph-xlabel, .dygraph-ylabel, .dygraph-y2label, .dygraph-legend')) {
+      if (!node.textContent.trim()) continue;
+      const range = document.createRange();
+      range.selectNodeContents(node);
+      const kind = kinds.find(([name]) => node.classList.contains(name) || (node.parentElement && node.parentElement.classList.contains(name)));
+      texts.push([kind ? kind[1] : 'title', node.textContent].concat(box(range.getBoundingClientRect())));
+    }
+    return texts;
+  }
+
+  function writeVerdict() {
+    verdict.views = {};
+    verdict.boxes = {};
+    for (const plot of allPlots()) {
+      verdict.views[plot.div.id] = { texts: plotTexts(plot.div), points: plot.graph.numRows() };
+      verdict.boxes[plot.div.id] = box(plot.div.getBoundingClientRect());
+    }
+    for (const [id, drawing] of drawings) {
+      verdict.views[id] = { texts: drawing.drawn.boxes, points: drawing.drawn.points };
+      verdict.boxes[id] = box(drawing.canvas.getBoundingClientRect());
+    }
+    verdict.height = document.documentElement.scrollHeight;
+    showVerdict();
+  }
+
+  function drawAll() {
     // The laser plot's second axis narrows its plot area; the others leave the same room, so that times line up.
     laserPlot = makeLaserPlot();
-    if (laserPlot) rightGap = 5 + Math.max(0, laserPlot.div.clientWidth - 5 - (laserPlot.graph.getArea().x +
-      laserPlot.graph.getArea().w));
+    const rightGap = laserPlot ? 5 + Math.max(0, laserPlot.div.clientWidth - 5 - (laserPlot.graph.getArea().x +
+      laserPlot.graph.getArea().w)) : 5;
     const head = 'Head' + data.head;
     const names = data.names;
     makePlot('plot-x', head + ' X: commanded and actual', ['cx', 'ax'], ['commanded ' + names.cx, 'actual ' + names.ax],
-      ['#8a939e', '#1e6fd9'], positionScale, 'X (' + positionUnit + ')', false);
+      ['#8a939e', '#1e6fd9'], positionScale, 'X (' + positionUnit + ')', rightGap);
     makePlot('plot-y', head + ' Y: commanded and actual', ['cy', 'ay'], ['commanded ' + names.cy, 'actual ' + names.ay],
-      ['#8a939e', '#2e7d32'], positionScale, 'Y (' + positionUnit + ')', false);
+      ['#8a939e', '#2e7d32'], positionScale, 'Y (' + positionUnit + ')', rightGap);
+    makePlot('plot-speed', 'Speed along the path: commanded and the mirror\'s', ['sc', 'sa'],
+      ['commanded', 'mirror'], ['#8a939e', '#c62828'], speedScale, 'speed (' + speedUnit + ')', rightGap);
     makePlot('plot-error', 'Following error: actual minus commanded shifted by the tracking error', ['fx', 'fy'],
-      ['error X', 'error Y'], ['#1e6fd9', '#2e7d32'], errorScale, 'error (' + errorUnit + ')', false);
+      ['error X', 'error Y'], ['#1e6fd9', '#2e7d32'], smallScale, 'error (' + smallUnit + ')', rightGap);
     for (const plot of allPlots()) zoomOnWheel(plot);
-    findLaserOn();
     fitPath();
     applied = view.slice();
-    document.getElementById('made-by').textContent = 'Made by ' + data.tool + ' report from ' + data.source +
+    byId('made-by').textContent = 'Made by ' + data.tool + ' report from ' + data.source +
       '. Figures from all ' + data.events.toLocaleString('en') + ' events' + (levels.length > 0 &&
       !levels[levels.length - 1].times ? '; the plots are thinned for display only.' : '.');
+    draw(xyCanvas, paintPath);
     // A window in the address (report.html#t=FROM,TO in µs) opens the page on it.
     const opened = /^#t=([-\d.e]+),([-\d.e]+)$/.exec(window.location.hash);
     if (opened) setWindow(Number(opened[1]), Number(opened[2]));
-    drawPath();
     describePath();
     describeDetail();
-    window.addEventListener('resize', () => { drawPath(); });
-
+    fillEdgeGallery();
+    fillJumpGallery();
+    window.addEventListener('resize', redrawAll);
+    // Paper is narrower than a screen: every plot is drawn again at the width of the page as printed, and back after.
+    const printed = (on) => { printing = on; document.body.classList.toggle('printing', on); redrawAll(); };
+    window.addEventListener('beforeprint', () => printed(true));
+    window.addEventListener('afterprint', () => printed(false));
     verdict.state = 'drawn';
     verdict.loadMs = Math.round(performance.now());
-    verdict.boxes = { xy: box(canvas) };
-    for (const plot of allPlots()) verdict.boxes[plot.div.id] = box(plot.div);
     // The range of each series at the finest level, to compare with the capture.
     verdict.ranges = {};
     const finest = levels.length > 0 ? levels[levels.length - 1].values : {};
@@ -673,8 +1292,13 @@
       for (const v of finest[id]) if (!Number.isNaN(v)) { low = Math.min(low, v); high = Math.max(high, v); }
       verdict.ranges[id] = [low, high];
     }
-    showVerdict();
+    writeVerdict();
   }
 
-  unpackAll().then(draw).catch((failure) => { errors.push(String(failure && failure.stack || failure)); showVerdict(); });
+  try {
+    drawAll();
+  } catch (failure) {
+    errors.push(String(failure && failure.stack || failure));
+    showVerdict();
+  }
 })();
