@@ -3,25 +3,15 @@
 // jump delay first (until every jump settles, the marks after them show the jump, not the laser), then the laser
 // delays, then the mark and polygon delays.
 #include "analysis/Figures.h"
+#include "analysis/Text.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 
 namespace oltb::analysis {
 
 namespace {
-
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* pattern, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(text, sizeof text, pattern, arguments);
-    va_end(arguments);
-    return text;
-}
 
 std::optional<double> medianOf(const std::vector<double>& values) {
     return values.empty() ? std::nullopt : std::optional<double>(median(values));

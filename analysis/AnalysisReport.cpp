@@ -8,10 +8,7 @@
 
 namespace oltb::analysis {
 
-namespace {
-
-// A JSON number to a millionth (times come in 1/64 us, so they stay exact), or null for a missing or not finite one.
-std::string number(std::optional<double> value) {
+std::string jsonNumber(std::optional<double> value) {
     if (!value || !std::isfinite(*value)) {
         return "null";
     }
@@ -28,6 +25,10 @@ std::string number(std::optional<double> value) {
                              : std::to_chars(text, text + sizeof(text), rounded);
     return std::string(text, written.ptr);
 }
+
+namespace {
+
+const auto number = [](std::optional<double> value) { return jsonNumber(value); };
 
 std::string errorsJson(const ErrorFigures& figures) {
     return "{\"rms\": " + number(figures.rms) + ", \"max\": " + number(figures.max) + "}";
@@ -77,6 +78,11 @@ std::string servoJson(const AxisServo& servo) {
            ", \"why\": " + jsonString(servo.trackingFailure) + "}";
 }
 
+// [x, y], or null.
+std::string point(std::optional<double> x, std::optional<double> y) {
+    return x && y ? "[" + number(x) + ", " + number(y) + "]" : std::string("null");
+}
+
 std::string numbers(const std::vector<double>& values) {
     std::string out = "[";
     for (std::size_t i = 0; i < values.size(); ++i) {
@@ -106,6 +112,20 @@ std::string listJson(const std::vector<T>& items, Row row) {
 
 }  // namespace
 
+std::string settingsJson(const Settings& settings) {
+    return "{\"laser_on_delay_us\": " + settingJson(settings.laserOn) +
+           ",\n  \"laser_off_delay_us\": " + settingJson(settings.laserOff) +
+           ",\n  \"jump_delay_us\": " + settingJson(settings.jump) + ",\n  \"mark_delay_us\": " +
+           settingJson(settings.mark) + ",\n  \"polygon_delay_us\": " + settingJson(settings.polygon) + "}";
+}
+
+std::string jumpDelayTableJson(const std::vector<JumpDelay>& table) {
+    return listJson(table, [](const JumpDelay& row) {
+        return "{\"up_to_length\": " + number(row.upToLength) + ", \"delay_us\": " + number(row.delayUs) +
+               ", \"at_least_us\": " + number(row.atLeastUs) + ", \"predicted\": " + boolean(row.predicted) + "}";
+    });
+}
+
 std::string toJson(const Result& result, const SignalNamer& signalName) {
     std::string json = "{\"head\": " + std::to_string(result.head) + ", \"events\": " + std::to_string(result.events) +
                        ", \"duration_us\": " + number(result.durationUs) + ", \"settle_band\": " +
@@ -117,18 +137,15 @@ std::string toJson(const Result& result, const SignalNamer& signalName) {
     json += " \"following_error\": {\"x\": " + errorsJson(result.followingErrorX) +
             ", \"y\": " + errorsJson(result.followingErrorY) + "},\n";
     json += " \"path_deviation\": " + errorsJson(result.pathDeviation) + ",\n";
-    json += " \"settings\": {\"laser_on_delay_us\": " + settingJson(result.settings.laserOn) +
-            ",\n  \"laser_off_delay_us\": " + settingJson(result.settings.laserOff) +
-            ",\n  \"jump_delay_us\": " + settingJson(result.settings.jump) +
-            ",\n  \"mark_delay_us\": " + settingJson(result.settings.mark) +
-            ",\n  \"polygon_delay_us\": " + settingJson(result.settings.polygon) + "},\n";
+    json += " \"settings\": " + settingsJson(result.settings) + ",\n";
     json += " \"speeds\": {\"mark_units_per_ms\": " + numbers(result.settings.markSpeeds) +
             ", \"jump_units_per_ms\": " + numbers(result.settings.jumpSpeeds) + "},\n";
     json += " \"marks\": " + listJson(result.marks, [](const Mark& mark) {
         return "{\"start_us\": " + number(mark.startUs) + ", \"end_us\": " + number(mark.endUs) +
                ", \"length\": " + number(mark.length) + ", \"speed\": " + number(mark.speed) +
                ", \"command_start_us\": " + number(mark.commandStartUs) + ", \"command_end_us\": " +
-               number(mark.commandEndUs) + ", \"laser_on_delay_us\": " + number(mark.laserOnDelayUs) +
+               number(mark.commandEndUs) + ", \"start\": " + point(mark.startX, mark.startY) + ", \"end\": " +
+               point(mark.endX, mark.endY) + ", \"laser_on_delay_us\": " + number(mark.laserOnDelayUs) +
                ", \"laser_off_delay_us\": " + number(mark.laserOffDelayUs) + ", \"start_missing\": " +
                number(mark.startMissing) + ", \"end_missing\": " + number(mark.endMissing) + ", \"speed_at_on\": " +
                number(mark.speedAtOn) + ", \"speed_at_off\": " + number(mark.speedAtOff) +
@@ -156,16 +173,14 @@ std::string toJson(const Result& result, const SignalNamer& signalName) {
             }) + "},\n";
     json += " \"jumps\": " + listJson(result.jumps, [](const Jump& jump) {
         return "{\"start_us\": " + number(jump.startUs) + ", \"end_us\": " + number(jump.endUs) +
-               ", \"length\": " + number(jump.length) + ", \"delay_us\": " + number(jump.delayUs) +
+               ", \"length\": " + number(jump.length) + ", \"from\": " + point(jump.fromX, jump.fromY) +
+               ", \"to\": " + point(jump.toX, jump.toY) + ", \"delay_us\": " + number(jump.delayUs) +
                ", \"settle_us\": " + number(jump.settleUs) + ", \"settled\": " + boolean(jump.settled) +
                ", \"cut_short\": " + boolean(jump.cutShort) + ", \"at_least_us\": " + number(jump.atLeastUs) +
                ", \"predicted_settle_us\": " + number(jump.predictedSettleUs) + ", \"distance_at_next\": " +
                number(jump.distanceAtNext) + "}";
     }) + ",\n";
-    json += " \"jump_delay_table\": " + listJson(result.jumpDelayTable, [](const JumpDelay& row) {
-        return "{\"up_to_length\": " + number(row.upToLength) + ", \"delay_us\": " + number(row.delayUs) +
-               ", \"at_least_us\": " + number(row.atLeastUs) + ", \"predicted\": " + boolean(row.predicted) + "}";
-    }) + ",\n";
+    json += " \"jump_delay_table\": " + jumpDelayTableJson(result.jumpDelayTable) + ",\n";
     json += " \"corners\": " + listJson(result.corners, [](const Corner& corner) {
         return "{\"mark\": " + std::to_string(corner.mark) + ", \"at_us\": " + number(corner.atUs) + ", \"x\": " +
                number(corner.x) + ", \"y\": " + number(corner.y) + ", \"angle_deg\": " + number(corner.angleDeg) +

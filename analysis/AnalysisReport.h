@@ -4,6 +4,7 @@
 #include "analysis/TraceAnalysis.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,13 @@ std::string signalLabel(const SignalNamer& signalName, int type);
 // `text` as a JSON string that may also stand inside an HTML <script> element: '<', '>' and '&' are escaped too, so
 // that no "</script>" or comment opener can form.
 std::string jsonString(const std::string& text);
+
+// A JSON number to a millionth (times come in 1/64 us, so they stay exact), or null for a missing or not finite one.
+std::string jsonNumber(std::optional<double> value);
+
+// The settings object {"laser_on_delay_us": {"now", "suggested", "why"}, ...} and the jump delay table.
+std::string settingsJson(const Settings& settings);
+std::string jumpDelayTableJson(const std::vector<JumpDelay>& table);
 
 // One JSON object, times in us and lengths in head units; a figure that is missing is null.
 std::string toJson(const Result& result, const SignalNamer& signalName = {});

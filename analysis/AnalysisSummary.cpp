@@ -1,25 +1,15 @@
 // The analysis as a person reads it at the machine: the card's settings now and what to set instead, then the
 // figures behind that advice, in the order a head is tuned.
 #include "analysis/AnalysisReport.h"
+#include "analysis/Text.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 
 namespace oltb::analysis {
 
 namespace {
-
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* pattern, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(text, sizeof(text), pattern, arguments);
-    va_end(arguments);
-    return text;
-}
 
 // `text` right-aligned in `width` characters (not bytes: "µ" takes two).
 std::string right(const std::string& text, std::size_t width) {

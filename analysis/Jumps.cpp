@@ -92,6 +92,10 @@ std::vector<Jump> measureJumps(const JobLayout& layout, const HeadView& head, st
         jump.startUs = piece.startUs;
         jump.endUs = piece.endUs;
         jump.length = piece.length;
+        jump.fromX = piece.from.x;
+        jump.fromY = piece.from.y;
+        jump.toX = piece.to.x;
+        jump.toY = piece.to.y;
         const std::optional<double> next = nextMotionAfter(layout, index);
         if (next) jump.delayUs = *next - piece.endUs;
         if (!next || piece.cutAtEnd) {

@@ -160,6 +160,10 @@ std::vector<Mark> measureMarks(const JobLayout& layout, const std::vector<Interv
         mark.speed = e.speed * 1000;
         mark.commandStartUs = e.commandStart;
         mark.commandEndUs = e.commandEnd;
+        mark.startX = e.startPoint.x;
+        mark.startY = e.startPoint.y;
+        mark.endX = e.endPoint.x;
+        mark.endY = e.endPoint.y;
         if (!interval.openStart) mark.laserOnDelayUs = interval.on - e.commandStart;
         if (!interval.openEnd) mark.laserOffDelayUs = interval.off - e.commandEnd;
         if (head.lagUs) {

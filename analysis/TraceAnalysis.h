@@ -45,6 +45,7 @@ struct Mark {
     std::optional<double> length;        // of the polyline's commanded path, units
     std::optional<double> speed;         // its commanded speed, units/ms
     std::optional<double> commandStartUs, commandEndUs;  // its commanded motion
+    std::optional<double> startX, startY, endX, endY;    // its commanded start and end points
     std::optional<double> laserOnDelayUs, laserOffDelayUs;  // as the card has them: gate - commanded motion
     // Where the laser edges land, along the mark (units): > 0 that much of the start (end) is not marked; < 0 the
     // gate opened before the mirror reached the start point (stayed open after it passed the end point).
@@ -72,6 +73,7 @@ struct Jump {
     double startUs = 0;  // of the commanded motion
     double endUs = 0;
     double length = 0;   // commanded path length, units
+    double fromX = 0, fromY = 0, toX = 0, toY = 0;  // its commanded start and target
     std::optional<double> delayUs;      // until the commanded path moves again: the jump delay as the card has it
     std::optional<double> settleUs;     // from the end of the command until the mirror entered the band for good
     bool settled = false;               // ... and that before the next commanded motion began

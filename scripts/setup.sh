@@ -13,8 +13,8 @@ set -euo pipefail
 declare -A needs=(
   [report]="libjs-dygraphs zlib1g-dev"
   [browser]="chromium poppler-utils"
-  [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev"
-  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev libgtest-dev binutils libhdf5-dev libdeflate-dev python3-numpy python3-pytest python3-h5py python3-venv python3-pip python3-setuptools python3-wheel"
+  [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev"
+  [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev libgtest-dev binutils libhdf5-dev libdeflate-dev python3-numpy python3-pytest python3-h5py python3-venv python3-pip python3-setuptools python3-wheel"
   [m32]="g++-multilib pkg-config"
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """The closed loop of tuning a head, run against the simulator: trace the job, analyze it, apply the suggested
-settings, trace again. For each head and badly tuned start of the matrix below, every round prints what the
+settings (the files of oltb analyze --settings-out and --jump-table-out, which oltb-sim reads back), trace again. For each head and badly tuned start of the matrix below, every round prints what the
 simulator's model says of the applied settings (oltb-sim --explain: the truth, not the analysis' own view) and the
 loop stops once the settings hold:
   - every jump of the job settles before the next motion begins,
@@ -43,45 +43,28 @@ CASES = [
                                                "--laser-on-delay-us", "50", "--laser-off-delay-us", "500"]),
 ]
 
-TUNED = ["--laser-on-delay-us", "--laser-off-delay-us", "--jump-delay-us", "--mark-delay-us", "--polygon-delay-us"]
-
-
 def run(*command, **kwargs):
     return subprocess.run(command, capture_output=True, text=True, timeout=120, check=True, **kwargs).stdout
 
 
-def with_settings(card, settings, table):
-    """The card's options with the tuned settings replaced."""
-    options = []
-    skip = False
-    for option in card:
-        if skip:
-            skip = False
-        elif option in TUNED:
-            skip = True
-        else:
-            options.append(option)
-    for option, value in settings.items():
-        options += [option, "%.1f" % value]
-    if table:
-        options += ["--jump-table", table]
-    return options
-
-
-def trace(build, address, options, directory):
-    """One run of the job acquired between labels 1 and 2, and its analysis."""
+def trace(build, address, options, directory, round_):
+    """One run of the job acquired between labels 1 and 2 and analysed: the suggested settings go to the files that
+    the simulator reads back (oltb analyze --settings-out, --jump-table-out)."""
     simulator = subprocess.Popen([f"{build}/tools/oltb-sim/oltb-sim", "--address", address, "--max-rate", *options],
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     try:
         if "listening" not in simulator.stdout.readline():
             raise RuntimeError(simulator.stderr.read())
-        capture = os.path.join(directory, "capture.csv")
+        capture = os.path.join(directory, f"round{round_}.csv")
         run(f"{build}/tools/oltb/oltb", "acquire", address, "--start", "1", "--end", "2", "--signals", SIGNALS,
             "-o", capture, "--quiet")
     finally:
         simulator.terminate()
         simulator.wait(timeout=10)
-    return json.loads(run(f"{build}/tools/oltb/oltb", "analyze", capture, "--json"))
+    settings = os.path.join(directory, f"settings{round_}.json")
+    table = os.path.join(directory, f"jump-table{round_}.txt")
+    run(f"{build}/tools/oltb/oltb", "analyze", capture, "--settings-out", settings, "--jump-table-out", table)
+    return ["--settings", settings, "--jump-table", table]
 
 
 def holds(truth, dose):
@@ -106,23 +89,6 @@ def holds(truth, dose):
     end = median([0.0 if abs(m["end_missing"]) <= 5 else abs(m["speed_at_off"] * dose - 1) for m in marks])
     laser = max(start, end)
     return settled, over, laser
-
-
-def suggestions(analysis, directory):
-    settings = {}
-    for key, option in [("laser_on_delay_us", "--laser-on-delay-us"), ("laser_off_delay_us", "--laser-off-delay-us"),
-                        ("mark_delay_us", "--mark-delay-us"), ("polygon_delay_us", "--polygon-delay-us"),
-                        ("jump_delay_us", "--jump-delay-us")]:
-        value = analysis["settings"][key]["suggested"]
-        if value is not None:
-            settings[option] = value
-    rows = [r for r in analysis["jump_delay_table"] if r["delay_us"] is not None]
-    table = None
-    if rows and len(rows) == len(analysis["jump_delay_table"]):
-        table = os.path.join(directory, "jump-table.txt")
-        with open(table, "w") as out:
-            out.write("# length delay_us\n" + "".join("%.0f %.0f\n" % (r["up_to_length"], r["delay_us"]) for r in rows))
-    return settings, table
 
 
 def main():
@@ -151,11 +117,10 @@ def main():
                     break
                 if round_ == arguments.rounds:
                     break
-                analysis = trace(arguments.build, arguments.address, options, directory)
-                settings, table = suggestions(analysis, directory)
-                options = with_settings(head + card, settings, table)
+                options = head + card + trace(arguments.build, arguments.address, options, directory, round_)
                 if arguments.verbose:
-                    print("    applying", " ".join(options[len(head):]))
+                    for path in options[-3], options[-1]:
+                        print("    " + open(path).read().replace("\n", "\n    ").rstrip())
     print(f"converged {converged} of {len(cases)} within {arguments.rounds} rounds")
     return 0 if converged == len(cases) else 1
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace oltbsim {
 namespace {
@@ -16,7 +17,9 @@ constexpr std::uint32_t kLabelShift = 16;
 }  // namespace
 
 JobStream::JobStream(const MarkingJob& job)
-    : _job(job), _samplesPerCycle(job.cycleTicks() / MarkingJob::kSamplePeriodTicks) {
+    : _job(job),
+      _samplesPerCycle(job.cycleTicks() / MarkingJob::kSamplePeriodTicks),
+      _noiseUnits(0.0, job.settings().feedbackNoiseUnits) {
     buildNarrowWords();
 }
 
@@ -61,6 +64,8 @@ void JobStream::start(const std::uint64_t startTick, const SignalSelection& sele
     _nextSample = 0;
     _nextNarrow = 0;
     _encoder.restart();
+    _noise.seed(1);
+    _noiseUnits.reset();
     _selection = SignalSelection{};
     _announce.clear();
     select(selection);
@@ -112,7 +117,13 @@ void JobStream::emitSample(const std::uint64_t tick, std::vector<std::uint64_t>&
             continue;
         }
         const Position3 tx = wantsCommanded ? _job.commanded(head, cycleTick) : Position3{};
-        const Position3 rx = wantsActual ? _job.actual(head, cycleTick) : Position3{};
+        Position3 rx = wantsActual ? _job.actual(head, cycleTick) : Position3{};
+        if (wantsActual && _job.settings().feedbackNoiseUnits > 0) {
+            const auto limit = static_cast<double>(kFieldLimitUnits);
+            for (std::int64_t* value : {&rx.x, &rx.y}) {
+                *value = std::llround(std::clamp(static_cast<double>(*value) + _noiseUnits(_noise), -limit, limit));
+            }
+        }
         const std::array<std::int64_t, 6> values = {tx.x, tx.y, tx.z, rx.x, rx.y, rx.z};
         for (std::size_t c = 0; c < kHeadChannelOffsets.size(); ++c) {
             const std::uint32_t type = base + kHeadChannelOffsets[c];

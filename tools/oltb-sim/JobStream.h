@@ -9,6 +9,8 @@
 #include "TraceSource.h"
 #include "WordEncoder.h"
 
+#include <random>
+
 namespace oltbsim {
 
 class JobStream final : public TraceSource {
@@ -48,6 +50,9 @@ private:
     std::uint64_t _nextSample = 0;
     std::size_t _nextNarrow = 0;
     std::vector<std::uint32_t> _announce;  // narrow signals that still need a word with their current state
+    // Noise of the position feedback: a new draw for every actual sample, the same sequence from every Start.
+    std::mt19937_64 _noise;
+    std::normal_distribution<double> _noiseUnits;
 };
 
 }  // namespace oltbsim

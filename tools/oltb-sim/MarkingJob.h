@@ -32,6 +32,7 @@ struct JobSettings {
     ServoSettings servo;
     std::uint64_t pauseTicks = 50 * 64000;  // 50 ms
     double settleBandUnits = 100;           // a jump has settled once the mirror stays this close to its target
+    double feedbackNoiseUnits = 0;          // the actual positions as traced carry noise of this standard deviation
     double maxEdgeDose = 2;                 // the largest dose an end of a mark may take, for --explain's best delays
 };
 

@@ -4,6 +4,7 @@
 #include "GroundTruth.h"
 #include "JobStream.h"
 #include "ReplayStream.h"
+#include "SettingsFile.h"
 #include "Server.h"
 #include "tools/oltb/Signals.h"
 
@@ -341,6 +342,13 @@ int main(int argc, char** argv) {
         app.add_option(name, *value, help)->check(CLI::Range(0.0, 100000.0))->capture_default_str();
     }
     app.add_option("--jump-table", jumpTableFile, "Jump delay by jump length from FILE (rows: LENGTH DELAY_US)");
+    std::string settingsFile;
+    app.add_option("--settings", settingsFile,
+                   "The card's delays from a settings file of oltb analyze --settings-out (after the options above)");
+    app.add_option("--feedback-noise-units", job.feedbackNoiseUnits,
+                   "Noise of the traced actual positions, standard deviation in units")
+        ->check(CLI::Range(0.0, 10000.0))
+        ->capture_default_str();
 
     app.add_option("--clock-start", settings.clockStartTick, "Card clock at the first Start, ticks (1/64 us)")
         ->capture_default_str();
@@ -429,6 +437,9 @@ int main(int argc, char** argv) {
             if (!jumpTableFile.empty()) {
                 job.timing.jumpDelayTable = oltbsim::readJumpTable(jumpTableFile);
             }
+            if (!settingsFile.empty()) {
+                oltbsim::applySettingsFile(settingsFile, job.timing);
+            }
             if (printJob) {
                 std::fputs(job.program.text.c_str(), stdout);
                 return ExitCode::exitSuccess;
@@ -439,6 +450,9 @@ int main(int argc, char** argv) {
             return ExitCode::exitBadOptions;
         } catch (const oltbsim::JumpTableError& e) {
             std::fprintf(stderr, "oltb-sim: --jump-table: %s\n", e.what());
+            return ExitCode::exitBadOptions;
+        } catch (const oltbsim::SettingsFileError& e) {
+            std::fprintf(stderr, "oltb-sim: --settings: %s\n", e.what());
             return ExitCode::exitBadOptions;
         }
         if (explain) {

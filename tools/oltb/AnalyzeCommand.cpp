@@ -1,11 +1,14 @@
 // "oltb analyze": what a trace says about the card's tuning (the analysis library), as a summary with suggestions
-// or as one JSON object. The trace comes from a capture file or, with --start and --end, from the server through
-// the same acquisition as "oltb acquire".
+// or as one JSON object; with --each, every run between two labels and the spread of each figure over the runs.
+// The trace comes from a capture file or, with --start and --end, from the server through the same acquisition as
+// "oltb acquire". --settings-out and --jump-table-out write the suggested settings as files to take to the card.
 #include "analysis/AnalysisReport.h"
+#include "analysis/Repeats.h"
 #include "analysis/TraceAnalysis.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
+#include "tools/oltb/SettingsFiles.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -14,26 +17,66 @@
 
 namespace oltb::cli {
 
+namespace {
+
+void writeStandardOutput(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+        throw OutputError("cannot write to standard output", errno == EPIPE);
+    }
+}
+
+void writeSettingsFiles(const AnalyzeOptions& options, const analysis::Settings& settings,
+                        const std::vector<analysis::JumpDelay>& table, std::size_t runs) {
+    const SettingsSource source{options.input, options.head, options.settleBandUnits, options.maxEdgeDose, runs};
+    // Both texts first, so that a table that cannot be written leaves no settings file either.
+    const std::string settingsText = options.settingsOut.empty() ? "" : settingsFileText(settings, table, source);
+    const std::string tableText = options.jumpTableOut.empty() ? "" : jumpTableText(settings, table, source);
+    if (!options.settingsOut.empty()) writeWholeFile(options.settingsOut, settingsText);
+    if (!options.jumpTableOut.empty()) writeWholeFile(options.jumpTableOut, tableText);
+}
+
+}  // namespace
+
 int runAnalyze(const AnalyzeOptions& options) {
+    for (const std::string* out : {&options.settingsOut, &options.jumpTableOut}) {
+        if (!out->empty() && !options.startGiven && *out == options.input) {
+            throw UsageError("the settings would replace the capture " + options.input);
+        }
+    }
     std::optional<std::vector<oltbTraceEvent>> events = eventsToAnalyze(options);
     if (!events) {
         printError("acquisition interrupted before the end label; nothing analyzed");
         return ExitInterrupted;
     }
 
+    if (!options.each.empty()) {
+        analysis::Options settings;
+        settings.head = options.head;
+        settings.settleBandUnits = options.settleBandUnits;
+        settings.maxEdgeDose = options.maxEdgeDose;
+        analysis::Repeatability repeats;
+        try {
+            repeats = analysis::analyzeEach(events->data(), events->size(), static_cast<std::uint16_t>(options.each[0]),
+                                            static_cast<std::uint16_t>(options.each[1]), settings);
+        } catch (const analysis::RunsError& error) {
+            throw UsageError(options.input + ": " + error.what());
+        }
+        writeSettingsFiles(options, repeats.settings, repeats.jumpDelayTable, repeats.runs);
+        writeStandardOutput(options.json ? analysis::toJson(repeats)
+                                         : analysis::toSummary(repeats, options.input, options.unitsPerMm));
+        return ExitSuccess;
+    }
+
     const analysis::Result result = analyzeEvents(*events, options);
-    std::string text;
+    writeSettingsFiles(options, result.settings, result.jumpDelayTable, 1);
     if (options.json) {
-        text = analysis::toJson(result, signalNameOf);
+        writeStandardOutput(analysis::toJson(result, signalNameOf));
     } else {
         analysis::SummaryOptions summary;
         summary.source = options.input;
         summary.unitsPerMm = options.unitsPerMm;
         summary.signalName = signalNameOf;
-        text = analysis::toSummary(result, summary);
-    }
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
-        throw OutputError("cannot write to standard output", errno == EPIPE);
+        writeStandardOutput(analysis::toSummary(result, summary));
     }
     return ExitSuccess;
 }

@@ -6,7 +6,11 @@
 #include "tools/oltb/Interrupt.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <iostream>
+#include <unistd.h>
 
 namespace oltb::cli {
 
@@ -93,6 +97,28 @@ void reportResult(const Outputs& outputs, const Summary& summary) {
     summary.print(out);
     out << summary.totalEvents() << " events written to " << outputs.describe() << '\n';
     out.flush();
+}
+
+void writeWholeFile(const std::string& path, const std::string& text) {
+    const std::string partial = path + ".part" + std::to_string(::getpid());
+    std::FILE* file = std::fopen(partial.c_str(), "wb");
+    if (file == nullptr) {
+        throw OutputError("cannot create " + partial + ": " + std::strerror(errno));
+    }
+    bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    int error = written ? 0 : errno;
+    if (std::fclose(file) != 0 && written) {
+        written = false;
+        error = errno;
+    }
+    if (written && std::rename(partial.c_str(), path.c_str()) != 0) {
+        written = false;
+        error = errno;
+    }
+    if (!written) {
+        std::remove(partial.c_str());
+        throw OutputError("cannot write " + path + ": " + std::strerror(error));
+    }
 }
 
 void printError(const std::string& text) {

@@ -52,6 +52,9 @@ analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const 
 // on standard error.
 void reportResult(const Outputs& outputs, const Summary& summary);
 
+// Writes `text` to `path` whole or not at all: into a file beside it, renamed into place. Throws OutputError.
+void writeWholeFile(const std::string& path, const std::string& text);
+
 // A message on standard error as "oltb: <text>".
 void printError(const std::string& text);
 

@@ -44,6 +44,9 @@ struct AnalyzeOptions {
     double settleBandUnits = 100.0;
     double maxEdgeDose = 2.0;    // the most dose a mark's ends may take, in times the dose of its body
     bool json = false;
+    std::vector<unsigned> each;  // START END: every run between these labels, and the spread over the runs
+    std::string settingsOut;     // the suggested settings as JSON, to take to the card
+    std::string jumpTableOut;    // the jump delay by length as a table a card loads
     double unitsPerMm = 0.0;     // 0: head units
     AcquireOptions live;         // with startLabel/endLabel given: acquire from the server named by input first
     bool startGiven = false;
@@ -53,6 +56,14 @@ struct AnalyzeOptions {
 struct ReportOptions {
     AnalyzeOptions analysis;  // the trace and the analysis settings, as for analyze (json is not used)
     std::string output;       // the page to write
+};
+
+struct CompareOptions {
+    AnalyzeOptions analysis;  // the analysis settings (input unused)
+    std::string before;
+    std::string after;        // empty: the same capture as before, in other label windows
+    std::vector<unsigned> beforeLabels, afterLabels;  // START END of the window to take, or empty: all of it
+    bool json = false;
 };
 
 struct ConvertOptions {
@@ -67,5 +78,6 @@ int runAcquire(const AcquireOptions& options);
 int runAnalyze(const AnalyzeOptions& options);
 int runReport(const ReportOptions& options);
 int runConvert(const ConvertOptions& options);
+int runCompare(const CompareOptions& options);
 
 }  // namespace oltb::cli

@@ -8,40 +8,10 @@
 #include "tools/oltb/report/Page.h"
 #include "tools/oltb/report/PageData.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <iostream>
 #include <string>
-#include <unistd.h>
 
 namespace oltb::cli {
-
-namespace {
-
-void writeFile(const std::string& path, const std::string& text) {
-    const std::string partial = path + ".part" + std::to_string(::getpid());
-    std::FILE* file = std::fopen(partial.c_str(), "wb");
-    if (file == nullptr) {
-        throw OutputError("cannot create " + partial + ": " + std::strerror(errno));
-    }
-    bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    int error = written ? 0 : errno;
-    if (std::fclose(file) != 0 && written) {
-        written = false;
-        error = errno;
-    }
-    if (written && std::rename(partial.c_str(), path.c_str()) != 0) {
-        written = false;
-        error = errno;
-    }
-    if (!written) {
-        std::remove(partial.c_str());
-        throw OutputError("cannot write " + path + ": " + std::strerror(error));
-    }
-}
-
-}  // namespace
 
 int runReport(const ReportOptions& options) {
     const AnalyzeOptions& input = options.analysis;
@@ -66,7 +36,7 @@ int runReport(const ReportOptions& options) {
     const std::string html =
         report::renderPage("oltb report: " + page.source,
                            report::pageData(events->data(), events->size(), result, page));
-    writeFile(options.output, html);
+    writeWholeFile(options.output, html);
     std::cout << "report of " << events->size() << " events written to " << options.output << " (" << html.size()
               << " bytes); open it in a browser" << std::endl;
     return ExitSuccess;

@@ -147,11 +147,11 @@ int main(int argc, char** argv) {
                              ->check(positiveNumberOf("events"));
     durationOption->excludes(eventsOption);
 
+    const CLI::Range labelRange(0, 65535);
     AcquireOptions acquire;
     CLI::App* acquireCommand =
         app.add_subcommand("acquire", "the events between a start label and an end label (labels excluded)");
     addTraceOptions(*acquireCommand, acquire.host, acquire.signals, acquire.outputs, acquire.raw, acquire.quiet);
-    const CLI::Range labelRange(0, 65535);
     acquireCommand->add_option("--start", acquire.startLabel, "start label number")->required()->check(labelRange);
     acquireCommand->add_option("--end", acquire.endLabel, "end label number (Label is added to the traced signals)")
         ->required()
@@ -169,6 +169,16 @@ int main(int argc, char** argv) {
         "analyze", "measure tracking error, following error, laser timing and jump settling in a trace");
     LabelOptions analyzeLabels = addAnalysisOptions(*analyzeCommand, analyze);
     analyzeCommand->add_flag("--json", analyze.json, "one JSON object instead of the summary");
+    analyzeCommand->add_option("--each", analyze.each,
+                               "every run between labels START and END of the trace, and how much each figure "
+                               "moves from run to run")
+        ->expected(2)
+        ->check(labelRange);
+    analyzeCommand->add_option("--settings-out", analyze.settingsOut,
+                               "write the suggested settings as JSON (oltb-sim --settings reads it)");
+    analyzeCommand->add_option("--jump-table-out", analyze.jumpTableOut,
+                               "write the jump delay by length as a table of LENGTH DELAY_US lines (oltb-sim "
+                               "--jump-table reads it)");
     analyzeCommand->footer(
         "Positions are in head units unless --units-per-mm is given; times in us of the capture's time_us.\n"
         "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture (the message names the line),\n"
@@ -184,6 +194,36 @@ int main(int argc, char** argv) {
         "come from every event; long traces are thinned for display only, and the page says how far.\n"
         "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 3 server error, 4 a capture that\n"
         "cannot be read or a page that cannot be written, 130 interrupted, 1 unexpected failure of the tool itself.");
+
+    CompareOptions compare;
+    CLI::App* compareCommand = app.add_subcommand(
+        "compare", "two traces of a head side by side: the settings each shows and every figure before and after");
+    compareCommand->add_option("before", compare.before, "the capture before the change (.csv or .h5)")->required();
+    compareCommand->add_option("after", compare.after, "the capture after it (default: the same capture, in "
+                                                      "another label window)");
+    compareCommand->add_option("--before-labels", compare.beforeLabels, "START END: the window of the before trace")
+        ->expected(2)
+        ->check(labelRange);
+    compareCommand->add_option("--after-labels", compare.afterLabels, "START END: the window of the after trace")
+        ->expected(2)
+        ->check(labelRange);
+    compareCommand->add_option("--head", compare.analysis.head, "scan head to compare")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1));
+    compareCommand->add_option("--settle-band", compare.analysis.settleBandUnits, "as for analyze")
+        ->capture_default_str()
+        ->check(positiveNumberOf("units"));
+    compareCommand->add_option("--max-edge-dose", compare.analysis.maxEdgeDose, "as for analyze")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 100.0));
+    compareCommand->add_option("--units-per-mm", compare.analysis.unitsPerMm, "as for analyze")
+        ->check(positiveNumberOf("units"));
+    compareCommand->add_flag("--json", compare.json, "one JSON object: the changes and both analyses in full");
+    compareCommand->footer(
+        "Marks, jumps and corners are paired by their commanded points, so the traces need not start at the same\n"
+        "time; a job that differs is said so and only the pairs are compared.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 4 a capture that cannot be read,\n"
+        "1 unexpected failure of the tool itself.");
 
     ConvertOptions convert;
     CLI::App* convertCommand =
@@ -226,6 +266,9 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
             report.analysis.startGiven = reportLabels.start->count() > 0;
             report.analysis.endGiven = reportLabels.end->count() > 0;
             return runReport(report);
+        }
+        if (app.got_subcommand(compareCommand)) {
+            return runCompare(compare);
         }
         if (app.got_subcommand(convertCommand)) {
             return runConvert(convert);
