@@ -159,32 +159,57 @@ Comparison compare(const Result& before, const Result& after) {
         both("dose at the end", "dose", "dose", [](const Mark& m) { return doseOf(m.speedAtOff); });
     }
 
-    // Jumps by length: how long each took to settle, and whether it did before the next motion.
-    std::vector<std::pair<std::size_t, std::size_t>> jumps = result.jumps;
-    std::sort(jumps.begin(), jumps.end(), [&](const auto& a, const auto& b) {
-        return before.jumps[a.first].length < before.jumps[b.first].length;
-    });
-    for (const auto& [b, a] : jumps) {
-        const Jump& jb = before.jumps[b];
-        const Jump& ja = after.jumps[a];
-        if (jb.cutShort || ja.cutShort) continue;
-        FigureChange c = change(format("jump %zu (%.0f units) settle time", a + 1, ja.length), "us",
-                                jb.settled ? jb.settleUs : jb.predictedSettleUs,
-                                ja.settled ? ja.settleUs : ja.predictedSettleUs, "smaller");
-        if (jb.settled != ja.settled) {
-            c.verdict = ja.settled ? "better" : "worse";
-            c.words = ja.settled ? "settled now (not before)" : "did not settle (it did before)";
-        } else if (!ja.settled) {
-            c.words += " (did not settle either time)";
+    // Jumps by length: how long they took to settle (the median over the pairs of that length), and how many did
+    // before the next motion began.
+    std::map<long, std::vector<std::pair<std::size_t, std::size_t>>> byLength;
+    for (const auto& p : result.jumps) {
+        if (!before.jumps[p.first].cutShort && !after.jumps[p.second].cutShort) {
+            byLength[std::lround(before.jumps[p.first].length)].push_back(p);
+        }
+    }
+    for (const auto& [length, pairs] : byLength) {
+        const auto side = [&pairs](const Result& r, bool later, std::size_t& settled) {
+            std::vector<double> times;
+            settled = 0;
+            for (const auto& p : pairs) {
+                const Jump& j = r.jumps[later ? p.second : p.first];
+                settled += j.settled ? 1 : 0;
+                if (const std::optional<double> t = j.settled ? j.settleUs : j.predictedSettleUs) times.push_back(*t);
+            }
+            return medianOf(times);
+        };
+        std::size_t settledBefore = 0, settledAfter = 0;
+        const std::optional<double> b = side(before, false, settledBefore), a = side(after, true, settledAfter);
+        FigureChange c = change(format("jumps of %ld units (%zu): settle time", length, pairs.size()), "us", b, a,
+                                "smaller");
+        if (settledBefore != settledAfter) {
+            c.verdict = settledAfter > settledBefore ? "better" : "worse";
+            c.words = format("settled %zu of %zu, before %zu", settledAfter, pairs.size(), settledBefore) +
+                      (c.words == "the same" ? "" : "; " + c.words);
+        } else if (settledAfter < pairs.size()) {
+            c.words += format(" (%zu of %zu did not settle either time)", pairs.size() - settledAfter, pairs.size());
         }
         f.push_back(c);
     }
-    for (const auto& [b, a] : result.corners) {
-        const Corner& cb = before.corners[b];
-        const Corner& ca = after.corners[a];
-        const std::string name = format("corner %zu (%.0f°)", a + 1, ca.angleDeg);
-        f.push_back(change(name + " rounding", "units", cb.rounding, ca.rounding, "smaller"));
-        f.push_back(change(name + " dose", "dose", cb.edgeDose, ca.edgeDose, "dose", after.maxEdgeDose));
+    // Corners by their point (a job repeated turns at the same corners): the median over the pairs of each.
+    std::map<std::pair<long, long>, std::vector<std::pair<std::size_t, std::size_t>>> byPoint;
+    for (const auto& p : result.corners) {
+        byPoint[{std::lround(after.corners[p.second].x), std::lround(after.corners[p.second].y)}].push_back(p);
+    }
+    for (const auto& [point, pairs] : byPoint) {
+        const auto side = [&pairs](const Result& r, bool later, std::optional<double> Corner::*field) {
+            std::vector<double> values;
+            for (const auto& p : pairs) {
+                if (const std::optional<double> v = r.corners[later ? p.second : p.first].*field) values.push_back(*v);
+            }
+            return medianOf(values);
+        };
+        const std::string name = format("corner at (%ld, %ld), %.0f° (%zu)", point.first, point.second,
+                                        after.corners[pairs.front().second].angleDeg, pairs.size());
+        f.push_back(change(name + ": rounding", "units", side(before, false, &Corner::rounding),
+                           side(after, true, &Corner::rounding), "smaller"));
+        f.push_back(change(name + ": dose", "dose", side(before, false, &Corner::edgeDose),
+                           side(after, true, &Corner::edgeDose), "dose", after.maxEdgeDose));
     }
     const auto lost = [](const Result& r) {
         double total = 0;
@@ -241,9 +266,9 @@ std::string toSummary(const Comparison& comparison, const std::string& beforeNam
     const auto table = [&](const char* title, const std::vector<FigureChange>& list) {
         out += std::string("\n") + title + "\n";
         for (const FigureChange& c : list) {
-            out += format("  %-44s %14s -> %-14s %s%s\n", c.figure.c_str(), value(c, c.before).c_str(),
-                          value(c, c.after).c_str(), c.verdict.empty() ? "" : (c.verdict + ": ").c_str(),
-                          c.words.c_str());
+            const bool plain = c.verdict.empty() || c.verdict == c.words;
+            out += format("  %-52s %14s -> %-14s %s%s\n", c.figure.c_str(), value(c, c.before).c_str(),
+                          value(c, c.after).c_str(), plain ? "" : (c.verdict + ": ").c_str(), c.words.c_str());
         }
     };
     table("The card's settings (as each trace shows them)", comparison.settings);

@@ -14,7 +14,7 @@ ends on Ctrl-C within a fraction of a second. The libraries are found as the REA
 (OLTB_LIBRARY and OLTB_ANALYSIS_LIBRARY name them outright).
 """
 
-from ._analysis import analyze
+from ._analysis import analyze, compare
 from ._captures import load
 from ._client import Client, connect
 from ._errors import Error
@@ -29,5 +29,5 @@ for _module in ("_analysis", "_captures", "_client", "_errors", "_events", "_lib
 del _module
 Error.__module__ = Client.__module__ = "oltb"
 
-__all__ = ["Client", "EVENT_DTYPE", "Error", "SIGNALS", "SIGNAL_TYPES", "analyze", "connect", "load", "signal_name",
-           "to_signed"]
+__all__ = ["Client", "EVENT_DTYPE", "Error", "SIGNALS", "SIGNAL_TYPES", "analyze", "compare", "connect", "load",
+           "signal_name", "to_signed"]
