@@ -19,6 +19,7 @@ struct Corner {
 struct Plan {
     std::vector<Corner> corners;
     std::vector<std::pair<double, double>> gate;  // commanded start and end of each mark
+    std::vector<std::pair<double, int>> labels;    // 1 where a repeat of the job begins, 2 where it ends
     double end = 0;
 };
 
@@ -29,6 +30,7 @@ Plan plan(const SyntheticSettings& settings, const std::vector<Move>& job) {
     double y = 0;
     result.corners.push_back({0, 0, 0});
     for (unsigned r = 0; r < settings.repeats; ++r) {
+        result.labels.emplace_back(t, 1);
         for (std::size_t i = 0; i < job.size(); ++i) {
             const Move& move = job[i];
             const double length = std::hypot(move.x - x, move.y - y);
@@ -46,6 +48,7 @@ Plan plan(const SyntheticSettings& settings, const std::vector<Move>& job) {
             }
             t += std::round(move.dwellUs / settings.sampleUs) * settings.sampleUs;
         }
+        result.labels.emplace_back(t - settings.sampleUs / 2, 2);
     }
     result.end = t + settings.delayUs + 1000;
     return result;
@@ -94,10 +97,13 @@ std::vector<oltbTraceEvent> syntheticTrace(const SyntheticSettings& settings, co
     const auto samples = static_cast<std::size_t>(path.end / settings.sampleUs);
     events.reserve(samples * 4 + path.gate.size() * 2 + 1);
 
-    std::vector<std::pair<double, int>> edges;  // gate edges in mirror time
-    for (const auto& [start, end] : path.gate) {
+    std::vector<std::pair<double, int>> edges;  // gate edges in mirror time, and labels
+    for (const auto& [start, end] : settings.gate ? path.gate : decltype(path.gate){}) {
         edges.emplace_back(start + settings.delayUs + settings.laserOnOffsetUs, 1);
         edges.emplace_back(end + settings.delayUs + settings.laserOffOffsetUs, 0);
+    }
+    if (settings.labels) {
+        for (const auto& [time, number] : path.labels) edges.emplace_back(time, number == 1 ? 3 : 4);
     }
     std::sort(edges.begin(), edges.end());
     std::size_t nextEdge = 0;
@@ -126,8 +132,9 @@ std::vector<oltbTraceEvent> syntheticTrace(const SyntheticSettings& settings, co
     const double h = settings.sampleUs / substeps;
     for (std::size_t s = 0; s < samples; ++s) {
         const double t = static_cast<double>(s) * settings.sampleUs;
-        while (settings.gate && nextEdge < edges.size() && edges[nextEdge].first <= t) {
-            add(events, edges[nextEdge].first, oltbEventGate, edges[nextEdge].second);
+        while (nextEdge < edges.size() && edges[nextEdge].first <= t) {
+            const int what = edges[nextEdge].second;  // 0, 1: the gate off, on; 3, 4: label 1, 2
+            add(events, edges[nextEdge].first, what < 2 ? oltbEventGate : oltbEventLabel, what < 2 ? what : what - 2);
             ++nextEdge;
         }
         double cx = 0, cy = 0;

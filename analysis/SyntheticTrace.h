@@ -31,6 +31,7 @@ struct SyntheticSettings {
     double leadUs = 500;             // at home before the job
     unsigned repeats = 1;            // the job runs this many times back to back
     bool commanded = true, actual = true, gate = true;  // which signals the trace holds
+    bool labels = false;             // label 1 where each repeat of the job begins, 2 where it ends
 };
 
 // The default job: a line, a square and a slow diagonal, each after a jump, and a jump home; the jump before the

@@ -9,7 +9,7 @@ loop stops once the settings hold:
   - the laser switches where the mirror moves at 1/D of the mark speed (D = --max-edge-dose), or off where it
     reaches the end point: the edges of the median mark take D times the dose, within 10 %.
 
-Usage: scripts/tune_loop.py [--rounds N] [--only NAME] [--address 127.0.13.40] [--build build/release]
+Usage: scripts/tune_loop.py [--rounds N] [--only NAME,NAME] [--address 127.0.13.40] [--build build/release]
 Prints one line per round and a last line "converged N of M"; exits 1 when a case did not converge in --rounds.
 """
 import argparse
@@ -101,7 +101,7 @@ def main():
     parser.add_argument("--verbose", action="store_true", help="print the settings applied each round")
     arguments = parser.parse_args()
     converged = 0
-    cases = [c for c in CASES if arguments.only in c[0]]
+    cases = [c for c in CASES if any(part in c[0] for part in arguments.only.split(","))]
     for name, head, card in cases:
         with tempfile.TemporaryDirectory() as directory:
             options = head + card

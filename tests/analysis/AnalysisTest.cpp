@@ -1,6 +1,8 @@
 // The analysis against synthetic traces whose figures are known by construction, what it says when signals are
 // missing, and oltb analyze's JSON and exit codes.
 #include "analysis/AnalysisReport.h"
+#include "analysis/Comparison.h"
+#include "analysis/Repeats.h"
 #include "analysis/SyntheticTrace.h"
 #include "analysis/TraceAnalysis.h"
 #include "tests/support/ChildProcess.h"
@@ -123,6 +125,47 @@ INSTANTIATE_TEST_SUITE_P(Synthetic, Heads,
                              for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
                              return name;
                          });
+
+// Runs of one job side by side and one after the other: pairs found by the commanded points, a change told better or
+// worse, a run of another job refused.
+TEST(Tuning, ComparisonPairsByGeometryAndRunsMustBeOneJob) {
+    SyntheticSettings late;
+    late.laserOnOffsetUs = 60;
+    SyntheticSettings tuned;
+    tuned.leadUs = 1730;  // a trace that starts later
+    const Result before = analyze(syntheticTrace(late, exampleJob()));
+    const Result after = analyze(syntheticTrace(tuned, exampleJob()));
+    const Comparison same = compare(before, after);
+    EXPECT_TRUE(same.jobDifference.empty()) << same.jobDifference;
+    EXPECT_EQ(same.marks.size(), 3U);
+    EXPECT_EQ(same.jumps.size(), 4U);
+    const auto found = std::find_if(same.figures.begin(), same.figures.end(), [](const FigureChange& c) {
+        return c.figure == "marks at 5000 units/ms: start missing";
+    });
+    ASSERT_NE(found, same.figures.end());
+    EXPECT_EQ(found->verdict, "better") << found->words;  // 300 units missing before, none after
+
+    std::vector<Move> other = exampleJob();
+    other[1].x += 5000;  // the first mark ends elsewhere
+    EXPECT_FALSE(compare(before, analyze(syntheticTrace({}, other))).jobDifference.empty());
+
+    SyntheticSettings repeated;
+    repeated.repeats = 3;
+    repeated.labels = true;
+    std::vector<oltbTraceEvent> events = syntheticTrace(repeated, exampleJob());
+    const Repeatability runs = analyzeEach(events.data(), events.size(), 1, 2);
+    EXPECT_EQ(runs.runs, 3U);
+    ASSERT_FALSE(runs.figures.empty());
+    EXPECT_EQ(runs.figures.front().runs, 3U);
+    EXPECT_NEAR(runs.figures.front().stddev, 0, 0.05) << "the same job three times";
+    repeated.repeats = 1;
+    std::vector<oltbTraceEvent> mixed = syntheticTrace(repeated, exampleJob());
+    for (oltbTraceEvent event : syntheticTrace(repeated, other)) {
+        event.Time += mixed.back().Time + 1000;
+        mixed.push_back(event);
+    }
+    EXPECT_THROW(analyzeEach(mixed.data(), mixed.size(), 1, 2), RunsError);
+}
 
 TEST(Analysis, SaysWhichSignalsAreMissing) {
     struct Row {

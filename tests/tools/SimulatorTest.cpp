@@ -5,6 +5,7 @@
 #include "GroundTruth.h"
 #include "JobStream.h"
 #include "JumpTable.h"
+#include "SettingsFile.h"
 #include "WordEncoder.h"
 #include "events/TraceDecoder.h"
 
@@ -280,6 +281,34 @@ TEST(JumpTable, AJumpWaitsTheDelayOfTheFirstRowAsLongAsItAndABrokenTableNamesIts
         }
     }
     EXPECT_THROW(readJumpTable("/"), JumpTableError) << "not a regular file";
+}
+
+TEST(SettingsFile, TheSuggestedSettingsReplaceTheCardsAndAnythingElseIsRefusedWhole) {
+    CardTiming timing;
+    applySettings(R"({"settings_of": "oltb analyze", "settings": {"laser_on_delay_us": {"suggested": 283},
+                     "jump_delay_us": {"now": 2000, "suggested": null}, "mark_delay_us": {"suggested": 290}}})",
+                  "s.json", timing);
+    EXPECT_EQ(timing.laserOnDelayUs, 283);
+    EXPECT_EQ(timing.jumpDelayUs, CardTiming{}.jumpDelayUs) << "no suggestion: the setting stays";
+    EXPECT_EQ(timing.markDelayUs, 290);
+    const std::pair<const char*, const char*> cases[] = {
+        {"{\"settings\": {}}", "s.json: not a settings file of oltb analyze (--settings-out)"},
+        {"[1, 2", "s.json: not a settings file of oltb analyze (--settings-out)"},
+        {R"({"settings_of": "oltb analyze", "settings": {"laser_on_delay_us": {"suggested": 1}, "warp": {}}})",
+         "s.json: unknown setting \"warp\""},
+        {R"({"settings_of": "oltb analyze", "settings": {"mark_delay_us": {"suggested": -3}}})",
+         "s.json: setting \"mark_delay_us\": the suggested value must be a number of us from 0 to 100000"},
+    };
+    for (const auto& [text, message] : cases) {
+        CardTiming unchanged;
+        try {
+            applySettings(text, "s.json", unchanged);
+            ADD_FAILURE() << "accepted: " << text;
+        } catch (const SettingsFileError& e) {
+            EXPECT_STREQ(e.what(), message);
+        }
+        EXPECT_EQ(unchanged.laserOnDelayUs, CardTiming{}.laserOnDelayUs) << "nothing applied from a refused file";
+    }
 }
 
 // A 1 ms jump and its delay, then a polyline of two 1 ms segments around a corner: the gate, the power, the labels
