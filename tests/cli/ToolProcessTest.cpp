@@ -235,7 +235,7 @@ TEST(ToolProcess, ReplayedCaptureIsCapturedAgainWithTheSameEvents) {
     const std::pair<std::string, std::string> refused[] = {
         {"damaged.h5", "cannot read " + path("damaged.h5") + ": opening the file: "},
         {"foreign.csv", path("foreign.csv") + ": line 1: not a capture written by oltb"},
-        {"wide.csv", path("wide.csv") + ": event 2 (Gate at tick 1064): value 2 does not fit the signal's 1 bit"}};
+        {"wide.csv", path("wide.csv") + ": line 3: not a row of an oltb capture: value 2 does not fit the 1 bit of Gate"}};
     for (const auto& [file, text] : refused) {
         ChildProcess simulator(OLTB_SIM_PATH, {"--address", "127.0.0.79", "--replay", path(file)});
         EXPECT_EQ(simulator.waitForExit(10s), 1) << file;

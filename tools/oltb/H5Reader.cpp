@@ -21,20 +21,45 @@ namespace oltb::cli {
 
 namespace {
 
+// What a dataset of a group must hold: numbers of this class (of at most 64 bits; unsigned integers where the
+// column cannot be negative).
+struct ColumnKind {
+    H5T_class_t kind;
+    bool unsignedOnly;
+};
+
 template <typename Value>
 struct ColumnReader {
     h5::Handle dataset;
     std::vector<Value> values;
 
-    // Opens the group's dataset `name`, which must be a list of numbers of the kind given; returns its length.
-    hsize_t open(hid_t group, const char* name, H5T_class_t kind, hid_t access) {
-        dataset = h5::checked(H5Dopen2(group, name, access), H5Dclose, std::string("dataset ") + name);
-        const h5::Handle type = h5::checked(H5Dget_type(dataset.get()), H5Tclose, std::string("dataset ") + name);
-        const h5::Handle space = h5::checked(H5Dget_space(dataset.get()), H5Sclose, std::string("dataset ") + name);
+    // Opens the group's dataset `name`, which must be a list of numbers of the kind given; returns its length. The
+    // chunk cache holds one chunk of the dataset, so that a file stored in chunks larger than a batch (one chunk for
+    // the whole dataset, say) decompresses each chunk once; a chunk far larger than the data the file stores is
+    // refused, as no writer makes one and reading it would take memory the file does not justify.
+    hsize_t open(hid_t group, const char* name, const ColumnKind& kind) {
+        const std::string what = std::string("dataset ") + name;
+        dataset = h5::checked(H5Dopen2(group, name, H5P_DEFAULT), H5Dclose, what);
+        const h5::Handle type = h5::checked(H5Dget_type(dataset.get()), H5Tclose, what);
+        const h5::Handle space = h5::checked(H5Dget_space(dataset.get()), H5Sclose, what);
         hsize_t size = 0;
-        if (H5Tget_class(type.get()) != kind || H5Sget_simple_extent_ndims(space.get()) != 1 ||
+        const bool wrongSign = kind.unsignedOnly && H5Tget_sign(type.get()) != H5T_SGN_NONE;
+        if (H5Tget_class(type.get()) != kind.kind || H5Tget_size(type.get()) > 8 || wrongSign ||
+            H5Sget_simple_extent_ndims(space.get()) != 1 ||
             H5Sget_simple_extent_dims(space.get(), &size, nullptr) != 1) {
-            throw h5::Failure(std::string("dataset ") + name + " is not a list of the numbers it should hold");
+            throw h5::Failure(what + " is not a list of the numbers it should hold");
+        }
+        const h5::Handle creation = h5::checked(H5Dget_create_plist(dataset.get()), H5Pclose, what);
+        hsize_t chunk = 0;
+        if (H5Pget_layout(creation.get()) == H5D_CHUNKED && H5Pget_chunk(creation.get(), 1, &chunk) == 1) {
+            const hsize_t chunkBytes = chunk * sizeof(Value);
+            if (chunk > (hsize_t{1} << 32) || chunkBytes > H5Dget_storage_size(dataset.get()) * 1100 + (1 << 20)) {
+                throw h5::Failure(what + " has chunks of " + std::to_string(chunk) +
+                                  " values, far more than the file stores");
+            }
+            const h5::Handle access = h5::checked(H5Dget_access_plist(dataset.get()), H5Pclose, what);
+            h5::check(H5Pset_chunk_cache(access.get(), 101, chunkBytes + 4096, 1.0), "chunk cache");
+            dataset = h5::checked(H5Dopen2(group, name, access.get()), H5Dclose, what);
         }
         return size;
     }
@@ -49,28 +74,34 @@ struct ColumnReader {
     }
 };
 
+// Integers are read as 64-bit numbers, so that a value stored wider than oltb stores it is seen as it is (and
+// refused when its signal cannot carry it) rather than clamped by HDF5's conversion.
+constexpr ColumnKind Ticks{H5T_INTEGER, true};
+constexpr ColumnKind Times{H5T_FLOAT, false};
+constexpr ColumnKind Values{H5T_INTEGER, false};
+constexpr ColumnKind Sequence{H5T_INTEGER, true};
+
 struct SignalReader {
     const SignalInfo* signal = nullptr;
+    SeriesRule::Positions positions = SeriesRule::Positions::Either;
     h5::Handle group;
     ColumnReader<std::uint64_t> ticks;
     ColumnReader<double> time;
-    ColumnReader<std::int32_t> value;
-    ColumnReader<std::uint8_t> overflow;
+    ColumnReader<std::int64_t> value;
+    ColumnReader<std::int64_t> overflow;
     ColumnReader<std::uint64_t> sequence;
     hsize_t size = 0;
     hsize_t loadedEnd = 0;      // events [loadedEnd - loaded, loadedEnd) are in memory
     std::size_t position = 0;   // the next of them
 
-    // `access` turns the chunk cache off: each chunk is read once, and 5 caches per signal would hold megabytes.
-    void open(hid_t file, const SignalInfo* info, hid_t access) {
+    void open(hid_t file, const SignalInfo* info) {
         signal = info;
         group = h5::checked(H5Gopen2(file, info->name, H5P_DEFAULT), H5Gclose, "opening the group");
         const hid_t id = group.get();
-        size = ticks.open(id, "timestamp_ticks", H5T_INTEGER, access);
-        const hsize_t sizes[] = {time.open(id, "time_us", H5T_FLOAT, access),
-                                 value.open(id, "value", H5T_INTEGER, access),
-                                 overflow.open(id, "overflow", H5T_INTEGER, access),
-                                 sequence.open(id, "sequence", H5T_INTEGER, access)};
+        size = ticks.open(id, "timestamp_ticks", Ticks);
+        const hsize_t sizes[] = {time.open(id, "time_us", Times), value.open(id, "value", Values),
+                                 overflow.open(id, "overflow", Values),
+                                 sequence.open(id, "sequence", Sequence)};
         for (const hsize_t other : sizes) {
             if (other != size) {
                 throw h5::Failure("its datasets differ in length");
@@ -80,7 +111,7 @@ struct SignalReader {
 
     bool hasUnread() const { return position < sequence.values.size(); }
 
-    // Loads the next chunk when every loaded event was taken; false at the end.
+    // Loads the next batch when every loaded event was taken; false at the end.
     bool loadIfTaken() {
         if (hasUnread()) {
             return true;
@@ -91,17 +122,24 @@ struct SignalReader {
         const hsize_t count = std::min<hsize_t>(H5Writer::ChunkEvents, size - loadedEnd);
         ticks.load(H5T_NATIVE_UINT64, loadedEnd, count);
         time.load(H5T_NATIVE_DOUBLE, loadedEnd, count);
-        value.load(H5T_NATIVE_INT32, loadedEnd, count);
-        overflow.load(H5T_NATIVE_UINT8, loadedEnd, count);
+        value.load(H5T_NATIVE_INT64, loadedEnd, count);
+        overflow.load(H5T_NATIVE_INT64, loadedEnd, count);
         sequence.load(H5T_NATIVE_UINT64, loadedEnd, count);
         loadedEnd += count;
         position = 0;
         return true;
     }
 
-    oltbTraceEvent take() {
-        const oltbTraceEvent event{ticks.values[position], time.values[position], signal->type,
-                                   overflow.values[position] != 0, value.values[position]};
+    // The next event; the reason in `problem` when its value or overflow flag is none the signal can carry.
+    oltbTraceEvent take(std::string& problem) {
+        const std::int64_t sample = value.values[position];
+        const std::int64_t flag = overflow.values[position];
+        problem = SeriesRule::valueProblem(*signal, sample, positions);
+        if (problem.empty() && flag != 0 && flag != 1) {
+            problem = "overflow " + std::to_string(flag) + " is neither 0 nor 1";
+        }
+        const oltbTraceEvent event{ticks.values[position], time.values[position], signal->type, flag != 0,
+                                   static_cast<std::int32_t>(sample)};
         ++position;
         return event;
     }
@@ -119,8 +157,6 @@ public:
         }
         try {
             _file = h5::checked(H5Fopen(path.c_str(), H5F_ACC_RDONLY, h5::boundedFileAccess().get()), H5Fclose, "opening the file");
-            _access = h5::checked(H5Pcreate(H5P_DATASET_ACCESS), H5Pclose, "dataset properties");
-            h5::check(H5Pset_chunk_cache(_access.get(), 0, 0, 1.0), "chunk cache");
             readAttributes();
             for (const SignalInfo& signal : allSignals()) {
                 if (H5Lexists(_file.get(), signal.name, H5P_DEFAULT) > 0) {
@@ -129,6 +165,9 @@ public:
             }
         } catch (const h5::Failure& failure) {
             throw InputError("cannot read " + _path + ": " + failure.what());
+        }
+        if (_toolUnread && _signals.empty()) {
+            throw UsageError(_path + ": an HDF5 file, but no capture written by oltb (no signal groups)");
         }
     }
 
@@ -143,7 +182,17 @@ public:
                     throw h5::Failure(std::string("group ") + signal.signal->name + ": event " +
                                       std::to_string(sequence) + " of the series comes twice or out of order");
                 }
-                events[count++] = signal.take();
+                const hsize_t row = signal.loadedEnd - signal.sequence.values.size() + signal.position;
+                std::string problem;
+                events[count] = signal.take(problem);
+                if (problem.empty()) {
+                    problem = _rule.orderProblem(events[count]);
+                }
+                if (!problem.empty()) {
+                    throw UsageError(_path + ": group " + signal.signal->name + ", event " + std::to_string(row) +
+                                     ": not an event of an oltb capture: " + problem);
+                }
+                ++count;
                 _sequence = sequence + 1;
                 queueNext(index);
             }
@@ -156,14 +205,22 @@ public:
 private:
     void readAttributes() {
         const hid_t root = _file.get();
-        if (h5::readStringAttribute(root, "tool").value_or("") != H5Writer::ToolName) {
+        const h5::StringAttribute tool = h5::readStringAttribute(root, "tool");
+        // The first versions of oltb wrote variable-length strings, whose text lies in the global heap. Reading it
+        // is what a damaged file can crash or hang, so such a file is taken by its groups, and its texts are left.
+        _toolUnread = tool.variableLength;
+        if (!_toolUnread && tool.text != H5Writer::ToolName) {
             throw UsageError(_path + ": an HDF5 file, but no capture written by oltb (no attribute tool = \"oltb\")");
         }
-        info.host = h5::readStringAttribute(root, "server").value_or("");
-        info.startTimeUtc = h5::readStringAttribute(root, "start_time_utc").value_or("");
+        info.host = h5::readStringAttribute(root, "server").text;
+        info.startTimeUtc = h5::readStringAttribute(root, "start_time_utc").text;
         const auto start = h5::readIntegerAttribute(root, "start_label");
         const auto end = h5::readIntegerAttribute(root, "end_label");
         if (start && end) {
+            if (*start < 0 || *start > 65535 || *end < 0 || *end > 65535) {
+                throw h5::Failure("the labels " + std::to_string(*start) + " and " + std::to_string(*end) +
+                                  " are not both within 0..65535");
+            }
             info.startLabel = static_cast<std::uint16_t>(*start);
             info.endLabel = static_cast<std::uint16_t>(*end);
         }
@@ -172,9 +229,16 @@ private:
     void openSignal(const SignalInfo* signal) {
         SignalReader& reader = _signals.emplace_back();
         try {
-            reader.open(_file.get(), signal, _access.get());
-            if (isHeadPosition(signal->type) && h5::readIntegerAttribute(reader.group.get(), "signed") == 0) {
-                info.signedPositions = false;
+            reader.open(_file.get(), signal);
+            if (isHeadPosition(signal->type)) {
+                const bool raw = h5::readIntegerAttribute(reader.group.get(), "signed") == 0;
+                reader.positions = raw ? SeriesRule::Positions::Raw : SeriesRule::Positions::Signed;
+                if (_headGroups > 0 && info.signedPositions == raw) {
+                    throw h5::Failure("its head positions are " + std::string(raw ? "raw" : "signed") +
+                                      ", those of the groups before it are not");
+                }
+                info.signedPositions = !raw;
+                ++_headGroups;
             }
         } catch (const h5::Failure& failure) {
             throw h5::Failure(std::string("group ") + signal->name + ": " + failure.what());
@@ -192,12 +256,14 @@ private:
 
     std::string _path;
     h5::Handle _file;
-    h5::Handle _access;
+    bool _toolUnread = false;
+    int _headGroups = 0;
     std::vector<SignalReader> _signals;
     // The signals' next events by their place in the series, the earliest on top.
     using Next = std::pair<std::uint64_t, std::size_t>;
     std::priority_queue<Next, std::vector<Next>, std::greater<Next>> _next;
     std::uint64_t _sequence = 0;  // the smallest place the next event may have
+    SeriesRule _rule;
 };
 
 }  // namespace

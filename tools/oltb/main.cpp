@@ -7,7 +7,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
 #include <cstdlib>
 #include <exception>
 
@@ -106,9 +110,24 @@ LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
     return labels;
 }
 
-}  // namespace
+// Every write to standard output counts: when one failed (a full disk, a closed pipe behind it), a command that
+// otherwise succeeded ends with the output error code, quietly for a closed pipe.
+int checkStandardOutput(int code) {
+    std::cout.flush();
+    errno = 0;
+    const bool flushed = std::fflush(stdout) == 0;
+    const int error = errno;
+    if (code != ExitSuccess || (flushed && std::cout && !std::ferror(stdout))) {
+        return code;
+    }
+    if (error != EPIPE) {
+        printError(std::string("cannot write to standard output") + (error != 0 ? ": " + std::string(std::strerror(error)) : ""));
+    }
+    return ExitOutput;
+}
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
+
     CLI::App app{"oltb: trace signals of a laser scan controller card through its trace buffer server (port 9495)",
                  "oltb"};
     app.set_version_flag("--version", std::string("oltb ") + OLTB_TOOL_VERSION);
@@ -243,4 +262,10 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
         printError(std::string("unexpected failure: ") + error.what());
         return ExitUnexpected;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return checkStandardOutput(run(argc, argv));
 }
