@@ -56,4 +56,25 @@ TEST(PageData, LongTraceStaysWithinTheBudgetAndShortOneKeepsEverySample) {
     EXPECT_NE(whole.find("\"finestColumnUs\": 0,"), std::string::npos);
 }
 
+// 20 ms of positions and a label an hour later: the grids stop at a few columns per sample, so that the page is
+// made from the events, not from the hour between them.
+TEST(PageData, GridsFollowTheSamplesNotTheSpanOfTime) {
+    std::vector<oltbTraceEvent> events;
+    for (std::uint64_t i = 0; i < 2000; ++i) {
+        for (const oltbTraceEventType type : {oltbEventHead0TxX, oltbEventHead0RxX}) {
+            events.push_back({640 * i, 10.0 * static_cast<double>(i), type, false, static_cast<std::int32_t>(i)});
+        }
+    }
+    events.push_back({230400000000ULL, 3.6e9, oltbEventLabel, false, 5});
+    analysis::Result result;
+    result.durationUs = 3.6e9;
+    const std::string data = report::pageData(events.data(), events.size(), result, {});
+    std::size_t most = 0;
+    for (std::size_t at = data.find("\"columns\": "); at != std::string::npos; at = data.find("\"columns\": ", at + 1)) {
+        most = std::max<std::size_t>(most, std::stoul(data.substr(at + 11)));
+    }
+    EXPECT_GT(most, 0U);
+    EXPECT_LE(most, 4 * 2000U);
+}
+
 }  // namespace

@@ -9,10 +9,12 @@
 
 namespace oltb::cli {
 
-// 'text' in quotes: at most `limit` bytes of it, bytes outside printable ASCII as \xNN, "..." where it was cut.
+// 'text' in quotes: its start, at most `limit` characters once bytes outside printable ASCII are written as \xNN,
+// and "..." where it was cut.
 inline std::string excerpt(std::string_view text, std::size_t limit = 40) {
     std::string quoted = "'";
-    for (std::size_t i = 0; i < text.size() && i < limit; ++i) {
+    std::size_t i = 0;
+    for (; i < text.size() && quoted.size() <= limit; ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         if (byte >= 0x20 && byte < 0x7F && byte != '\\') {
             quoted += static_cast<char>(byte);
@@ -22,7 +24,7 @@ inline std::string excerpt(std::string_view text, std::size_t limit = 40) {
             quoted += escaped;
         }
     }
-    return quoted + (text.size() > limit ? "'..." : "'");
+    return quoted + (i < text.size() ? "'..." : "'");
 }
 
 }  // namespace oltb::cli
