@@ -66,13 +66,14 @@ struct ColumnReader {
             throw h5::Failure(what + " stores fewer bytes than its " + std::to_string(size) + " values need");
         }
         if (layout == H5D_CHUNKED && H5Pget_chunk(creation.get(), 1, &chunk) == 1) {
-            const hsize_t chunkBytes = chunk * sizeof(Value);
+            const hsize_t chunkBytes = chunk * H5Tget_size(type.get());  // as the cache holds it, in the file's type
             if (chunk > (hsize_t{1} << 32) || chunkBytes > H5Dget_storage_size(dataset.get()) * 1100 + (1 << 20)) {
                 throw h5::Failure(what + " has chunks of " + std::to_string(chunk) +
                                   " values, far more than the file stores");
             }
             const h5::Handle access = h5::checked(H5Dget_access_plist(dataset.get()), H5Pclose, what);
             h5::check(H5Pset_chunk_cache(access.get(), 101, chunkBytes + 4096, 1.0), "chunk cache");
+            dataset.close();  // an open dataset keeps the cache it was opened with, also for a second open
             dataset = h5::checked(H5Dopen2(group, name, access.get()), H5Dclose, what);
         }
         return size;
@@ -296,15 +297,17 @@ void readInChildFirst(const std::string& path) {
     if (child < 0) {
         throw InputError("cannot read " + path + ": cannot start the process that checks it: " + std::strerror(errno));
     }
+    constexpr int ReadThrough = 0;
+    constexpr int Refused = 42;  // not a code of the runtime's own failures (1 of a sanitizer, 134 of an abort)
     if (child == 0) {
-        int code = 0;
+        int code = ReadThrough;
         try {
             H5Capture capture(path);
             std::vector<oltbTraceEvent> batch(H5Writer::ChunkEvents);
             while (capture.read(batch.data(), batch.size()) > 0) {
             }
         } catch (...) {
-            code = 1;
+            code = Refused;
         }
         std::_Exit(code);
     }
@@ -322,6 +325,10 @@ void readInChildFirst(const std::string& path) {
     if (WIFSIGNALED(status)) {
         throw InputError("cannot read " + path + ": HDF5 failed on it (" + strsignal(WTERMSIG(status)) +
                          "), a damaged file");
+    }
+    if (WEXITSTATUS(status) != ReadThrough && WEXITSTATUS(status) != Refused) {
+        throw InputError("cannot read " + path + ": HDF5 failed on it (exit code " +
+                         std::to_string(WEXITSTATUS(status)) + "), a damaged file");
     }
 }
 

@@ -150,7 +150,10 @@ StringAttribute readStringAttribute(hid_t object, const char* name) {
     if (size == 0 || size > LongestText) {
         throw Failure(std::string("attribute ") + name + " is not a text of at most 64 KiB");
     }
-    const Handle memoryType = fixedLengthString(size + 1);
+    // The text as stored (ASCII or UTF-8: HDF5 converts between neither), with room for the terminating zero.
+    const Handle memoryType = checked(H5Tcopy(type.get()), H5Tclose, "string type");
+    check(H5Tset_size(memoryType.get(), size + 1), "string type");
+    check(H5Tset_strpad(memoryType.get(), H5T_STR_NULLTERM), "string type");
     std::string text(size + 1, '\0');
     check(H5Aread(attribute.get(), memoryType.get(), text.data()), std::string("attribute ") + name);
     text.resize(text.find('\0'));
