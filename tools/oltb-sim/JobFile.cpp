@@ -210,7 +210,10 @@ JobProgram parseJob(const std::string& text, const std::string& source) {
     JobProgram program;
     program.source = source;
     program.text = text;
-    std::istringstream lines(text);
+    // A UTF-8 byte-order mark (as some editors save text) is no part of the first command; CR LF line ends are
+    // blanks to the word splitting anyway.
+    const bool byteOrderMark = text.rfind("\xEF\xBB\xBF", 0) == 0;
+    std::istringstream lines(byteOrderMark ? text.substr(3) : text);
     int lineNumber = 0;
     for (std::string line; std::getline(lines, line);) {
         ++lineNumber;

@@ -9,6 +9,8 @@
 #include "tools/oltb/H5Support.h"
 #include "tools/oltb/H5Writer.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -283,58 +285,241 @@ private:
 
 }  // namespace
 
+namespace {
+
 // HDF5 1.10 itself reads out of bounds, crashes or loops on some damaged files, wherever the damage lies (fuzzing
-// found reads past its own buffers in its dataset and heap code). So the file is read to its end once in a child
-// process first: a crash or a hang there is this file's failure, not the tool's. A file the child read through, or
-// refused with an error, is then read here, where the same error comes again with its text. The limit for the
-// child is generous: 30 s and a second per MB.
-void readInChildFirst(const std::string& path) {
-    std::error_code error;
-    const std::uintmax_t bytes = std::filesystem::file_size(path, error);
-    const auto limit = std::chrono::seconds(30 + (error ? 0 : bytes >> 20));
-    std::cout.flush();
-    const pid_t child = ::fork();
-    if (child < 0) {
-        throw InputError("cannot read " + path + ": cannot start the process that checks it: " + std::strerror(errno));
-    }
-    constexpr int ReadThrough = 0;
-    constexpr int Refused = 42;  // not a code of the runtime's own failures (1 of a sanitizer, 134 of an abort)
-    if (child == 0) {
-        int code = ReadThrough;
-        try {
-            H5Capture capture(path);
-            std::vector<oltbTraceEvent> batch(H5Writer::ChunkEvents);
-            while (capture.read(batch.data(), batch.size()) > 0) {
-            }
-        } catch (...) {
-            code = Refused;
+// found reads past its own buffers where a damaged chunk inflates to less than its size). So no HDF5 code runs in
+// the reading process: a child process reads the file and hands the series over a pipe, and a child that crashes,
+// ends without finishing or sends nothing for a minute has failed on a damaged file, which is the file's failure,
+// not the tool's. Over the pipe go, in the machine's own layout: the outcome of opening (0, or 1 and 2 for a usage
+// or an input error with its text), what the file tells about the series, then batches (a count, then so many
+// events), a count of 0 at the end, or ErrorBatch, the kind and the text of an error met on the way.
+constexpr std::uint32_t ErrorBatch = 0xFFFFFFFF;
+constexpr int SilenceLimitMs = 60000;
+
+class Pipe {
+public:
+    explicit Pipe(int descriptor) : _descriptor(descriptor) {}
+    void put(const void* bytes, std::size_t size) {
+        const auto* next = static_cast<const char*>(bytes);
+        while (size > 0) {
+            const ssize_t written = ::write(_descriptor, next, size);
+            if (written <= 0 && errno != EINTR) std::_Exit(0);  // the reader has gone
+            if (written > 0) next += written, size -= static_cast<std::size_t>(written);
         }
-        std::_Exit(code);
     }
-    const auto start = std::chrono::steady_clock::now();
-    int status = 0;
-    while (::waitpid(child, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() - start > limit) {
-            ::kill(child, SIGKILL);
-            ::waitpid(child, &status, 0);
-            throw InputError("cannot read " + path + ": HDF5 did not get through it within " +
-                             std::to_string(limit.count()) + " s (a damaged file)");
+    void putNumber(std::uint32_t number) { put(&number, sizeof number); }
+    void putText(const std::string& text) {
+        putNumber(static_cast<std::uint32_t>(text.size()));
+        put(text.data(), text.size());
+    }
+    void putError(int kind, const char* text) {
+        putNumber(static_cast<std::uint32_t>(kind));
+        putText(text);
+    }
+
+private:
+    int _descriptor;
+};
+
+[[noreturn]] void readForParent(const std::string& path, int descriptor) {
+    Pipe out(descriptor);
+    std::unique_ptr<H5Capture> capture;
+    try {
+        capture = std::make_unique<H5Capture>(path);
+    } catch (const UsageError& error) {
+        out.putError(1, error.what());
+        std::_Exit(0);
+    } catch (const std::exception& error) {
+        out.putError(2, error.what());
+        std::_Exit(0);
+    }
+    const SeriesInfo& info = capture->info;
+    out.putNumber(0);
+    out.putNumber(info.signedPositions ? 1 : 0);
+    out.putNumber(static_cast<std::uint32_t>(info.signals.size()));
+    for (const SignalInfo* signal : info.signals) out.putNumber(static_cast<std::uint32_t>(signal->type));
+    out.putText(info.host);
+    out.putText(info.startTimeUtc);
+    out.putNumber(info.startLabel && info.endLabel ? 1 : 0);
+    out.putNumber(info.startLabel.value_or(0));
+    out.putNumber(info.endLabel.value_or(0));
+    std::vector<oltbTraceEvent> batch(H5Writer::ChunkEvents);
+    try {
+        while (const std::size_t count = capture->read(batch.data(), batch.size())) {
+            out.putNumber(static_cast<std::uint32_t>(count));
+            out.put(batch.data(), count * sizeof(oltbTraceEvent));
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        out.putNumber(0);
+    } catch (const UsageError& error) {
+        out.putNumber(ErrorBatch);
+        out.putError(1, error.what());
+    } catch (const std::exception& error) {
+        out.putNumber(ErrorBatch);
+        out.putError(2, error.what());
     }
-    if (WIFSIGNALED(status)) {
-        throw InputError("cannot read " + path + ": HDF5 failed on it (" + strsignal(WTERMSIG(status)) +
-                         "), a damaged file");
-    }
-    if (WEXITSTATUS(status) != ReadThrough && WEXITSTATUS(status) != Refused) {
-        throw InputError("cannot read " + path + ": HDF5 failed on it (exit code " +
-                         std::to_string(WEXITSTATUS(status)) + "), a damaged file");
-    }
+    std::_Exit(0);
 }
 
+class H5ChildCapture : public CaptureReader::Source {
+public:
+    explicit H5ChildCapture(const std::string& path) : _path(path) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            throw InputError("cannot read " + path + ": " + std::strerror(errno));
+        }
+        std::cout.flush();
+        _child = ::fork();
+        if (_child == 0) {
+            ::close(ends[0]);
+            readForParent(path, ends[1]);
+        }
+        ::close(ends[1]);
+        _descriptor = ends[0];
+        if (_child < 0) {
+            ::close(_descriptor);
+            throw InputError("cannot read " + path + ": cannot start the process that reads it: " + std::strerror(errno));
+        }
+        try {
+            readDescription();
+        } catch (...) {
+            stopChild();
+            throw;
+        }
+    }
+
+    ~H5ChildCapture() override { stopChild(); }
+
+    std::size_t read(oltbTraceEvent* events, std::size_t capacity) override {
+        std::size_t count = 0;
+        while (count < capacity && !_ended) {
+            if (_next == _batch.size()) {
+                const std::uint32_t size = number();
+                if (size == ErrorBatch) {
+                    takeOutcome();
+                }
+                if (size > H5Writer::ChunkEvents) {
+                    failed("a batch of " + std::to_string(size) + " events");
+                }
+                _ended = size == 0;
+                _batch.resize(size);
+                _next = 0;
+                take(_batch.data(), size * sizeof(oltbTraceEvent));
+                continue;
+            }
+            const std::size_t taken = std::min(capacity - count, _batch.size() - _next);
+            std::copy_n(_batch.data() + _next, taken, events + count);
+            _next += taken;
+            count += taken;
+        }
+        if (_ended && count == 0) {
+            finishChild();
+        }
+        return count;
+    }
+
+private:
+    void readDescription() {
+        takeOutcome();
+        info.signedPositions = number() != 0;
+        for (std::uint32_t count = number(), i = 0; i < count; ++i) {
+            const SignalInfo* signal = findSignalByType(static_cast<int>(number()));
+            if (signal == nullptr) failed("an unknown signal");
+            info.signals.push_back(signal);
+        }
+        info.host = text();
+        info.startTimeUtc = text();
+        const bool labels = number() != 0;
+        const auto start = static_cast<std::uint16_t>(number());
+        const auto end = static_cast<std::uint16_t>(number());
+        if (labels) {
+            info.startLabel = start;
+            info.endLabel = end;
+        }
+    }
+
+    // The child's end: one that crashed or failed otherwise (a sanitizer's exit) failed on a damaged file.
+    void finishChild() {
+        if (_child <= 0) return;
+        int status = 0;
+        ::waitpid(_child, &status, 0);
+        _child = -1;
+        if (WIFSIGNALED(status) || WEXITSTATUS(status) != 0) {
+            failed(WIFSIGNALED(status) ? strsignal(WTERMSIG(status))
+                                       : "exit code " + std::to_string(WEXITSTATUS(status)));
+        }
+    }
+
+    // Ends the child, if it still runs: it may wait to hand over events that are no longer wanted. Returns how it
+    // ended ("Segmentation fault", "exit code 1"); empty when it had been ended before, or ended well.
+    std::string stopChild() {
+        if (_descriptor >= 0) {
+            ::close(_descriptor);
+            _descriptor = -1;
+        }
+        if (_child <= 0) return {};
+        ::kill(_child, SIGKILL);
+        int status = 0;
+        ::waitpid(_child, &status, 0);
+        _child = -1;
+        if (WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL) return strsignal(WTERMSIG(status));
+        return WIFEXITED(status) && WEXITSTATUS(status) != 0 ? "exit code " + std::to_string(WEXITSTATUS(status)) : "";
+    }
+
+    // `how` the child failed; when not known, how it ended tells.
+    [[noreturn]] void failed(std::string how) {
+        const std::string ended = stopChild();
+        if (how.empty()) how = ended.empty() ? "it ended early" : ended;
+        throw InputError("cannot read " + _path + ": HDF5 failed on it (" + how + "), a damaged file");
+    }
+
+    // Opening's outcome, or an error met on the way: thrown as the child met it.
+    void takeOutcome() {
+        const std::uint32_t kind = number();
+        if (kind == 1) throw UsageError(text());
+        if (kind == 2) throw InputError(text());
+        if (kind != 0) failed("an unknown answer");
+    }
+
+    void take(void* bytes, std::size_t size) {
+        auto* next = static_cast<char*>(bytes);
+        while (size > 0) {
+            pollfd readable{_descriptor, POLLIN, 0};
+            const int ready = ::poll(&readable, 1, SilenceLimitMs);
+            if (ready < 0 && errno == EINTR) continue;
+            if (ready <= 0) failed(ready == 0 ? "nothing for " + std::to_string(SilenceLimitMs / 1000) + " s" : "");
+            const ssize_t got = ::read(_descriptor, next, size);
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) failed("");  // the child ended before it finished: how, its status tells
+            next += got;
+            size -= static_cast<std::size_t>(got);
+        }
+    }
+    std::uint32_t number() {
+        std::uint32_t value = 0;
+        take(&value, sizeof value);
+        return value;
+    }
+    std::string text() {
+        const std::uint32_t size = number();
+        if (size > (1U << 20)) failed("an overlong text");
+        std::string value(size, '\0');
+        take(value.data(), size);
+        return value;
+    }
+
+    std::string _path;
+    pid_t _child = -1;
+    int _descriptor = -1;
+    std::vector<oltbTraceEvent> _batch;
+    std::size_t _next = 0;
+    bool _ended = false;
+};
+
+}  // namespace
+
 std::unique_ptr<CaptureReader::Source> openH5Capture(const std::string& path) {
-    readInChildFirst(path);
-    return std::make_unique<H5Capture>(path);
+    return std::make_unique<H5ChildCapture>(path);
 }
 
 }  // namespace oltb::cli
