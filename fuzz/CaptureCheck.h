@@ -11,9 +11,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // A file of this process named `name` that holds `bytes`.
@@ -23,23 +26,34 @@ inline std::string fuzzFile(const std::string& name, const std::string& bytes) {
     return path;
 }
 
+inline bool sameEvents(const std::vector<oltbTraceEvent>& first, const std::vector<oltbTraceEvent>& second) {
+    const auto fields = [](const oltbTraceEvent& e) { return std::tuple(e.Timestamp, e.Time, e.Type, e.Overflow, e.Value); };
+    return std::equal(first.begin(), first.end(), second.begin(), second.end(),
+                      [&](const oltbTraceEvent& a, const oltbTraceEvent& b) { return fields(a) == fields(b); });
+}
+
 inline void checkRefusal(const std::string& message, const std::string& path) {
     FUZZ_CHECK(message.find(path) != std::string::npos && message.size() < path.size() + 400);
     for (const char c : message) FUZZ_CHECK(c >= 0x20 && c < 0x7F);
 }
 
-// The events of the capture at `path`; false when it was refused.
-inline bool readWholeCapture(const std::string& path, std::vector<oltbTraceEvent>& events) {
+// The events of the capture at `path` (read from `source`, or as the tool reads it); false when it was refused,
+// and then why in `refusal`.
+template <typename Source>
+bool readWholeCapture(const std::string& path, std::vector<oltbTraceEvent>& events, std::string& refusal,
+                      Source open) {
     using namespace oltb::cli;
     try {
-        CaptureReader reader(path);
+        const auto reader = open(path);
         oltbTraceEvent batch[512];
-        while (const std::size_t count = reader.read(batch, 512)) events.insert(events.end(), batch, batch + count);
+        while (const std::size_t count = reader->read(batch, 512)) events.insert(events.end(), batch, batch + count);
     } catch (const UsageError& error) {
-        checkRefusal(error.what(), path);
-        return false;
+        refusal = error.what();
     } catch (const InputError& error) {
-        checkRefusal(error.what(), path);
+        refusal = error.what();
+    }
+    if (!refusal.empty()) {
+        checkRefusal(refusal, path);
         return false;
     }
     for (std::size_t i = 0; i < events.size(); ++i) {
@@ -55,4 +69,10 @@ inline bool readWholeCapture(const std::string& path, std::vector<oltbTraceEvent
         }
     }
     return true;
+}
+
+inline bool readWholeCapture(const std::string& path, std::vector<oltbTraceEvent>& events) {
+    std::string refusal;
+    return readWholeCapture(path, events, refusal,
+                            [](const std::string& name) { return std::make_unique<oltb::cli::CaptureReader>(name); });
 }

@@ -36,7 +36,7 @@ for run in "${runs[@]}"; do
     echo "fuzz: $target failed; input in build/fuzz/artifacts/, log in $log"
     exit 1
   fi
-  executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+  executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   coverage=$(grep -o 'cov: [0-9]*' "$log" | tail -n 1)
   echo "fuzz: $target: $executions executions in $(( $(date +%s) - started )) s, $coverage, no failure"
 done

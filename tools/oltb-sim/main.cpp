@@ -64,7 +64,8 @@ THE JOB FILE (--job FILE)
     speed mark V        mark speed from here on (initially --mark-speed)
   Consecutive mark and arc lines form one polyline marked with the laser kept on; any other command
   ends it. The job starts at home (0,0). A line the simulator cannot run is reported as
-  "oltb-sim: FILE:LINE: what is wrong" and the simulator does not start (exit code 1). Example:
+  "oltb-sim: FILE:LINE: what is wrong" (long or binary words quoted in short) and the simulator does not
+  start (exit code 1); so is a FILE that is no regular file or is larger than 4 MiB. Example:
     label 1
     power 0x6000
     jump -200000 0

@@ -75,7 +75,11 @@ private:
     std::unique_ptr<Source> _source;
 };
 
-// The reader of .h5 captures (H5Reader.cpp); refuses with a UsageError when this oltb was built without HDF5.
+// The reader of .h5 captures (H5Reader.cpp), which reads the file in a child process; refuses with a UsageError
+// when this oltb was built without HDF5.
 std::unique_ptr<CaptureReader::Source> openH5Capture(const std::string& path);
+// The same reading in this process, for the fuzz target, which compares it with the child's and needs to see its
+// paths; the tools use openH5Capture only. (Built with HDF5 only.)
+std::unique_ptr<CaptureReader::Source> openH5CaptureInThisProcess(const std::string& path);
 
 }  // namespace oltb::cli

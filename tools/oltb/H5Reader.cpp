@@ -3,7 +3,7 @@
 // (a capture killed between two flushes can keep a fast signal's last chunk but lose a slow one's last events);
 // one that comes twice or backwards means a damaged file. A file without the root attribute tool = "oltb" is
 // someone else's file (a usage error); one that has it but whose groups are not as H5Writer makes them is damaged
-// (it cannot be read).
+// (it cannot be read). The reading runs in a child process (H5ChildCapture, at the end).
 #include "tools/oltb/CaptureReader.h"
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/H5Support.h"
@@ -17,15 +17,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iostream>
 #include <queue>
-#include <thread>
 #include <vector>
 
 namespace oltb::cli {
@@ -368,8 +364,7 @@ public:
         if (::pipe2(ends, O_CLOEXEC) != 0) {
             throw InputError("cannot read " + path + ": " + std::strerror(errno));
         }
-        std::cout.flush();
-        _child = ::fork();
+        _child = ::fork();  // the child ends with _Exit: what waits in the parent's stdio buffers is not doubled
         if (_child == 0) {
             ::close(ends[0]);
             readForParent(path, ends[1]);
@@ -520,6 +515,10 @@ private:
 
 std::unique_ptr<CaptureReader::Source> openH5Capture(const std::string& path) {
     return std::make_unique<H5ChildCapture>(path);
+}
+
+std::unique_ptr<CaptureReader::Source> openH5CaptureInThisProcess(const std::string& path) {
+    return std::make_unique<H5Capture>(path);
 }
 
 }  // namespace oltb::cli

@@ -33,7 +33,8 @@ repeated: one series, every file. Ctrl-C ends a capture with complete files, HDF
 --signals replaces the server's configuration, also for the clients that come after.
 Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
 timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
-after | head, ends quietly with 4), 1 unexpected failure of the tool itself.)";
+after | head, ends quietly with 4), 130 Ctrl-C before the trace flowed (nothing written), 1 unexpected failure
+of the tool itself.)";
 
 // A positive, finite number of `unit`, at most `most` ("nan", "inf", "0" and "abc" are refused).
 CLI::Validator positiveNumberOf(const std::string& unit, double most = 1e12) {
