@@ -307,6 +307,7 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         {{"convert", path("label.csv"), path("f.csv")}, {2, "label.csv: line 2: not a row of an oltb capture: value 70000 does not fit the 16 bits of Label"}},
         {{"convert", path("negative.csv"), path("f.csv")}, {2, "negative.csv: line 2: not a row of an oltb capture: value -1 does not fit"}},
         {{"convert", path("dos.csv"), path("f.vcd")}, {2, "dos.csv: line 1: not a capture written by oltb: it begins with 'time,value\\xEF'"}},
+        {{"analyze", path("zero.csv")}, {4, "cannot read " + path("zero.csv") + ": not a regular file"}},
         {{"report", path("missing.csv"), "-o", path("f.html")}, {4, "oltb: cannot read " + path("missing.csv")}},
     };
     std::ofstream(path("foreign.csv")) << "time,value\n1,2\n";
@@ -323,6 +324,7 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     const std::string badRow = CsvHeader + "\n1,0.015625,Gate,22,1,0\n2,0.031250,Gate,22,1x,0\n";
     std::ofstream(path("row.csv")) << badRow;
     std::filesystem::create_hard_link(path("row.csv"), path("row-link.csv"));
+    std::filesystem::create_symlink("/dev/zero", path("zero.csv"));
     for (const auto& [arguments, expected] : cases) {
         SCOPED_TRACE(::testing::PrintToString(arguments));
         const ToolResult tool = runTool(arguments);

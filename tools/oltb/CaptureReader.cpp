@@ -6,6 +6,8 @@
 #include "tools/oltb/Excerpt.h"
 #include "tools/oltb/Outputs.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -192,6 +194,12 @@ private:
 
 CaptureReader::CaptureReader(const std::string& path) {
     const std::optional<OutputFormat> format = formatOfFileName(path);
+    struct stat status {};
+    if ((format == OutputFormat::Csv || format == OutputFormat::H5) && ::stat(path.c_str(), &status) == 0 &&
+        !S_ISREG(status.st_mode)) {
+        // A pipe or a device (a link to /dev/zero, say) would be read without end: a capture is a file.
+        throw InputError("cannot read " + path + ": not a regular file");
+    }
     if (format == OutputFormat::Csv) {
         _source = std::make_unique<CsvCapture>(path);
     } else if (format == OutputFormat::H5) {

@@ -366,7 +366,10 @@ public:
         }
         _child = ::fork();  // the child ends with _Exit: what waits in the parent's stdio buffers is not doubled
         if (_child == 0) {
-            ::close(ends[0]);
+            // The child keeps only the pipe (and the standard streams): a client's socket of the simulator, say,
+            // must close when the simulator closes it, not when the child ends.
+            ::close_range(3, static_cast<unsigned>(ends[1]) - 1, 0);
+            ::close_range(static_cast<unsigned>(ends[1]) + 1, ~0U, 0);
             readForParent(path, ends[1]);
         }
         ::close(ends[1]);
