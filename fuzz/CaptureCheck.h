@@ -13,16 +13,25 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
 
-// A file of this process named `name` that holds `bytes`.
+// A file of this process named `name` that holds `bytes`; removed when the process ends.
 inline std::string fuzzFile(const std::string& name, const std::string& bytes) {
+    static struct Files {
+        std::set<std::string> paths;
+        ~Files() {
+            for (const std::string& path : paths) std::remove(path.c_str());
+        }
+    } files;
     const std::string path = "/tmp/oltb-fuzz-" + std::to_string(::getpid()) + "-" + name;
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    files.paths.insert(path);
     return path;
 }
 
