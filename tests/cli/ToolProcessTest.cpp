@@ -3,11 +3,15 @@
 // goes with complete rows (and HDF5 files that convert back to them), and bad arguments, an unreachable host, an
 // unwritable file and files that are no captures give their exit codes and texts; a capture replayed by the simulator
 // is captured again with the same events. Each test uses its own loopback addresses (127.0.0.60 .. 127.0.0.69, the
-// replay 127.0.0.78 and 127.0.0.79).
+// replay 127.0.0.78 and 127.0.0.79, and 127.0.11.10 .. 127.0.11.13).
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
+#include <arpa/inet.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -235,7 +239,7 @@ TEST(ToolProcess, ReplayedCaptureIsCapturedAgainWithTheSameEvents) {
     const std::pair<std::string, std::string> refused[] = {
         {"damaged.h5", "cannot read " + path("damaged.h5") + ": opening the file: "},
         {"foreign.csv", path("foreign.csv") + ": line 1: not a capture written by oltb"},
-        {"wide.csv", path("wide.csv") + ": event 2 (Gate at tick 1064): value 2 does not fit the signal's 1 bit"}};
+        {"wide.csv", path("wide.csv") + ": line 3: not a row of an oltb capture: value 2 does not fit the 1 bit of Gate"}};
     for (const auto& [file, text] : refused) {
         ChildProcess simulator(OLTB_SIM_PATH, {"--address", "127.0.0.79", "--replay", path(file)});
         EXPECT_EQ(simulator.waitForExit(10s), 1) << file;
@@ -292,11 +296,35 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
         {{"convert", path("missing.csv"), path("f.csv")}, {4, "oltb: cannot read " + path("missing.csv") + ": No such file"}},
         {{"report", path("foreign.csv"), "-o", path("f.html")}, {2, "line 1: not a capture written by oltb"}},
         {{"report", path("row.csv"), "-o", path("row.csv")}, {2, "the report would replace its own capture"}},
+        {{"report", path("row.csv"), "-o", scratchDirectory() + "/./row.csv"}, {2, "would replace its own capture"}},
+        {{"report", path("row.csv"), "-o", path("row-link.csv")}, {2, "would replace its own capture"}},
+        {{"capture", "127.0.0.69", "-o", path("c.h5"), "-o", scratchDirectory() + "/../" +
+          std::filesystem::path(scratchDirectory()).filename().string() + "/c.h5"}, {2, "are one file"}},
+        {{"convert", path("unsorted.csv"), path("f.csv")},
+         {2, "unsorted.csv: line 3: not a row of an oltb capture: time_us 0.500000 is earlier than the 1.000000"}},
+        {{"convert", path("inf.csv"), path("f.csv")}, {2, "inf.csv: line 2: not a row of an oltb capture: time_us is not a finite"}},
+        {{"convert", path("long.csv"), path("f.csv")}, {2, "long.csv: line 2: not a row of an oltb capture: time_us 1"}},
+        {{"convert", path("label.csv"), path("f.csv")}, {2, "label.csv: line 2: not a row of an oltb capture: value 70000 does not fit the 16 bits of Label"}},
+        {{"convert", path("negative.csv"), path("f.csv")}, {2, "negative.csv: line 2: not a row of an oltb capture: value -1 does not fit"}},
+        {{"convert", path("dos.csv"), path("f.vcd")}, {2, "dos.csv: line 1: not a capture written by oltb: it begins with 'time,value\\xEF'"}},
+        {{"analyze", path("zero.csv")}, {4, "cannot read " + path("zero.csv") + ": not a regular file"}},
         {{"report", path("missing.csv"), "-o", path("f.html")}, {4, "oltb: cannot read " + path("missing.csv")}},
     };
     std::ofstream(path("foreign.csv")) << "time,value\n1,2\n";
+    const std::pair<std::string, std::string> edited[] = {
+        {"unsorted", "1,1.0,Gate,22,1,0\n2,0.5,Gate,22,0,0"}, {"inf", "1,inf,Gate,22,1,0"},
+        {"long", "1," + std::string(300, '1') + ",Gate,22,1,0"}, {"label", "1,0,Label,126,70000,0"},
+        {"negative", "1,0,Label,126,-1,0"}, {"dos", ""}};
+    for (const auto& [name, rows] : edited) {
+        std::ofstream(path(name + ".csv")) << (name == "dos" ? "time,value\xEF\r\n" : CsvHeader + "\n" + rows + "\n");
+    }
+    std::ofstream(path("crlf.csv")) << "\xEF\xBB\xBF" << CsvHeader << "\r\n1,0.015625,Gate,22,1,0\r\n";
+    const ToolResult crlf = runTool({"convert", path("crlf.csv"), "-"});
+    EXPECT_EQ(crlf.out, CsvHeader + "\n1,0.015625,Gate,22,1,0\n") << crlf.err;
     const std::string badRow = CsvHeader + "\n1,0.015625,Gate,22,1,0\n2,0.031250,Gate,22,1x,0\n";
     std::ofstream(path("row.csv")) << badRow;
+    std::filesystem::create_hard_link(path("row.csv"), path("row-link.csv"));
+    std::filesystem::create_symlink("/dev/zero", path("zero.csv"));
     for (const auto& [arguments, expected] : cases) {
         SCOPED_TRACE(::testing::PrintToString(arguments));
         const ToolResult tool = runTool(arguments);
@@ -309,7 +337,11 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     }
     EXPECT_FALSE(std::filesystem::exists(path("x.csv")));
     EXPECT_FALSE(std::filesystem::exists(path("f.csv")) || std::filesystem::exists(path("f.vcd")) ||
-                 std::filesystem::exists(path("f.html")));
+                 std::filesystem::exists(path("f.html")) || std::filesystem::exists(path("c.h5")));
+    for (const std::string command : {"signals > /dev/full", "convert row.csv - >> row.csv"}) {
+        ChildProcess shell("/bin/bash", {"-c", "cd " + scratchDirectory() + " && " + OLTB_TOOL_PATH + " " + command});
+        EXPECT_EQ(shell.waitForExit(10s), command[0] == 's' ? 4 : 2) << command << ": " << shell.standardError();
+    }
     EXPECT_EQ(readFile(path("row.csv")), badRow) << "the input is left as it was";
     EXPECT_EQ(runTool({"acquire", "--help"}).exitCode, 0);
     const auto start = Clock::now();  // the longest wait bounds the wall time and names the missing label
@@ -326,6 +358,96 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     EXPECT_EQ(silence.exitCode, 3);
     EXPECT_NE(silence.err.find("no start label 1: the server sent nothing for 1 s (--timeout)"), std::string::npos)
         << silence.err;
+}
+
+#ifdef OLTB_WITH_HDF5
+// A file that reaches the process's file size limit (a full disk): the summary names only the file written
+// completely, the CSV keeps its whole rows, and an HDF5 file that could not be finished is removed, without a crash.
+TEST(ToolProcess, FilesThatCannotBeWrittenAreNotReportedAsWritten) {
+    Simulator simulator("127.0.11.12", {"--max-rate"});
+    ASSERT_TRUE(simulator.ready());
+    const auto limited = [](int kilobytes, const std::string& outputs) {
+        ChildProcess tool("/bin/bash", {"-c", "ulimit -f " + std::to_string(kilobytes) + "; exec " + OLTB_TOOL_PATH +
+                                              " capture 127.0.11.12 --events 20000 -q " + outputs});
+        const int exitCode = tool.waitForExit(30s);
+        return ToolResult{exitCode, tool.standardOutput(), tool.standardError()};
+    };
+    const ToolResult csv = limited(300, "-o " + path("big.csv") + " -o " + path("small.h5"));
+    EXPECT_EQ(csv.exitCode, 4);
+    EXPECT_NE(csv.err.find("cannot write " + path("big.csv") + ": File too large; it keeps what was written"),
+              std::string::npos) << csv.err;
+    EXPECT_NE(csv.out.find("20000 events written to " + path("small.h5") + "\n"), std::string::npos) << csv.out;
+    const std::string rows = readFile(path("big.csv"));
+    ASSERT_FALSE(rows.empty());
+    EXPECT_EQ(rows.back(), '\n');
+    for (const auto& row : csvRows(rows)) ASSERT_EQ(row.size(), 6U);
+    const ToolResult h5 = limited(12, "-o " + path("tiny.h5"));
+    EXPECT_EQ(h5.exitCode, 4) << h5.err;
+    EXPECT_NE(h5.err.find("File too large; the incomplete file is removed"), std::string::npos) << h5.err;
+    EXPECT_EQ(h5.out, "");
+    EXPECT_FALSE(std::filesystem::exists(path("tiny.h5")));
+}
+#endif
+
+// Ctrl-C while the tool waits for the server's first answers ends it at once, leaving no file.
+TEST(ToolProcess, InterruptWhileConnectingEndsPromptly) {
+    Simulator simulator("127.0.11.13", {"--ignore-command", "getconfig", "--verbose"});
+    ASSERT_TRUE(simulator.ready());
+    ChildProcess capture(OLTB_TOOL_PATH, {"capture", "127.0.11.13", "-o", path("never.csv")});
+    ASSERT_TRUE(simulator.waitForText("command GetConfig", 10s, true));
+    const auto start = Clock::now();
+    capture.sendSignal(SIGINT);
+    EXPECT_EQ(capture.waitForExit(10s), 130) << capture.standardError();
+    EXPECT_LT(secondsSince(start), 1.5);
+    EXPECT_FALSE(std::filesystem::exists(path("never.csv")));
+}
+
+// A client that sends commands and reads no answer: the simulator stops reading from it once the answers pile up,
+// so the client cannot hand it more than the sockets' buffers take, and the next client is served.
+TEST(ToolProcess, SimulatorQueuesBoundedAnswersForAClientThatDoesNotRead) {
+    Simulator simulator("127.0.11.10");
+    ASSERT_TRUE(simulator.ready());
+    sockaddr_in address{AF_INET, htons(9495), {}, {}};
+    ::inet_pton(AF_INET, "127.0.11.10", &address.sin_addr);
+    const int client = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    std::vector<std::uint8_t> frames(19 * 4096, 0);
+    for (std::size_t i = 0; i < frames.size(); i += 19) frames[i] = 0x4D, frames[i + 1] = 0x82;
+    std::size_t sent = 0;  // until the simulator takes nothing for a second
+    for (pollfd out{client, POLLOUT, 0}; sent < (64U << 20) && ::poll(&out, 1, 1000) == 1;) {
+        const std::size_t at = sent % frames.size();
+        const ssize_t taken = ::send(client, frames.data() + at, frames.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (taken <= 0) break;
+        sent += static_cast<std::size_t>(taken);
+    }
+    EXPECT_LT(sent, 32U << 20);
+    ::close(client);
+    const int handle = oltbConnect("127.0.11.10");
+    oltbTraceBufferConfig_Struct config;
+    EXPECT_EQ(handle > 0 ? oltbGetConfig(handle, &config) : -1, 0) << takeLastError();
+    oltbDisconnect(handle);
+}
+
+// The simulator refuses options outside their range and job files it cannot read, with a short printable line.
+TEST(ToolProcess, SimulatorRefusesOptionsAndJobFilesItCannotRun) {
+    std::filesystem::create_symlink("/dev/zero", path("zero.job"));
+    std::ofstream(path("word.job")) << "mark " << std::string(3 << 20, '7') << "\x01\xFF 0\n";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--speed", "nan"}, "--speed: must be a number from 0.001 to 1000, not 'nan'"},
+        {{"--speed", "1e308"}, "--speed: must be a number from 0.001 to 1000"},
+        {{"--overflow-every", "5", "--overflow-lost", "18446744073709551615"}, "--overflow-lost: "},
+        {{"--job", path("zero.job")}, "zero.job: not a regular file"},
+        {{"--job", path("word.job")}, "word.job:1: X is not a number: '777"},
+    };
+    for (const auto& [arguments, text] : cases) {
+        std::vector<std::string> all{"--address", "127.0.11.11"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        ChildProcess simulator(OLTB_SIM_PATH, all);
+        EXPECT_EQ(simulator.waitForExit(10s), 1) << text;
+        EXPECT_NE(simulator.standardError().find(text), std::string::npos) << simulator.standardError();
+        EXPECT_LT(simulator.standardError().size(), 300U);
+        EXPECT_EQ(simulator.standardOutput(), "");
+    }
 }
 
 }  // namespace

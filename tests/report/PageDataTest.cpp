@@ -110,4 +110,25 @@ TEST(PageData, CloseUpsGoToSoManyMarksAndJumps) {
     EXPECT_EQ(count("\"next_us\": "), 3u);
 }
 
+// 20 ms of positions and a label a minute later: the grids stop at a few columns per sample, so that the page is
+// made from the events, not from the pause between them (which used to give a million columns; an hour, 10^8).
+TEST(PageData, GridsFollowTheSamplesNotTheSpanOfTime) {
+    std::vector<oltbTraceEvent> events;
+    for (std::uint64_t i = 0; i < 2000; ++i) {
+        for (const oltbTraceEventType type : {oltbEventHead0TxX, oltbEventHead0RxX}) {
+            events.push_back({640 * i, 10.0 * static_cast<double>(i), type, false, static_cast<std::int32_t>(i)});
+        }
+    }
+    events.push_back({3840000000ULL, 6e7, oltbEventLabel, false, 5});
+    analysis::Result result;
+    result.durationUs = 6e7;
+    const std::string data = report::pageData(events.data(), events.size(), result, {});
+    std::size_t most = 0;
+    for (std::size_t at = data.find("\"columns\": "); at != std::string::npos; at = data.find("\"columns\": ", at + 1)) {
+        most = std::max<std::size_t>(most, std::stoul(data.substr(at + 11)));
+    }
+    EXPECT_GT(most, 0U);
+    EXPECT_LE(most, 4 * 2000U);
+}
+
 }  // namespace

@@ -18,10 +18,9 @@ bool isKnownCommand(const std::uint8_t code) noexcept {
 }
 
 void CommandFrameReader::feed(const std::uint8_t* const data, const std::size_t size) {
-    if (_position == _buffer.size()) {
-        _buffer.clear();
-        _position = 0;
-    }
+    // What was taken goes, so that the buffer holds at most a piece of a frame besides the new bytes.
+    _buffer.erase(_buffer.begin(), _buffer.begin() + static_cast<std::ptrdiff_t>(_position));
+    _position = 0;
     _buffer.insert(_buffer.end(), data, data + size);
 }
 

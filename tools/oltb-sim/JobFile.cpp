@@ -2,9 +2,12 @@
 // line it is on. What depends on the path (an arc leaving the field) is checked where the job is laid out.
 #include "JobFile.h"
 
+#include "tools/oltb/Excerpt.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -12,6 +15,8 @@ namespace oltbsim {
 namespace {
 
 constexpr double kMaxWaitUs = 10e6;
+// Far more than any job needs (a line of 30 bytes makes it 140,000 lines); a larger file is refused unread.
+constexpr std::size_t kMaxJobFileBytes = 4 << 20;
 constexpr double kMinSpeedUnitsPerMs = 10;
 constexpr double kMaxSpeedUnitsPerMs = 1e6;
 constexpr double kMaxArcDegrees = 3600;
@@ -70,7 +75,7 @@ public:
 
     void expectArguments(const std::size_t count, const char* usage) const {
         if (_words.size() != count + 1) {
-            fail("'" + _words[0] + "' takes " + std::to_string(count) + " argument" + (count == 1 ? "" : "s") +
+            fail(quoted(0) + " takes " + std::to_string(count) + " argument" + (count == 1 ? "" : "s") +
                  " (" + usage + "), got " + std::to_string(_words.size() - 1));
         }
     }
@@ -78,7 +83,7 @@ public:
     double number(const std::size_t index, const char* name) const {
         double value = 0;
         if (!parseNumber(_words[index], value)) {
-            fail(std::string(name) + " is not a number: '" + _words[index] + "'");
+            fail(std::string(name) + " is not a number: " + quoted(index));
         }
         return value;
     }
@@ -86,10 +91,10 @@ public:
     std::int64_t position(const std::size_t index, const char* name) const {
         const double value = number(index, name);
         if (value != std::floor(value)) {
-            fail(std::string(name) + " must be a whole number of head units: " + _words[index]);
+            fail(std::string(name) + " must be a whole number of head units: " + shown(index));
         }
         if (std::fabs(value) > static_cast<double>(kFieldLimitUnits)) {
-            fail(std::string(name) + " " + _words[index] + " lies outside the field (-524287..524287)");
+            fail(std::string(name) + " " + shown(index) + " lies outside the field (-524287..524287)");
         }
         return static_cast<std::int64_t>(value);
     }
@@ -98,7 +103,7 @@ public:
         const double value = number(index, name);
         if (value != std::floor(value) || value < 0 || value > largest) {
             fail(std::string(name) + " must be a whole number from 0 to " + std::to_string(largest) + ": " +
-                 _words[index]);
+                 shown(index));
         }
         return static_cast<std::uint32_t>(value);
     }
@@ -108,13 +113,22 @@ public:
         const double value = number(index, name);
         if (value < lowest || value > highest) {
             std::ostringstream text;
-            text << name << " must lie from " << lowest << " to " << highest << " " << unit << ": " << _words[index];
+            text << name << " must lie from " << lowest << " to " << highest << " " << unit << ": " << shown(index);
             fail(text.str());
         }
         return value;
     }
 
     const std::vector<std::string>& words() const { return _words; }
+
+    // A word for a message: as it is when short and printable, otherwise a short excerpt, so that a 10 MB word or
+    // binary bytes never reach the terminal.
+    std::string shown(const std::size_t index) const {
+        const std::string& word = _words[index];
+        const std::string quoted = oltb::cli::excerpt(word);
+        return quoted.size() == word.size() + 2 ? word : quoted;
+    }
+    std::string quoted(const std::size_t index) const { return oltb::cli::excerpt(_words[index]); }
 
 private:
     const std::string& _source;
@@ -161,7 +175,7 @@ JobCommand parseCommand(const LineParser& parser) {
         command.kind = JobCommandKind::power;
         command.number = parser.whole(1, "the power", 65535);
         if (powerHidesResponses(command.number)) {
-            parser.fail("power " + parser.words()[1] + " is not used: a laser level with the byte 0x4D would hide "
+            parser.fail("power " + parser.shown(1) + " is not used: a laser level with the byte 0x4D would hide "
                         "a response from the client; take a power a little higher or lower");
         }
     } else if (name == "wait") {
@@ -172,12 +186,12 @@ JobCommand parseCommand(const LineParser& parser) {
         parser.expectArguments(2, "jump|mark V");
         const std::string& which = parser.words()[1];
         if (which != "jump" && which != "mark") {
-            parser.fail("'speed' sets 'jump' or 'mark', not '" + which + "'");
+            parser.fail("'speed' sets 'jump' or 'mark', not " + parser.quoted(1));
         }
         command.kind = which == "jump" ? JobCommandKind::jumpSpeed : JobCommandKind::markSpeed;
         command.value = parser.inRange(2, "the speed", kMinSpeedUnitsPerMs, kMaxSpeedUnitsPerMs, "units/ms");
     } else {
-        parser.fail("unknown command '" + name + "' (jump, mark, arc, label, power, wait, speed)");
+        parser.fail("unknown command " + parser.quoted(0) + " (jump, mark, arc, label, power, wait, speed)");
     }
     return command;
 }
@@ -196,7 +210,10 @@ JobProgram parseJob(const std::string& text, const std::string& source) {
     JobProgram program;
     program.source = source;
     program.text = text;
-    std::istringstream lines(text);
+    // A UTF-8 byte-order mark (as some editors save text) is no part of the first command; CR LF line ends are
+    // blanks to the word splitting anyway.
+    const bool byteOrderMark = text.rfind("\xEF\xBB\xBF", 0) == 0;
+    std::istringstream lines(byteOrderMark ? text.substr(3) : text);
     int lineNumber = 0;
     for (std::string line; std::getline(lines, line);) {
         ++lineNumber;
@@ -220,13 +237,24 @@ JobProgram parseJob(const std::string& text, const std::string& source) {
 }
 
 JobProgram readJobFile(const std::string& path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) {
+        throw JobFileError(path, 0, "not a regular file, so no job file");
+    }
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         throw JobFileError(path, 0, "cannot read the job file");
     }
-    std::ostringstream text;
-    text << file.rdbuf();
-    return parseJob(text.str(), path);
+    std::string text(kMaxJobFileBytes + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (file.bad()) {
+        throw JobFileError(path, 0, "cannot read the job file");
+    }
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > kMaxJobFileBytes) {
+        throw JobFileError(path, 0, "larger than 4 MiB, far more than a job needs");
+    }
+    return parseJob(text, path);
 }
 
 const std::string& builtInJobText() {

@@ -17,6 +17,10 @@ namespace {
 
 constexpr std::size_t kBatchWords = 8192;         // 64 KiB of words per batch
 constexpr std::size_t kOutLowWaterBytes = 65536;  // produce more only below this
+// Commands are read only while less than this waits to go out: a client that sends commands without reading the
+// answers (or the trace) finds the server no longer reading either, and the queue stays within this plus what one
+// receive of commands answers (4096 bytes of frames, 5 KiB of answers), instead of growing without end.
+constexpr std::size_t kMostQueuedBytes = 1 << 20;
 // Paced output goes out in slices of at least a millisecond of wall time: waking for every 10 us sample would
 // cost a system call per sample and gain the client nothing.
 constexpr auto kShortestPacingWait = std::chrono::milliseconds(1);
@@ -73,7 +77,7 @@ SessionEnd Session::run() {
             break;
         }
 
-        pollfd descriptor{_socket, POLLIN, 0};
+        pollfd descriptor{_socket, static_cast<short>(pendingBytes() < kMostQueuedBytes ? POLLIN : 0), 0};
         timespec timeout{};
         const timespec* wait = nullptr;  // no limit: only input, writability or a signal ends the wait
         if (pendingBytes() > 0) {

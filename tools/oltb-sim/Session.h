@@ -1,6 +1,7 @@
 // One client connection: reads command frames, answers them, and while tracing is started streams the words of
 // the trace source, paced, with the configured faults. Responses and words share one output queue that only ever
-// holds whole words and whole frames, so a response always lies between two words, never inside one.
+// holds whole words and whole frames, so a response always lies between two words, never inside one. The queue is
+// bounded: commands are read only while it is short.
 #pragma once
 
 #include "CommandFrames.h"

@@ -6,12 +6,14 @@
 #include "ReplayStream.h"
 #include "SettingsFile.h"
 #include "Server.h"
+#include "tools/oltb/Excerpt.h"
 #include "tools/oltb/Signals.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -63,7 +65,8 @@ THE JOB FILE (--job FILE)
     speed mark V        mark speed from here on (initially --mark-speed)
   Consecutive mark and arc lines form one polyline marked with the laser kept on; any other command
   ends it. The job starts at home (0,0). A line the simulator cannot run is reported as
-  "oltb-sim: FILE:LINE: what is wrong" and the simulator does not start (exit code 1). Example:
+  "oltb-sim: FILE:LINE: what is wrong" (long or binary words quoted in short) and the simulator does not
+  start (exit code 1); so is a FILE that is no regular file or is larger than 4 MiB. Example:
     label 1
     power 0x6000
     jump -200000 0
@@ -207,6 +210,22 @@ EXIT CODES
   ("oltb-sim: cannot listen on ADDRESS:9495: reason"), 3 any other failure.
 )";
 
+// A finite number from `lowest` to `highest`. (CLI::Range lets "nan" through, and a speed of 1e308 or nan would
+// be accepted only to send almost nothing.)
+CLI::Validator finiteRange(const double lowest, const double highest) {
+    return CLI::Validator(
+        [lowest, highest](std::string& input) -> std::string {
+            char* end = nullptr;
+            const double value = std::strtod(input.c_str(), &end);
+            if (end == input.c_str() || *end != '\0' || !std::isfinite(value) || value < lowest || value > highest) {
+                return "must be a number from " + CLI::detail::to_string(lowest) + " to " +
+                       CLI::detail::to_string(highest) + ", not " + oltb::cli::excerpt(input);
+            }
+            return {};
+        },
+        "[" + CLI::detail::to_string(lowest) + " - " + CLI::detail::to_string(highest) + "]");
+}
+
 std::optional<std::uint8_t> parseCommandCode(const std::string& text) {
     if (text == "stop") {
         return std::uint8_t{0x10};
@@ -274,7 +293,7 @@ int main(int argc, char** argv) {
     app.footer(kFooter);
     app.add_option("-a,--address", settings.address, "Address to listen on (port 9495)")->capture_default_str();
     app.add_option("--speed", settings.speed, "Trace seconds per wall-clock second")
-        ->check(CLI::PositiveNumber)
+        ->check(finiteRange(0.001, 1000.0))
         ->capture_default_str();
     app.add_flag("--max-rate", settings.maxRate, "Stream as fast as the client reads (no pacing)");
 
@@ -291,10 +310,10 @@ int main(int argc, char** argv) {
     app.add_flag("--repeat", repeat, "With --replay: run the capture again and again, --pause-ms apart")
         ->needs(replayOption);
     app.add_option("--settle-band", job.settleBandUnits, "Band around a jump's target for --explain's settle times, units")
-        ->check(CLI::Range(1.0, 100000.0))
+        ->check(finiteRange(1.0, 100000.0))
         ->capture_default_str();
     app.add_option("--pause-ms", pauseMs, "Pause between two runs of the job (or passes of --replay --repeat), ms")
-        ->check(CLI::Range(0.0, 60000.0))
+        ->check(finiteRange(0.0, 60000.0))
         ->capture_default_str();
 
     auto* servo = app.add_option("--servo", servoKind, "Scan head model: second-order or delay")
@@ -302,36 +321,36 @@ int main(int argc, char** argv) {
                       ->capture_default_str();
     auto* tracking = app.add_option("--tracking-error-us", job.servo.trackingErrorUs,
                                     "Lag of the actual behind the commanded position at constant speed, us")
-                         ->check(CLI::Range(0.0, 100000.0))
+                         ->check(finiteRange(0.0, 100000.0))
                          ->capture_default_str();
     app.add_option("--damping", job.servo.damping, "Damping of the scan head: 1 no overshoot, below 1 it rings")
-        ->check(CLI::Range(0.2, 2.0))
+        ->check(finiteRange(0.2, 2.0))
         ->capture_default_str();
     app.add_option("--max-acceleration", job.servo.maxAccelerationUnitsPerMs2, "Largest acceleration, units/ms^2")
-        ->check(CLI::Range(1000.0, 1e9))
+        ->check(finiteRange(1000.0, 1e9))
         ->capture_default_str();
     auto* servoDelay = app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
-                           ->check(CLI::Range(0.0, 100000.0))
+                           ->check(finiteRange(0.0, 100000.0))
                            ->excludes(servo)
                            ->excludes(tracking);
     app.add_option("--driver-filter-us", job.servo.driverFilterUs,
                    "Time constant of a low pass in the driver in front of the loop, us (0: none)")
-        ->check(CLI::Range(0.0, 10000.0))
+        ->check(finiteRange(0.0, 10000.0))
         ->excludes(servoDelay)
         ->capture_default_str();
     app.add_option("--max-velocity", job.servo.maxVelocityUnitsPerMs, "Largest speed of each mirror axis, units/ms")
-        ->check(CLI::Range(1.0, 1e7))
+        ->check(finiteRange(1.0, 1e7))
         ->excludes(servoDelay);
     app.add_option("--max-edge-dose", job.maxEdgeDose,
                    "Largest dose at the ends of a mark for --explain's best laser delays (times the nominal)")
-        ->check(CLI::Range(1.0, 100.0))
+        ->check(finiteRange(1.0, 100.0))
         ->capture_default_str();
 
     oltbsim::CardTiming& timing = job.timing;
     for (const auto& [name, value, help] : {
              std::tuple{"--jump-speed", &timing.jumpSpeedUnitsPerMs, "Jump speed, units/ms"},
              std::tuple{"--mark-speed", &timing.markSpeedUnitsPerMs, "Mark speed, units/ms"}}) {
-        app.add_option(name, *value, help)->check(CLI::Range(10.0, 1e6))->capture_default_str();
+        app.add_option(name, *value, help)->check(finiteRange(10.0, 1e6))->capture_default_str();
     }
     for (const auto& [name, value, help] : {
              std::tuple{"--jump-delay-us", &timing.jumpDelayUs, "Wait after a jump before the next command, us"},
@@ -339,7 +358,7 @@ int main(int argc, char** argv) {
              std::tuple{"--polygon-delay-us", &timing.polygonDelayUs, "Stop at each corner of a polyline, us"},
              std::tuple{"--laser-on-delay-us", &timing.laserOnDelayUs, "Gate on after a polyline's motion starts, us"},
              std::tuple{"--laser-off-delay-us", &timing.laserOffDelayUs, "Gate off after a polyline's motion ends, us"}}) {
-        app.add_option(name, *value, help)->check(CLI::Range(0.0, 100000.0))->capture_default_str();
+        app.add_option(name, *value, help)->check(finiteRange(0.0, 100000.0))->capture_default_str();
     }
     app.add_option("--jump-table", jumpTableFile, "Jump delay by jump length from FILE (rows: LENGTH DELAY_US)");
     std::string settingsFile;
@@ -347,15 +366,16 @@ int main(int argc, char** argv) {
                    "The card's delays from a settings file of oltb analyze --settings-out (after the options above)");
     app.add_option("--feedback-noise-units", job.feedbackNoiseUnits,
                    "Noise of the traced actual positions, standard deviation in units")
-        ->check(CLI::Range(0.0, 10000.0))
+        ->check(finiteRange(0.0, 10000.0))
         ->capture_default_str();
 
     app.add_option("--clock-start", settings.clockStartTick, "Card clock at the first Start, ticks (1/64 us)")
+        ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{1} << 62))
         ->capture_default_str();
     app.add_flag("--counter", settings.counter, "Stream the counting Spi0Rx sequence instead of the job")
         ->excludes(replayOption);
     app.add_option("--counter-rate", counterRate, "Counter words per second of trace time")
-        ->check(CLI::Range(1.0, 64e6))
+        ->check(finiteRange(1.0, 64e6))
         ->capture_default_str();
     app.add_option("--close-after-words", closeAfterWords, "Close each connection after N words")
         ->check(CLI::PositiveNumber);
@@ -367,6 +387,7 @@ int main(int argc, char** argv) {
     app.add_option("--overflow-every", settings.faults.overflowEveryWords, "Simulate an overflow every N words")
         ->check(CLI::PositiveNumber);
     app.add_option("--overflow-lost", settings.faults.overflowLostWords, "Data words lost at each overflow")
+        ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{1000000}))
         ->capture_default_str();
     app.add_flag("-v,--verbose", settings.verbose, "Report clients and commands on standard error");
 
@@ -453,6 +474,9 @@ int main(int argc, char** argv) {
             return ExitCode::exitBadOptions;
         } catch (const oltbsim::SettingsFileError& e) {
             std::fprintf(stderr, "oltb-sim: --settings: %s\n", e.what());
+            return ExitCode::exitBadOptions;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "oltb-sim: the job cannot run: %s\n", e.what());
             return ExitCode::exitBadOptions;
         }
         if (explain) {

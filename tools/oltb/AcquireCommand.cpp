@@ -64,18 +64,24 @@ bool collect(Connection& connection, const AcquireOptions& options, LabelWindow&
 }  // namespace
 
 std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
-                                            const std::optional<std::vector<const SignalInfo*>>& wanted) {
-    const std::unique_ptr<Connection> connection = connectTo(options.host);
+                                            const std::optional<std::vector<const SignalInfo*>>& wanted,
+                                            const std::function<void()>& cleanUp) {
+    std::unique_ptr<Connection> connection;
     AcquiredEvents acquired;
     SeriesInfo& info = acquired.info;
-    info.signals = chooseSignals(*connection, wanted, true);
+    runInterruptibly(
+        [&] {
+            connection = connectTo(options.host);
+            info.signals = chooseSignals(*connection, wanted, true);
+            connection->setReadTimeout(ReadSliceMs);
+            connection->start();
+        },
+        cleanUp);
     info.signedPositions = !options.raw;
     info.host = options.host;
     info.startLabel = static_cast<std::uint16_t>(options.startLabel);
     info.endLabel = static_cast<std::uint16_t>(options.endLabel);
     info.startTimeUtc = utcNowIso8601();
-    connection->setReadTimeout(ReadSliceMs);
-    connection->start();
     LabelWindow window(*info.startLabel, *info.endLabel);
     if (!collect(*connection, options, window)) {
         return std::nullopt;
@@ -93,7 +99,7 @@ int runAcquire(const AcquireOptions& options) {
     Outputs outputs(options.outputs);
     outputs.open();
     try {
-        std::optional<AcquiredEvents> acquired = acquireEvents(options, wanted);
+        std::optional<AcquiredEvents> acquired = acquireEvents(options, wanted, [&outputs] { outputs.discard(); });
         if (!acquired) {
             outputs.discardUnbegun();
             printError("acquisition interrupted before the end label; nothing written");
@@ -106,8 +112,7 @@ int runAcquire(const AcquireOptions& options) {
         }
         outputs.begin(acquired->info);
         outputs.write(events.data(), events.size());
-        outputs.finish();
-        reportResult(outputs, summary);
+        finishAndReport(outputs, summary);
         return ExitSuccess;
     } catch (...) {
         outputs.discardUnbegun();

@@ -206,8 +206,15 @@ int runCapture(const CaptureOptions& options) {
     Outputs outputs(options.outputs);
     outputs.open();
     try {
-        const std::unique_ptr<Connection> connection = connectTo(options.host);
-        const std::vector<const SignalInfo*> signals = chooseSignals(*connection, wanted, false);
+        const auto discard = [&outputs] { outputs.discard(); };
+        std::unique_ptr<Connection> connection;
+        std::vector<const SignalInfo*> signals;
+        runInterruptibly(
+            [&] {
+                connection = connectTo(options.host);
+                signals = chooseSignals(*connection, wanted, false);
+            },
+            discard);
         if (signals.empty()) {
             throw UsageError("the server traces no signal; choose some with --signals");
         }
@@ -218,8 +225,12 @@ int runCapture(const CaptureOptions& options) {
         info.host = options.host;
         info.startTimeUtc = utcNowIso8601();
         outputs.begin(info);
-        connection->setReadTimeout(ReadSliceMs);
-        connection->start();
+        runInterruptibly(
+            [&] {
+                connection->setReadTimeout(ReadSliceMs);
+                connection->start();
+            },
+            discard);
 
         Summary summary;
         Progress progress(progressWanted(options.quiet), stderr);
@@ -259,15 +270,7 @@ int runCapture(const CaptureOptions& options) {
                 failure = error.what();
             }
         }
-        try {
-            outputs.finish();
-        } catch (const OutputError& error) {
-            if (!error.standardOutputClosed()) {
-                reportResult(outputs, summary);
-            }
-            throw;
-        }
-        reportResult(outputs, summary);
+        finishAndReport(outputs, summary);
         if (failure) {
             throw ServerError(*failure);
         }

@@ -7,8 +7,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <mutex>
+#include <thread>
 #include <iostream>
 #include <unistd.h>
 
@@ -28,6 +34,48 @@ std::optional<std::vector<const SignalInfo*>> parseWantedSignals(const std::stri
 std::unique_ptr<Connection> connectTo(const std::string& host) {
     InterruptsBlockedForNewThreads blocked;
     return std::make_unique<Connection>(host);
+}
+
+void runInterruptibly(const std::function<void()>& step, const std::function<void()>& cleanUp) {
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool finished = false;
+        std::exception_ptr failure;
+    };
+    const auto shared = std::make_shared<Shared>();
+    std::thread worker;
+    {
+        InterruptsBlockedForNewThreads blocked;
+        worker = std::thread([shared, step] {
+            std::exception_ptr failure;
+            try {
+                step();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            const std::lock_guard<std::mutex> lock(shared->mutex);
+            shared->failure = failure;
+            shared->finished = true;
+            shared->done.notify_all();
+        });
+    }
+    std::unique_lock<std::mutex> lock(shared->mutex);
+    while (!shared->done.wait_for(lock, std::chrono::milliseconds(20), [&] { return shared->finished; })) {
+        if (interruptRequested()) {
+            // The step may wait out a server that does not answer: it is left to the end of the process.
+            lock.unlock();
+            worker.detach();
+            cleanUp();
+            printError("interrupted while talking to the server; nothing written");
+            std::_Exit(ExitInterrupted);
+        }
+    }
+    lock.unlock();
+    worker.join();
+    if (shared->failure) {
+        std::rethrow_exception(shared->failure);
+    }
 }
 
 std::vector<const SignalInfo*> chooseSignals(Connection& connection,
@@ -69,6 +117,9 @@ std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions&
         throw UsageError("analyzing a server needs both --start and --end");
     }
     if (!options.startGiven) {
+        if (sameFile("-", options.input)) {
+            throw UsageError("standard output is the capture to read, " + options.input);
+        }
         return readCapture(options.input);
     }
     AcquireOptions live = options.live;
@@ -89,14 +140,34 @@ analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const 
     return analysis::analyze(events, settings);
 }
 
+namespace {
+
 void reportResult(const Outputs& outputs, const Summary& summary) {
+    const std::string written = outputs.describeComplete();
+    if (written.empty()) {
+        return;
+    }
     for (const std::string& warning : outputs.warnings()) {
         printError("warning: " + warning);
     }
     std::ostream& out = outputs.csvOnStandardOutput() ? std::cerr : std::cout;
     summary.print(out);
-    out << summary.totalEvents() << " events written to " << outputs.describe() << '\n';
+    out << summary.totalEvents() << " events written to " << written << '\n';
     out.flush();
+}
+
+}  // namespace
+
+void finishAndReport(Outputs& outputs, const Summary& summary) {
+    try {
+        outputs.finish();
+    } catch (const OutputError& error) {
+        if (!error.standardOutputClosed()) {
+            reportResult(outputs, summary);
+        }
+        throw;
+    }
+    reportResult(outputs, summary);
 }
 
 void writeWholeFile(const std::string& path, const std::string& text) {

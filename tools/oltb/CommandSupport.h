@@ -9,6 +9,7 @@
 #include "tools/oltb/Signals.h"
 #include "tools/oltb/Summary.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,12 @@ std::optional<std::vector<const SignalInfo*>> parseWantedSignals(const std::stri
 // Connects with interrupts blocked for the library's reader thread. Throws ServerError.
 std::unique_ptr<Connection> connectTo(const std::string& host);
 
+// Runs `step` (connecting and the commands before the trace flows, each of which the library may wait seconds for)
+// on a thread of its own, with interrupts blocked there and in the library's threads it starts, while this thread
+// waits for it and for Ctrl-C. Ctrl-C ends the tool at once: `cleanUp` (which removes the files begun), a line
+// that nothing was written, exit code 130. What `step` throws is thrown here.
+void runInterruptibly(const std::function<void()>& step, const std::function<void()>& cleanUp);
+
 // Sets the server's configuration to `wanted` (if given), adds Label when `withLabel`, and returns the signals
 // the server then reports as traced.
 std::vector<const SignalInfo*> chooseSignals(Connection& connection,
@@ -30,14 +37,15 @@ std::vector<const SignalInfo*> chooseSignals(Connection& connection,
 
 // The events between the start and the end label of `options` (signed positions unless options.raw), and the
 // signals traced; `wanted` replaces the server's configuration first. Nothing when interrupted before the end
-// label. Throws ServerError.
+// label; interrupted before the trace flows, the tool ends after `cleanUp` (runInterruptibly). Throws ServerError.
 struct AcquiredEvents {
     SeriesInfo info;  // the traced signals, the server, the labels and when tracing started
     std::vector<oltbTraceEvent> events;
 };
 struct AcquireOptions;
 std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
-                                            const std::optional<std::vector<const SignalInfo*>>& wanted);
+                                            const std::optional<std::vector<const SignalInfo*>>& wanted,
+                                            const std::function<void()>& cleanUp = [] {});
 
 // The events that oltb analyze and oltb report look at: the capture file named by options.input, or with both
 // labels given the events acquired between them from the server it names; head positions as signed numbers.
@@ -48,9 +56,10 @@ std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions&
 // The analysis of `events` for the scan head and the settle band of `options`.
 analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const AnalyzeOptions& options);
 
-// The summary on standard output, or on standard error when CSV went to standard output; the outputs' warnings
-// on standard error.
-void reportResult(const Outputs& outputs, const Summary& summary);
+// Finishes the outputs, then the summary on standard output (on standard error when CSV went to standard output)
+// and the outputs' warnings on standard error. When an output could not be written, the summary names only the
+// outputs that were (nothing at all when none was) and the failure is thrown (OutputError).
+void finishAndReport(Outputs& outputs, const Summary& summary);
 
 // Writes `text` to `path` whole or not at all: into a file beside it, renamed into place. Throws OutputError.
 void writeWholeFile(const std::string& path, const std::string& text);

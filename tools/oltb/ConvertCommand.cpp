@@ -7,7 +7,6 @@
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/Interrupt.h"
 
-#include <filesystem>
 
 namespace oltb::cli {
 
@@ -19,10 +18,7 @@ constexpr std::size_t BatchEvents = 4096;
 
 int runConvert(const ConvertOptions& options) {
     Outputs outputs({options.output});
-    std::error_code unused;
-    if (options.output != "-" && std::filesystem::equivalent(options.input, options.output, unused)) {
-        throw UsageError("output '" + options.output + "' is the capture to read");
-    }
+    outputs.refuseInput(options.input);
     CaptureReader reader(options.input);
     outputs.open();
     try {
@@ -40,8 +36,7 @@ int runConvert(const ConvertOptions& options) {
             }
             outputs.write(batch.data(), count);
         }
-        outputs.finish();
-        reportResult(outputs, summary);
+        finishAndReport(outputs, summary);
         return ExitSuccess;
     } catch (...) {
         outputs.discard();

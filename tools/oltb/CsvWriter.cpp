@@ -1,7 +1,8 @@
 // Times are multiples of 1/64 us, so six decimals print them exactly and the column reads back without loss. A row
 // is put together from integers: the time as whole ticks split into microseconds and a six-digit fraction
 // (k/64 us = k * 15625 millionths), which is exactly what "%.6f" prints for such a number. A time that is no whole
-// number of ticks (which the library never reports) is printed with "%.6f" itself.
+// number of ticks (which the library never reports, but an edited file may hold) is printed in the shortest form
+// that reads back as the same number.
 #include "tools/oltb/CsvWriter.h"
 
 #include "tools/oltb/Signals.h"
@@ -64,8 +65,10 @@ char* CsvWriter::formatRow(const oltbTraceEvent& event, char* place) const {
     const auto type = static_cast<unsigned>(event.Type);
     if (!(std::fabs(ticks) < MaxExactTicks) || ticks != std::trunc(ticks) || type >= _signalColumns.size()) {
         const SignalInfo* signal = findSignalByType(event.Type);
+        char time[40];
+        *std::to_chars(time, time + sizeof(time) - 1, event.Time).ptr = '\0';
         char row[MaxRowBytes];
-        std::snprintf(row, sizeof(row), "%" PRIu64 ",%.6f,%s,%d,%" PRId32 ",%d\n", event.Timestamp, event.Time,
+        std::snprintf(row, sizeof(row), "%" PRIu64 ",%s,%s,%d,%" PRId32 ",%d\n", event.Timestamp, time,
                       signal != nullptr ? signal->name : "unknown", static_cast<int>(event.Type), event.Value,
                       event.Overflow ? 1 : 0);
         const std::size_t length = std::strlen(row);

@@ -1,5 +1,8 @@
 #include "tools/oltb/H5Support.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace oltb::cli::h5 {
 
 namespace {
@@ -13,31 +16,47 @@ herr_t takeInnermost(unsigned position, const H5E_error2_t* error, void* text) {
     return 0;
 }
 
+// The reason on one short line: of a failed system call ("file write failed: time = ..., error message = 'No
+// space left on device', ...") the system's own text.
 std::string reasonOfLastFailure() {
     std::string text;
     H5Ewalk2(H5E_DEFAULT, H5E_WALK_UPWARD, takeInnermost, &text);
     H5Eclear2(H5E_DEFAULT);
+    const std::string systemText = "error message = '";
+    const std::size_t quoted = text.find(systemText);
+    if (quoted != std::string::npos) {
+        const std::size_t begin = quoted + systemText.size();
+        text = text.substr(begin, text.find('\'', begin) - begin);
+    }
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    if (text.size() > 160) {
+        text = text.substr(0, 160) + "...";
+    }
     return text.empty() ? "HDF5 gave no reason" : text;
 }
 
-Handle variableLengthString() {
+constexpr std::size_t LongestText = 65536;
+
+// A fixed-length UTF-8 string type of `size` bytes (at least 1), null-terminated.
+Handle fixedLengthString(std::size_t size) {
     Handle type = checked(H5Tcopy(H5T_C_S1), H5Tclose, "string type");
-    check(H5Tset_size(type.get(), H5T_VARIABLE), "string type");
+    check(H5Tset_size(type.get(), size > 0 ? size : 1), "string type");
+    check(H5Tset_strpad(type.get(), H5T_STR_NULLTERM), "string type");
     check(H5Tset_cset(type.get(), H5T_CSET_UTF8), "string type");
     return type;
 }
 
-// An attribute holding one value of the class expected; reading a list into one value would overrun it.
-Handle openSingleAttribute(hid_t object, const char* name, H5T_class_t expected, const char* kind) {
+// An attribute holding one value of the class expected (reading a list into one value would overrun it), and its
+// type.
+std::pair<Handle, Handle> openSingleAttribute(hid_t object, const char* name, H5T_class_t expected, const char* kind) {
     const std::string what = std::string("attribute ") + name;
     Handle attribute = checked(H5Aopen(object, name, H5P_DEFAULT), H5Aclose, what);
-    const Handle type = checked(H5Aget_type(attribute.get()), H5Tclose, what);
+    Handle type = checked(H5Aget_type(attribute.get()), H5Tclose, what);
     const Handle space = checked(H5Aget_space(attribute.get()), H5Sclose, what);
-    const bool variableText = expected != H5T_STRING || H5Tis_variable_str(type.get()) > 0;
-    if (H5Tget_class(type.get()) != expected || !variableText || H5Sget_simple_extent_npoints(space.get()) != 1) {
+    if (H5Tget_class(type.get()) != expected || H5Sget_simple_extent_npoints(space.get()) != 1) {
         throw Failure(what + " is not " + kind);
     }
-    return attribute;
+    return {std::move(attribute), std::move(type)};
 }
 
 }  // namespace
@@ -62,6 +81,14 @@ bool Handle::close() {
 }
 
 void silenceLibraryErrors() {
+    // HDF5's handler at exit closes the files still open; one whose last writes failed (a full disk) stays open
+    // after H5Fclose failed, and closing it again at exit crashes. Files are closed by their owners, so the handler
+    // has nothing to do. It must be turned off before anything else of HDF5 runs.
+    static const bool once = [] {
+        H5dont_atexit();
+        return true;
+    }();
+    (void)once;
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
 }
 
@@ -92,12 +119,13 @@ void check(herr_t status, const std::string& action) {
 }
 
 void writeAttribute(hid_t object, const char* name, const std::string& value) {
-    const Handle type = variableLengthString();
+    const Handle type = fixedLengthString(value.size());
     const Handle space = checked(H5Screate(H5S_SCALAR), H5Sclose, "attribute space");
     const Handle attribute = checked(H5Acreate2(object, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT),
                                      H5Aclose, std::string("attribute ") + name);
-    const char* text = value.c_str();
-    check(H5Awrite(attribute.get(), type.get(), &text), std::string("attribute ") + name);
+    std::string stored = value;
+    stored.resize(std::max<std::size_t>(value.size(), 1), '\0');
+    check(H5Awrite(attribute.get(), type.get(), stored.data()), std::string("attribute ") + name);
 }
 
 void writeAttribute(hid_t object, const char* name, hid_t fileType, long long value) {
@@ -107,24 +135,40 @@ void writeAttribute(hid_t object, const char* name, hid_t fileType, long long va
     check(H5Awrite(attribute.get(), H5T_NATIVE_LLONG, &value), std::string("attribute ") + name);
 }
 
-std::optional<std::string> readStringAttribute(hid_t object, const char* name) {
+StringAttribute readStringAttribute(hid_t object, const char* name) {
+    StringAttribute found;
     if (H5Aexists(object, name) <= 0) {
-        return std::nullopt;
+        return found;
     }
-    const Handle attribute = openSingleAttribute(object, name, H5T_STRING, "one text");
-    const Handle type = variableLengthString();
-    char* text = nullptr;
-    check(H5Aread(attribute.get(), type.get(), &text), std::string("attribute ") + name);
-    std::string value = text != nullptr ? text : "";
-    H5free_memory(text);
-    return value;
+    found.present = true;
+    const auto [attribute, type] = openSingleAttribute(object, name, H5T_STRING, "one text");
+    if (H5Tis_variable_str(type.get()) != 0) {
+        found.variableLength = true;
+        return found;
+    }
+    const std::size_t size = H5Tget_size(type.get());
+    if (size == 0 || size > LongestText) {
+        throw Failure(std::string("attribute ") + name + " is not a text of at most 64 KiB");
+    }
+    // The text as stored (ASCII or UTF-8: HDF5 converts between neither), with room for the terminating zero.
+    const Handle memoryType = checked(H5Tcopy(type.get()), H5Tclose, "string type");
+    check(H5Tset_size(memoryType.get(), size + 1), "string type");
+    check(H5Tset_strpad(memoryType.get(), H5T_STR_NULLTERM), "string type");
+    std::string text(size + 1, '\0');
+    check(H5Aread(attribute.get(), memoryType.get(), text.data()), std::string("attribute ") + name);
+    text.resize(text.find('\0'));
+    found.text = text;
+    return found;
 }
 
 std::optional<long long> readIntegerAttribute(hid_t object, const char* name) {
     if (H5Aexists(object, name) <= 0) {
         return std::nullopt;
     }
-    const Handle attribute = openSingleAttribute(object, name, H5T_INTEGER, "one whole number");
+    const auto [attribute, type] = openSingleAttribute(object, name, H5T_INTEGER, "one whole number");
+    if (H5Tget_size(type.get()) > sizeof(long long)) {
+        throw Failure(std::string("attribute ") + name + " is wider than 64 bits");
+    }
     long long value = 0;
     check(H5Aread(attribute.get(), H5T_NATIVE_LLONG, &value), std::string("attribute ") + name);
     return value;

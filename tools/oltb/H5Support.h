@@ -38,7 +38,8 @@ private:
     Closer _closer = nullptr;
 };
 
-// Stops HDF5 from printing its error stacks on standard error: the tool reports failures itself.
+// Stops HDF5 from printing its error stacks on standard error (the tool reports failures itself) and from closing
+// files at exit. Called before any other use of HDF5.
 void silenceLibraryErrors();
 
 // File access properties whose metadata cache stays small: a capture's chunk indexes grow without end, and the
@@ -50,13 +51,24 @@ Handle checked(hid_t id, Handle::Closer closer, const std::string& action);
 // Throws Failure("<action>: <reason>") when `status` is negative.
 void check(herr_t status, const std::string& action);
 
-// Scalar attributes: strings are variable-length UTF-8 (Python reads them as str), numbers of the file type given.
+// Scalar attributes: strings are fixed-length UTF-8, stored in the attribute itself (a variable-length string
+// lives in the file's global heap, which a damaged file can turn into a crash or an endless loop of HDF5's
+// reading code); numbers of the file type given.
 void writeAttribute(hid_t object, const char* name, const std::string& value);
 void writeAttribute(hid_t object, const char* name, hid_t fileType, long long value);
 
-// The attribute's value, or nothing when the object has no such attribute. Throws Failure when it has one of
-// another kind (a number where a string belongs, or the other way round).
-std::optional<std::string> readStringAttribute(hid_t object, const char* name);
+// A string attribute as found: absent, a fixed-length string with its text, or a variable-length string (as the
+// first versions of oltb wrote them), whose text is not read.
+struct StringAttribute {
+    bool present = false;
+    bool variableLength = false;
+    std::string text;  // of a fixed-length string
+};
+
+// Throws Failure when the object has an attribute of that name of another kind (a number where a string belongs,
+// or the other way round), or one longer than 64 KiB.
+StringAttribute readStringAttribute(hid_t object, const char* name);
+// The attribute's value, or nothing when the object has no such attribute. Throws Failure as above.
 std::optional<long long> readIntegerAttribute(hid_t object, const char* name);
 
 }  // namespace oltb::cli::h5

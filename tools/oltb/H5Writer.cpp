@@ -14,6 +14,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -171,8 +172,16 @@ struct H5Writer::State {
         return added;
     }
 
-    [[noreturn]] void fail(const h5::Failure& failure) const {
-        throw OutputError("cannot write " + path + ": " + failure.what());
+    // Closes everything and removes the file: after a failed write HDF5 does not promise a readable file, and a
+    // file that reads as no capture at all would only mislead.
+    [[noreturn]] void fail(const h5::Failure& failure) {
+        groupOfType.fill(nullptr);
+        groups.clear();
+        creation.close();
+        access.close();
+        file.close();
+        std::remove(path.c_str());
+        throw OutputError("cannot write " + path + ": " + failure.what() + "; the incomplete file is removed");
     }
 };
 
@@ -281,9 +290,7 @@ void H5Writer::finish() {
         state.groups.clear();
         state.creation.close();
         state.access.close();
-        if (!state.file.close()) {
-            throw h5::Failure("closing the file: the last writes failed");
-        }
+        h5::check(state.file.close() ? 0 : -1, "closing the file");
     } catch (const h5::Failure& failure) {
         state.fail(failure);
     }

@@ -53,14 +53,19 @@ int runConfig(const ConfigOptions& options) {
     } else {
         wanted = parseWantedSignals(options.setSignals);
     }
-    const std::unique_ptr<Connection> connection = connectTo(options.host);
-    if (wanted) {
-        oltbTraceBufferConfig_Struct config;
-        oltbInitConfig(&config);
-        selectOnly(config, *wanted);
-        connection->setConfig(config);
-    }
-    const oltbTraceBufferConfig_Struct config = connection->getConfig();
+    std::unique_ptr<Connection> connection;
+    oltbTraceBufferConfig_Struct config;
+    runInterruptibly(
+        [&] {
+            connection = connectTo(options.host);
+            if (wanted) {
+                oltbInitConfig(&config);
+                selectOnly(config, *wanted);
+                connection->setConfig(config);
+            }
+            config = connection->getConfig();
+        },
+        [] {});
     std::cout << "server " << options.host << ", configuration version " << config.Version << ", "
               << signalsIn(config).size() << " of " << allSignals().size() << " signals traced\n";
     printSignalTable(std::cout, &config, options.allRows);

@@ -44,6 +44,7 @@ bool interruptRequested() {
 
 void ignoreBrokenPipes() {
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 InterruptsBlockedForNewThreads::InterruptsBlockedForNewThreads() {

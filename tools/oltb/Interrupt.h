@@ -11,7 +11,8 @@ void installInterruptHandler();
 
 bool interruptRequested();
 
-// Ignores SIGPIPE, so that a closed pipe on standard output is a write failure the tool reports, not a kill.
+// Ignores SIGPIPE and SIGXFSZ, so that a closed pipe on standard output and a file past the size limit of the
+// process (ulimit -f) are write failures the tool reports, not a kill.
 void ignoreBrokenPipes();
 
 // Blocks SIGINT and SIGTERM in the calling thread while it lives. Threads started meanwhile (the library's

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 
 namespace oltb::cli {
@@ -37,6 +39,16 @@ std::string displayName(const std::string& path) {
     return path == "-" ? "standard output" : path;
 }
 
+// The file a name leads to, if it exists ("-": standard output).
+std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
+    struct stat status {};
+    const int found = path == "-" ? ::fstat(STDOUT_FILENO, &status) : ::stat(path.c_str(), &status);
+    if (found != 0) {
+        return std::nullopt;
+    }
+    return std::pair{status.st_dev, status.st_ino};
+}
+
 }  // namespace
 
 std::optional<OutputFormat> formatOfFileName(const std::string& path) {
@@ -51,6 +63,22 @@ std::optional<OutputFormat> formatOfFileName(const std::string& path) {
         return OutputFormat::H5;
     }
     return std::nullopt;
+}
+
+bool sameFile(const std::string& first, const std::string& second) {
+    const auto firstFile = identityOf(first);
+    const auto secondFile = identityOf(second);
+    if (firstFile || secondFile) {
+        return firstFile == secondFile;
+    }
+    if (first == "-" || second == "-") {
+        return first == second;
+    }
+    std::error_code error;
+    const auto resolved = [&error](const std::string& path) {
+        return std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
+    };
+    return resolved(first) == resolved(second);
 }
 
 OutputFormat outputFormatOf(const std::string& path) {
@@ -70,12 +98,13 @@ Outputs::Outputs(std::vector<std::string> paths) {
         paths.push_back("-");
     }
     for (const std::string& path : paths) {
-        const bool seen = std::any_of(_outputs.begin(), _outputs.end(),
-                                      [&path](const Output& output) { return output.path == path; });
-        if (seen) {
-            throw UsageError("output '" + path + "' is given twice");
+        const auto same = std::find_if(_outputs.begin(), _outputs.end(),
+                                       [&path](const Output& output) { return sameFile(output.path, path); });
+        if (same != _outputs.end()) {
+            throw UsageError(same->path == path ? "output '" + path + "' is given twice"
+                                                : "outputs '" + same->path + "' and '" + path + "' are one file");
         }
-        _outputs.push_back(Output{path, outputFormatOf(path), -1, nullptr, nullptr, nullptr, {}});
+        _outputs.push_back(Output{path, outputFormatOf(path), -1, false, nullptr, nullptr, nullptr, {}});
     }
 }
 
@@ -92,15 +121,38 @@ void Outputs::close(Output& output) {
     }
 }
 
+void Outputs::refuseInput(const std::string& input) const {
+    for (const Output& output : _outputs) {
+        if (sameFile(output.path, input)) {
+            throw UsageError("output '" + displayName(output.path) + "' is the capture to read, " + input);
+        }
+    }
+}
+
 void Outputs::open() {
-    for (Output& output : _outputs) {
-        if (output.path == "-") {
-            continue;
+    std::vector<std::pair<dev_t, ino_t>> opened;
+    try {
+        for (Output& output : _outputs) {
+            if (output.path == "-") {
+                continue;
+            }
+            output.descriptor = ::open(output.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+            if (output.descriptor < 0) {
+                throw OutputError("cannot create " + output.path + ": " + std::strerror(errno));
+            }
+            output.created = true;
+            struct stat status {};
+            if (::fstat(output.descriptor, &status) == 0) {
+                const std::pair file{status.st_dev, status.st_ino};
+                if (std::find(opened.begin(), opened.end(), file) != opened.end()) {
+                    throw UsageError("output '" + output.path + "' is a file named before it");
+                }
+                opened.push_back(file);
+            }
         }
-        output.descriptor = ::open(output.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (output.descriptor < 0) {
-            throw OutputError("cannot create " + output.path + ": " + std::strerror(errno));
-        }
+    } catch (...) {
+        discard();
+        throw;
     }
 }
 
@@ -115,7 +167,8 @@ int Outputs::descriptorOf(const Output& output) {
 void Outputs::checkWritten(Output& output) {
     const int error = output.csv ? output.csv->error() : output.vcd ? output.vcd->error() : 0;
     if (output.failure.empty() && error != 0) {
-        fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(error));
+        fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(error) +
+                         (output.path == "-" || !_begun ? "" : "; it keeps what was written before, up to its last whole line"));
     }
 }
 
@@ -151,8 +204,8 @@ void Outputs::begin(const SeriesInfo& info) {
         }
         checkWritten(output);
     }
-    _begun = true;
     throwIfFailed();
+    _begun = true;
 }
 
 // An output that can no longer be written is left behind; the others go on, so that a closed standard output does
@@ -220,7 +273,7 @@ void Outputs::discardUnbegun() {
 
 void Outputs::discard() {
     for (Output& output : _outputs) {
-        if (output.path == "-") {
+        if (!output.created) {
             continue;
         }
         output.csv.reset();
@@ -228,6 +281,7 @@ void Outputs::discard() {
         output.h5.reset();
         close(output);
         std::remove(output.path.c_str());
+        output.created = false;
     }
 }
 
@@ -246,10 +300,12 @@ std::vector<std::string> Outputs::warnings() const {
     return result;
 }
 
-std::string Outputs::describe() const {
+std::string Outputs::describeComplete() const {
     std::string text;
     for (const Output& output : _outputs) {
-        text += (text.empty() ? "" : ", ") + displayName(output.path);
+        if (output.failure.empty()) {
+            text += (text.empty() ? "" : ", ") + displayName(output.path);
+        }
     }
     return text;
 }

@@ -25,16 +25,25 @@ std::optional<OutputFormat> formatOfFileName(const std::string& path);
 // was built without HDF5.
 OutputFormat outputFormatOf(const std::string& path);
 
+// Whether two names (or "-", standard output) lead to one file: the same device and inode for files that exist
+// (also through symbolic or hard links), the same resolved path for names of files still to be made.
+bool sameFile(const std::string& first, const std::string& second);
+
 class Outputs {
 public:
-    // Checks the names (formats, no name twice); throws UsageError. Opens nothing yet.
+    // Checks the names (formats, no file twice under any name); throws UsageError. Opens nothing yet.
     explicit Outputs(std::vector<std::string> paths);
     ~Outputs();
     Outputs(const Outputs&) = delete;
     Outputs& operator=(const Outputs&) = delete;
 
-    // Creates the files, so that an unwritable path fails before the server is asked for anything.
-    // Throws OutputError.
+    // Throws UsageError when one of the outputs (standard output included) is the file `input`, which the command
+    // reads: writing it would destroy what is read.
+    void refuseInput(const std::string& input) const;
+
+    // Creates the files, so that an unwritable path fails before the server is asked for anything. Throws
+    // OutputError, or UsageError for two names of one file that only showed once created; the files this call
+    // created are removed then.
     void open();
 
     bool csvOnStandardOutput() const;
@@ -52,20 +61,22 @@ public:
     // Removes the files created by open() when nothing was begun (the command failed before it had events).
     void discardUnbegun();
 
-    // Closes and removes every file created by open(), whatever was written (a conversion that failed).
+    // Closes and removes every file created by open(), whatever was written (a conversion that failed); files
+    // not created yet are left alone.
     void discard();
 
     // Warnings of the VCD writers (events moved or skipped), empty when there are none.
     std::vector<std::string> warnings() const;
 
-    // "out/demo.csv, out/demo.vcd" or "standard output".
-    std::string describe() const;
+    // The outputs written completely: "out/demo.csv, out/demo.vcd" or "standard output"; empty when none was.
+    std::string describeComplete() const;
 
 private:
     struct Output {
         std::string path;
         OutputFormat format;
         int descriptor = -1;  // of a created file; -1 for standard output, and for HDF5 once begun
+        bool created = false; // by open(): removed by discard()
         std::unique_ptr<CsvWriter> csv;
         std::unique_ptr<VcdWriter> vcd;
         std::unique_ptr<H5Writer> h5;

@@ -18,7 +18,7 @@ int runReport(const ReportOptions& options) {
     if (!report::pageAvailable()) {
         report::renderPage({}, {});  // throws the reason
     }
-    if (!input.startGiven && options.output == input.input) {
+    if (!input.startGiven && sameFile(options.output, input.input)) {
         throw UsageError("the report would replace its own capture " + input.input);
     }
     const std::optional<std::vector<oltbTraceEvent>> events = eventsToAnalyze(input);
@@ -38,7 +38,7 @@ int runReport(const ReportOptions& options) {
                            report::pageData(events->data(), events->size(), result, page));
     writeWholeFile(options.output, html);
     std::cout << "report of " << events->size() << " events written to " << options.output << " (" << html.size()
-              << " bytes); open it in a browser" << std::endl;
+              << " bytes); open it in a browser\n";
     return ExitSuccess;
 }
 

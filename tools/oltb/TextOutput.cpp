@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace oltb::cli {
 
@@ -24,7 +25,8 @@ TextOutput::TextOutput(int descriptor)
       _everyCall(!isRegularFile(descriptor)),
       _buffer(new char[BufferBytes]),
       _next(_buffer.get()),
-      _end(_buffer.get() + BufferBytes) {}
+      _end(_buffer.get() + BufferBytes),
+      _regularFile(!_everyCall) {}
 
 TextOutput::TextOutput(std::ostream& stream)
     : _stream(&stream),
@@ -51,8 +53,16 @@ void TextOutput::send(const char* bytes, std::size_t size) {
         if (written < 0) {
             if (errno == EINTR) continue;
             _error = errno;
+            if (_regularFile && ::ftruncate(_descriptor, static_cast<off_t>(_completeLines)) != 0) {
+                // The file keeps its cut line; the write's own error is the one reported.
+            }
             return;
         }
+        const void* lineEnd = ::memrchr(bytes, '\n', static_cast<std::size_t>(written));
+        if (lineEnd != nullptr) {
+            _completeLines = _written + static_cast<std::uint64_t>(static_cast<const char*>(lineEnd) - bytes) + 1;
+        }
+        _written += static_cast<std::uint64_t>(written);
         bytes += written;
         size -= static_cast<std::size_t>(written);
     }

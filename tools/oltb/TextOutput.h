@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <ostream>
@@ -54,7 +55,7 @@ public:
     void flush() { handOver(); }
 
     // errno of the first write that failed (EIO for a stream), 0 while none did. After a failure the rest is
-    // dropped.
+    // dropped, and a regular file is cut back to its last complete line, so that it holds whole rows only.
     int error() const { return _error; }
 
 private:
@@ -68,6 +69,9 @@ private:
     char* _next;
     char* _end;
     int _error = 0;
+    bool _regularFile = false;
+    std::uint64_t _written = 0;       // bytes the file took
+    std::uint64_t _completeLines = 0; // of which whole lines
 };
 
 }  // namespace oltb::cli

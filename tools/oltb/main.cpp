@@ -7,7 +7,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
 #include <cstdlib>
 #include <exception>
 
@@ -29,7 +33,8 @@ repeated: one series, every file. Ctrl-C ends a capture with complete files, HDF
 --signals replaces the server's configuration, also for the clients that come after.
 Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
 timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
-after | head, ends quietly with 4), 1 unexpected failure of the tool itself.)";
+after | head, ends quietly with 4), 130 Ctrl-C before the trace flowed (nothing written), 1 unexpected failure
+of the tool itself.)";
 
 // A positive, finite number of `unit`, at most `most` ("nan", "inf", "0" and "abc" are refused).
 CLI::Validator positiveNumberOf(const std::string& unit, double most = 1e12) {
@@ -112,9 +117,24 @@ LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
     return labels;
 }
 
-}  // namespace
+// Every write to standard output counts: when one failed (a full disk, a closed pipe behind it), a command that
+// otherwise succeeded ends with the output error code, quietly for a closed pipe.
+int checkStandardOutput(int code) {
+    std::cout.flush();
+    errno = 0;
+    const bool flushed = std::fflush(stdout) == 0;
+    const int error = errno;
+    if (code != ExitSuccess || (flushed && std::cout && !std::ferror(stdout))) {
+        return code;
+    }
+    if (error != EPIPE) {
+        printError(std::string("cannot write to standard output") + (error != 0 ? ": " + std::string(std::strerror(error)) : ""));
+    }
+    return ExitOutput;
+}
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
+
     CLI::App app{"oltb: trace signals of a laser scan controller card through its trace buffer server (port 9495)",
                  "oltb"};
     app.set_version_flag("--version", std::string("oltb ") + OLTB_TOOL_VERSION);
@@ -292,4 +312,10 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
         printError(std::string("unexpected failure: ") + error.what());
         return ExitUnexpected;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return checkStandardOutput(run(argc, argv));
 }

@@ -21,13 +21,15 @@ std::string pack(const std::vector<Number>& values, double scale, double offset)
     for (;; scale /= 2) {
         double sum = 0;  // whole numbers, exact in a double up to 2^53
         bool fits = true;
-        for (std::size_t i = 0; i < values.size() && fits; ++i) {
-            if (!std::isfinite(static_cast<double>(values[i]))) {
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            const double value = static_cast<double>(values[i]);
+            const double whole = std::round((value - offset) * scale);
+            if (!std::isfinite(whole) || !(std::abs(whole - sum) <= LargestDifference)) {
+                // No value; or one too far from the one before at this scale, a gap if no scale fits it.
+                fits = fits && !std::isfinite(value);
                 differences[i] = GapMark;
                 continue;
             }
-            const double whole = std::round((static_cast<double>(values[i]) - offset) * scale);
-            fits = std::abs(whole - sum) <= LargestDifference;
             differences[i] = static_cast<std::int32_t>(whole - sum);
             sum = whole;
         }

@@ -146,9 +146,17 @@ std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, doub
         return "[]";
     }
     const double spacing = std::max(analysis::typicalSpacing(clock->t), 1e-3);
+    // Finer grids than a few columns per sample of the densest series show nothing more, however long the trace
+    // lasts: a long pause (a label an hour after 20 ms of positions) must not make grids of a hundred million
+    // columns. So work and memory follow the number of samples, not the span of time.
+    std::size_t densest = 0;
+    for (const NamedSeries& named : shown) {
+        densest = std::max(densest, named.series->size());
+    }
+    const std::size_t mostColumns = std::max(OverviewColumns, GridRefinement * densest);
     std::string levels;
-    for (std::size_t columns = OverviewColumns; durationUs / static_cast<double>(columns) > 2 * spacing ||
-                                                levels.empty();
+    for (std::size_t columns = OverviewColumns;
+         levels.empty() || (durationUs / static_cast<double>(columns) > 2 * spacing && columns <= mostColumns);
          columns *= GridRefinement) {
         const double columnUs = durationUs / static_cast<double>(columns);
         std::string level = std::string(levels.empty() ? "" : ",") + "\n {\"start\": " + number(startUs) +
