@@ -104,7 +104,7 @@ test-valgrind: build
 	cd build/release/tests/client && $(VALGRIND) ./oltb_trace_buffer_client_test
 
 # Fuzzing with clang and libFuzzer in build/fuzz: `make fuzz` runs each target for FUZZ_SECONDS (60); `make
-# fuzz-ci` runs them for 57 s together, the decoding path and the .h5 reader longest. Figures and failing inputs:
+# fuzz-ci` runs them for 67 s together, the decoding path and the .h5 reader longest. Figures and failing inputs:
 # fuzz/run.sh.
 FUZZ_SECONDS ?= 60
 fuzz-build:
@@ -116,8 +116,8 @@ fuzz: fuzz-build
 	@bash fuzz/run.sh $(FUZZ_SECONDS)
 
 fuzz-ci: fuzz-build
-	@bash fuzz/run.sh trace_stream_fuzzer=12 response_frame_fuzzer=4 config_payload_fuzzer=4 capture_csv_fuzzer=8 \
-		capture_h5_fuzzer=12 job_file_fuzzer=4 replay_fuzzer=8 sim_command_fuzzer=5
+	@bash fuzz/run.sh trace_stream_fuzzer=12 response_frame_fuzzer=4 config_payload_fuzzer=4 analysis_fuzzer=10 \
+		capture_csv_fuzzer=8 capture_h5_fuzzer=12 job_file_fuzzer=4 replay_fuzzer=8 sim_command_fuzzer=5
 
 # Mutation check of the test suite: every slip listed in scripts/mutants.txt is built alone in a scratch copy
 # (build/mutants, kept for the next run) and run against the suite until its first failure. Prints the mutants no

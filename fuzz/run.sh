@@ -6,7 +6,7 @@
 # per target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-all="trace_stream_fuzzer response_frame_fuzzer config_payload_fuzzer capture_csv_fuzzer capture_h5_fuzzer
+all="trace_stream_fuzzer response_frame_fuzzer config_payload_fuzzer analysis_fuzzer capture_csv_fuzzer capture_h5_fuzzer
      job_file_fuzzer replay_fuzzer sim_command_fuzzer"
 runs=()
 if [ $# -le 1 ] && [[ "${1:-60}" =~ ^[0-9]+$ ]]; then
