@@ -253,7 +253,7 @@
     const unsettled = present.filter((j) => !j.settled);
     return 'settled ' + settled.length + ' of ' + present.length +
       (settled.length ? ', after ' + range(settled.map((j) => j.settle_us)) : '') +
-      (unsettled.length ? '; the others ' + range(unsettled.map((j) => j.distance_at_next * smallScale)).replace(/ µs$/, ' ' + smallUnit) +
+      (unsettled.length ? (settled.length ? '; the others ' : '; ') + range(unsettled.map((j) => j.distance_at_next * smallScale)).replace(/ µs$/, ' ' + smallUnit) +
         ' off at the next motion, needing ' + range(unsettled.map((j) => (known(j.predicted_settle_us) ? j.predicted_settle_us : j.at_least_us))) : '') +
       '; jump delay ' + range(present.map((j) => j.delay_us));
   }
