@@ -146,7 +146,6 @@ std::string sideJson(const CompareSide& side, const std::vector<std::size_t>& ma
                ", \"rounding\": " + jsonNumber(c.rounding) + ", \"edge_dose\": " + jsonNumber(c.edgeDose) + "}";
     });
     return "{\"source\": " + jsonString(side.source) + ", \"events\": " + std::to_string(side.count) +
-           ", \"durationUs\": " + jsonNumber(r.durationUs) +
            ", \"startUs\": " + jsonNumber(side.count > 0 ? side.events[0].Time : 0.0) + ",\n  \"counts\": [" +
            std::to_string(r.marks.size()) + ", " + std::to_string(r.jumps.size()) + ", " +
            std::to_string(r.corners.size()) + "],\n  \"settings\": " + analysis::settingsJson(r.settings) +

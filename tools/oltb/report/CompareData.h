@@ -11,7 +11,7 @@
 //    "better", "worse" (counted over every figure),
 //    "marks": {"pairs": n, "shown": [[b, a], ...]}, "corners": {"pairs": n, "shown": [[b, a], ...]},
 //    "jumps": {"pairs": n, "groups": [{"length", "pairs": n, "shown": [[b, a], ...]}], "groupCount"},
-//    "before", "after": {"source", "events", "durationUs", "startUs", "settings" (as oltb analyze --json has them),
+//    "before", "after": {"source", "events", "startUs", "settings" (as oltb analyze --json has them),
 //      "counts": [marks, jumps, corners], "marks": [MARK], "jumps": [JUMP], "corners": [CORNER] (the shown ones),
 //      "markCloseUps", "jumpCloseUps", "cornerCloseUps"}}
 //   MARK = {"index", "start_us", "speed", "start_missing", "end_missing", "speed_at_on", "speed_at_off",

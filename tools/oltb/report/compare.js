@@ -28,7 +28,7 @@
     const byIndex = (list, key) => new Map(list.map((item) => [item[key], item]));
     const edge = (e) => e && Object.assign({}, e, { mirror: unpackSamples(e.mirror), command: unpackSamples(e.command) });
     return {
-      name: name, color: color, source: side.source, startUs: side.startUs,
+      name: name, color: color, source: side.source, events: side.events, startUs: side.startUs,
       marks: byIndex(side.marks, 'index'), jumps: byIndex(side.jumps, 'index'), corners: byIndex(side.corners, 'index'),
       markCloseUps: new Map(side.markCloseUps.map((c) => [c.mark, { start: edge(c.start), end: edge(c.end) }])),
       jumpCloseUps: new Map(side.jumpCloseUps.filter((c) => c.t).map((c) => [c.jump,
@@ -356,8 +356,8 @@
     fillEdges();
     fillJumps();
     fillCorners();
-    byId('made-by').textContent = 'Made by ' + data.tool + ' compare from ' + sides[0].source + ' and ' +
-      sides[1].source + '.';
+    byId('made-by').textContent = 'Made by ' + data.tool + ' compare from ' + sides.map((side) => side.source + ' (' +
+      side.events.toLocaleString('en') + ' events)').join(' and ') + '. The figures come from every event.';
     window.addEventListener('resize', redrawAll);
     // Paper is narrower than a screen: every close-up is drawn again at the width of the page as printed, and back after.
     const printed = (on) => { OltbPage.setPrinting(on); document.body.classList.toggle('printing', on); redrawAll(); };
