@@ -1,7 +1,8 @@
 // The report page's thinning: the envelope of every column survives, the path keeps the laser's edges, and a long
 // trace stays within the page's budget while a short one keeps every sample. The close-ups go to the marks and
-// jumps that came out worst, and only so many.
+// jumps that came out worst, and only so many; so do those of the comparison page.
 #include "analysis/SyntheticTrace.h"
+#include "tools/oltb/report/CompareData.h"
 #include "tools/oltb/report/PageData.h"
 #include "tools/oltb/report/PageDetails.h"
 
@@ -13,6 +14,12 @@
 namespace {
 
 using namespace oltb;
+
+std::size_t count(const std::string& page, const std::string& text) {
+    std::size_t found = 0;
+    for (std::size_t at = page.find(text); at != std::string::npos; at = page.find(text, at + 1)) ++found;
+    return found;
+}
 
 TEST(PageData, ColumnsKeepTheirExtremesInTheOrderTheyCame) {
     analysis::Series series;
@@ -99,15 +106,29 @@ TEST(PageData, CloseUpsGoToSoManyMarksAndJumps) {
     report::PageOptions options;
     options.closeUps = 3;
     const std::string page = report::pageData(events.data(), events.size(), result, options);
-    const auto count = [&page](const std::string& text) {
-        std::size_t found = 0;
-        for (std::size_t at = page.find(text); at != std::string::npos; at = page.find(text, at + 1)) ++found;
-        return found;
-    };
     ASSERT_GT(result.marks.size(), 3u);
-    EXPECT_EQ(count("\"start\": {\"gate_us\": "), 3u);
-    EXPECT_EQ(count("\"end\": {\"gate_us\": "), 3u);
-    EXPECT_EQ(count("\"next_us\": "), 3u);
+    EXPECT_EQ(count(page, "\"start\": {\"gate_us\": "), 3u);
+    EXPECT_EQ(count(page, "\"end\": {\"gate_us\": "), 3u);
+    EXPECT_EQ(count(page, "\"next_us\": "), 3u);
+}
+
+TEST(ComparePage, LongCapturesGiveCloseUpsOfSoManyPairsAndSayHowManyThereAre) {
+    analysis::SyntheticSettings settings;
+    settings.repeats = 40;
+    const std::vector<oltbTraceEvent> before = analysis::syntheticTrace(settings, analysis::exampleJob());
+    settings.laserOnOffsetUs = 40;
+    const std::vector<oltbTraceEvent> after = analysis::syntheticTrace(settings, analysis::exampleJob());
+    const analysis::Result b = analysis::analyze(before), a = analysis::analyze(after);
+    const analysis::Comparison comparison = analysis::compare(b, a);
+    report::ComparePageOptions options;
+    options.marks = 5;
+    const std::string page = report::compareData({before.data(), before.size(), &b, "before"},
+                                                 {after.data(), after.size(), &a, "after"}, comparison, options);
+    ASSERT_EQ(comparison.marks.size(), 120u);
+    EXPECT_NE(page.find("\"marks\": {\"pairs\": 120, "), std::string::npos);
+    EXPECT_EQ(count(page, "\"start\": {\"gate_us\": "), 2 * options.marks);  // each pair on both sides
+    EXPECT_EQ(count(page, "\"next_us\": "), 2 * options.jumpsPerLength * 3) << "three lengths of jumps";
+    EXPECT_LT(page.size(), 100'000u);
 }
 
 // 20 ms of positions and a label a minute later: the grids stop at a few columns per sample, so that the page is

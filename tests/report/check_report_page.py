@@ -8,8 +8,9 @@ checks it; with --page: checks that page. Checked: no script error and no consol
 ticks and no two of its texts overlap; in a screenshot every view has lines, the XY path with the laser on and off;
 printed to PDF at once (as a browser prints it), the plots are there. With the simulator also: the positions the
 page unpacked span exactly the range of a capture of the same job by oltb acquire. --screenshot keeps the
-screenshot (docs/report.png). Exit 0 passed, 1 failed, 77 skipped (no chromium). Every run of a program is
-bounded in time.
+screenshot (docs/report.png). With --compare: the page of oltb compare of two simulator captures (or --page),
+checked the same way, and each close-up holds both traces. Exit 0 passed, 1 failed, 77 skipped (no chromium).
+Every run of a program is bounded in time.
 """
 import argparse, glob, json, os, re, shutil, struct, subprocess, sys, tempfile, time, zlib
 
@@ -123,6 +124,15 @@ def printed(work, page):
     return totals
 
 
+def views_drawn(work, page, verdict, screenshot):
+    """The pixels of each view (colours) in a screenshot of the whole page."""
+    shot = screenshot or os.path.join(work, 'page.png')
+    chromium(work, '--virtual-time-budget=5000', '--screenshot=' + shot, 'file://' + os.path.abspath(page),
+             window=(WINDOW[0], min(verdict['height'], 8000)))
+    step, rows = pixels(shot)
+    return [(name, colours(step, rows, box)) for name, box in sorted(verdict['boxes'].items())]
+
+
 def check(work, page, screenshot, ranges):
     failures = []
     started = time.monotonic()
@@ -147,13 +157,9 @@ def check(work, page, screenshot, ranges):
     if zoomed.get('inView') != 'samples':
         failures.append('zoomed to 1 ms the plots do not show the samples: %r' % zoomed.get('inView'))
     failures += ['as wide as paper, ' + failure for failure in texts(zoomed.get('views', {}))]
-    shot = screenshot or os.path.join(work, 'page.png')
-    chromium(work, '--virtual-time-budget=5000', '--screenshot=' + shot, 'file://' + os.path.abspath(page),
-             window=(WINDOW[0], min(verdict['height'], 8000)))
-    step, rows = pixels(shot)
-    for name, box in sorted(verdict['boxes'].items()):
-        strong, red, blue = colours(step, rows, box)
+    for name, (strong, red, blue) in views_drawn(work, page, verdict, screenshot):
         print('%-16s %7d drawn pixels, %6d red, %6d blue' % (name, strong, red, blue))
+        box = verdict['boxes'][name]
         if strong < (300 if box[2] * box[3] > 100000 else 100) or (name == 'xy' and (red < 300 or blue < 100)):
             failures.append('%s looks blank in the screenshot (%d drawn, %d red, %d blue)' % (name, strong, red, blue))
     on_paper = printed(work, page)
@@ -165,26 +171,18 @@ def check(work, page, screenshot, ranges):
     return failures
 
 
-def simulator_page(work, tool, simulator, address):
-    """The page of the simulator's job, made by oltb report from the server itself."""
+def served(work, simulator, address, options, commands):
+    """Runs `commands` (lists of arguments) while the simulator serves its job with `options`."""
     log = open(os.path.join(work, 'simulator.out'), 'w+')
-    server = subprocess.Popen([simulator, '--address', address], stdout=log, stderr=subprocess.STDOUT)
+    server = subprocess.Popen([simulator, '--address', address, *options], stdout=log, stderr=subprocess.STDOUT)
     try:
         deadline = time.monotonic() + 10
         while 'listening on' not in open(log.name).read():
             if time.monotonic() > deadline or server.poll() is not None:
                 raise RuntimeError('the simulator did not start: ' + open(log.name).read())
             time.sleep(0.1)
-        page, capture = os.path.join(work, 'job.html'), os.path.join(work, 'job.csv')
-        for command, output in (('report', page), ('acquire', capture)):
-            subprocess.run([tool, command, address, '--start', '1', '--end', '2', '--signals', SIGNALS, '--timeout',
-                            '5', '--max-wait', '30', '-q', '-o', output], check=True, timeout=60, stdout=subprocess.DEVNULL)
-        ranges = {}
-        for row in open(capture).read().splitlines()[1:]:
-            signal, value = row.split(',')[2], int(row.split(',')[4])
-            low, high = ranges.get(signal, (value, value))
-            ranges[signal] = (min(low, value), max(high, value))
-        return page, ranges
+        for command in commands:
+            subprocess.run(command, check=True, timeout=60, stdout=subprocess.DEVNULL)
     finally:
         server.terminate()
         try:
@@ -194,6 +192,55 @@ def simulator_page(work, tool, simulator, address):
             server.wait(timeout=5)
 
 
+def simulator_page(work, tool, simulator, address):
+    """The page of the simulator's job, made by oltb report from the server itself."""
+    page, capture = os.path.join(work, 'job.html'), os.path.join(work, 'job.csv')
+    served(work, simulator, address, [], [[tool, command, address, '--start', '1', '--end', '2', '--signals', SIGNALS,
+                                           '--timeout', '5', '--max-wait', '30', '-q', '-o', output]
+                                          for command, output in (('report', page), ('acquire', capture))])
+    ranges = {}
+    for row in open(capture).read().splitlines()[1:]:
+        signal, value = row.split(',')[2], int(row.split(',')[4])
+        low, high = ranges.get(signal, (value, value))
+        ranges[signal] = (min(low, value), max(high, value))
+    return page, ranges
+
+
+def compare_page(work, tool, simulator, address):
+    """The page of oltb compare: the simulator's job traced with its delays, then with others."""
+    captures = [os.path.join(work, name) for name in ('before.csv', 'after.csv')]
+    changed = '--laser-on-delay-us 283 --jump-delay-us 1300 --polygon-delay-us 0'.split()
+    for capture, options in zip(captures, ([], changed)):
+        served(work, simulator, address, options,
+               [[tool, 'acquire', address, '--start', '1', '--end', '2', '--signals', SIGNALS, '-q', '-o', capture]])
+    page = os.path.join(work, 'compare.html')
+    subprocess.run([tool, 'compare', *captures, '-o', page], check=True, timeout=60, stdout=subprocess.DEVNULL)
+    return page
+
+
+def check_compare(work, page, screenshot):
+    """The comparison page as the report page is checked, and every close-up with both traces in it."""
+    failures = []
+    for window in (PAPER, WINDOW):
+        verdict, console = load(work, page, window=window)
+        failures += ['console: ' + line for line in console] + ['script error: ' + e for e in verdict.get('errors', [])]
+        if verdict.get('state') != 'drawn':
+            return failures + ['the page did not draw: %r' % verdict]
+        failures += ['%d pixels wide, %s' % (window[0], failure) for failure in texts(verdict['views'])]
+    for view in ('edge-start', 'edge-end', 'jumps', 'corner'):
+        if not any(name.startswith(view + '-') and v['points'] > 0 for name, v in verdict['views'].items()):
+            failures.append(view + ' was not drawn')
+    for name, (strong, after, before) in views_drawn(work, page, verdict, screenshot):  # orange counts as red
+        print('%-16s %7d drawn pixels, %6d after, %6d before' % (name, strong, after, before))
+        if after < 80 or before < 80:
+            failures.append('%s lacks a trace in the screenshot (%d after, %d before)' % (name, after, before))
+    on_paper = printed(work, page)
+    print('printed at once: %s drawn pixels, after, before' % (on_paper or 'not checked (no pdftoppm)'))
+    if on_paper and (on_paper[1] < 3000 or on_paper[2] < 3000):  # blank: about 1,800 and 2,100
+        failures.append('the page printed at once has blank plots: %r drawn, after, before pixels' % on_paper)
+    return failures
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument('--page')
@@ -201,14 +248,19 @@ def main():
     parser.add_argument('--simulator')
     parser.add_argument('--address', default='127.0.4.14')
     parser.add_argument('--screenshot')
+    parser.add_argument('--compare', action='store_true', help='the page of oltb compare instead')
     options = parser.parse_args()
     if subprocess.run(['sh', '-c', 'command -v chromium'], capture_output=True).returncode != 0:
         print('skipped: chromium is not installed (scripts/setup.sh build installs it)')
         return 77
     with tempfile.TemporaryDirectory() as work:
-        page, ranges = (options.page, None) if options.page else simulator_page(
-            work, options.tool, options.simulator, options.address)
-        failures = check(work, page, options.screenshot, ranges)
+        if options.compare:
+            page = options.page or compare_page(work, options.tool, options.simulator, options.address)
+            failures = check_compare(work, page, options.screenshot)
+        else:
+            page, ranges = (options.page, None) if options.page else simulator_page(
+                work, options.tool, options.simulator, options.address)
+            failures = check(work, page, options.screenshot, ranges)
     for failure in failures:
         print('FAIL: ' + failure)
     return 1 if failures else 0

@@ -64,6 +64,7 @@ struct CompareOptions {
     std::string after;        // empty: the same capture as before, in other label windows
     std::vector<unsigned> beforeLabels, afterLabels;  // START END of the window to take, or empty: all of it
     bool json = false;
+    std::string output;       // the comparison page to write, or empty: none
 };
 
 struct ConvertOptions {

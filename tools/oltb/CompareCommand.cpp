@@ -1,14 +1,17 @@
 // "oltb compare": two traces of a head, before and after a change, side by side (the analysis library's
 // comparison). Each trace is a capture file, or a window between two labels of one; the two may be windows of the
-// same capture.
+// same capture. With -o the comparison also goes to a page (tools/oltb/report/), written whole or not at all.
 #include "analysis/Comparison.h"
 #include "analysis/Repeats.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
+#include "tools/oltb/report/CompareData.h"
+#include "tools/oltb/report/Page.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <iostream>
 
 namespace oltb::cli {
 
@@ -44,13 +47,38 @@ int runCompare(const CompareOptions& options) {
     if (options.after.empty() && (options.beforeLabels.empty() || options.afterLabels.empty())) {
         throw UsageError("comparing two windows of one capture needs --before-labels and --after-labels");
     }
-    const analysis::Result before = analyzeEvents(sideOf(options, options.before, options.beforeLabels), options.analysis);
-    const analysis::Result after = analyzeEvents(sideOf(options, afterPath, options.afterLabels), options.analysis);
+    if (!options.output.empty()) {
+        if (!report::pageAvailable()) {
+            report::renderComparePage({}, {});  // throws the reason
+        }
+        if (options.output == options.before || options.output == afterPath) {
+            throw UsageError("the page would replace its own capture " + options.output);
+        }
+    }
+    const std::vector<oltbTraceEvent> beforeEvents = sideOf(options, options.before, options.beforeLabels);
+    const std::vector<oltbTraceEvent> afterEvents = sideOf(options, afterPath, options.afterLabels);
+    const analysis::Result before = analyzeEvents(beforeEvents, options.analysis);
+    const analysis::Result after = analyzeEvents(afterEvents, options.analysis);
     const analysis::Comparison comparison = analysis::compare(before, after);
-    const std::string text =
-        options.json ? analysis::toJson(comparison, before, after)
-                     : analysis::toSummary(comparison, describe(options.before, options.beforeLabels),
-                                           describe(afterPath, options.afterLabels), options.analysis.unitsPerMm);
+    const std::string beforeName = describe(options.before, options.beforeLabels);
+    const std::string afterName = describe(afterPath, options.afterLabels);
+    if (!options.output.empty()) {
+        report::ComparePageOptions page;
+        page.unitsPerMm = options.analysis.unitsPerMm;
+        const std::string html = report::renderComparePage(
+            "oltb compare: " + beforeName + " and " + afterName,
+            report::compareData({beforeEvents.data(), beforeEvents.size(), &before, beforeName},
+                                {afterEvents.data(), afterEvents.size(), &after, afterName}, comparison, page));
+        writeWholeFile(options.output, html);
+        if (!options.json) {
+            std::cout << "comparison written to " << options.output << " (" << html.size()
+                      << " bytes); open it in a browser" << std::endl;
+            return ExitSuccess;
+        }
+    }
+    const std::string text = options.json ? analysis::toJson(comparison, before, after)
+                                          : analysis::toSummary(comparison, beforeName, afterName,
+                                                                options.analysis.unitsPerMm);
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
         throw OutputError("cannot write to standard output", errno == EPIPE);
     }

@@ -239,11 +239,17 @@ int run(int argc, char** argv) {
     compareCommand->add_option("--units-per-mm", compare.analysis.unitsPerMm, "as for analyze")
         ->check(positiveNumberOf("units"));
     compareCommand->add_flag("--json", compare.json, "one JSON object: the changes and both analyses in full");
+    compareCommand->add_option("-o,--output", compare.output,
+                               "also write the comparison as a page to open in a browser, e.g. compare.html: the "
+                               "figures, and before and after drawn over each other at each mark's start and end, "
+                               "each jump length's settling and each corner");
     compareCommand->footer(
         "Marks, jumps and corners are paired by their commanded points, so the traces need not start at the same\n"
         "time; a job that differs is said so and only the pairs are compared.\n"
-        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 4 a capture that cannot be read,\n"
-        "1 unexpected failure of the tool itself.");
+        "With -o the summary gives way to the page (--json still prints). The page holds the close-ups of the marks\n"
+        "and corners that changed most and a few jumps of each length, so long captures give a page of bounded size.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 4 a capture that cannot be read\n"
+        "or a page that cannot be written, 1 unexpected failure of the tool itself.");
 
     ConvertOptions convert;
     CLI::App* convertCommand =

@@ -1,8 +1,10 @@
-// Fills the page's template: the placeholders stand where the style, the scripts and the data go, each once.
+// Fills the pages' templates: the placeholders stand where the style, the scripts and the data go, each once.
 #include "tools/oltb/report/Page.h"
 
+#include <initializer_list>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace oltb::report {
 
@@ -10,6 +12,9 @@ namespace oltb::report {
 extern const char pageTemplate[];
 extern const char pageStyle[];
 extern const char pageScript[];
+extern const char commonScript[];
+extern const char compareTemplate[];
+extern const char compareScript[];
 extern const char chartStyle[];
 extern const char chartScript[];
 
@@ -52,6 +57,17 @@ std::string escapedHtml(const std::string& text) {
     return out;
 }
 
+// The placeholders stand in the template in the order given, and each is looked for after the text filled in
+// before it, so that nothing inside a script or the data can be taken for one.
+std::string filled(const char* pageTemplate, std::initializer_list<std::pair<std::string_view, std::string>> texts) {
+    std::string page = pageTemplate;
+    std::size_t from = 0;
+    for (const auto& [placeholder, text] : texts) {
+        fill(page, from, placeholder, text);
+    }
+    return page;
+}
+
 }  // namespace
 
 bool pageAvailable() {
@@ -59,17 +75,21 @@ bool pageAvailable() {
 }
 
 std::string renderPage(const std::string& title, const std::string& data) {
-    std::string page = pageTemplate;
-    // The placeholders stand in the template in this order, and each is looked for after the text filled in
-    // before it, so that nothing inside a script or the data can be taken for one.
-    std::size_t from = 0;
-    fill(page, from, "@TITLE@", escapedHtml(title));
-    fill(page, from, "/*@CHART_STYLE@*/", withoutSourceMap(chartStyle));
-    fill(page, from, "/*@STYLE@*/", pageStyle);
-    fill(page, from, "/*@CHART_SCRIPT@*/", withoutSourceMap(chartScript));
-    fill(page, from, "/*@DATA@*/", data);
-    fill(page, from, "/*@SCRIPT@*/", pageScript);
-    return page;
+    return filled(pageTemplate, {{"@TITLE@", escapedHtml(title)},
+                                 {"/*@CHART_STYLE@*/", withoutSourceMap(chartStyle)},
+                                 {"/*@STYLE@*/", pageStyle},
+                                 {"/*@CHART_SCRIPT@*/", withoutSourceMap(chartScript)},
+                                 {"/*@COMMON_SCRIPT@*/", commonScript},
+                                 {"/*@DATA@*/", data},
+                                 {"/*@SCRIPT@*/", pageScript}});
+}
+
+std::string renderComparePage(const std::string& title, const std::string& data) {
+    return filled(compareTemplate, {{"@TITLE@", escapedHtml(title)},
+                                    {"/*@STYLE@*/", pageStyle},
+                                    {"/*@COMMON_SCRIPT@*/", commonScript},
+                                    {"/*@DATA@*/", data},
+                                    {"/*@SCRIPT@*/", compareScript}});
 }
 
 }  // namespace oltb::report

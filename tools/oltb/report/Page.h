@@ -1,6 +1,7 @@
-// The report page: one HTML file that a browser opens from disk, with no network and no server. The charting
-// library (dygraphs, from Debian's libjs-dygraphs), the page's own script and style and the trace's data are all
-// inside it.
+// The pages of oltb: each one HTML file that a browser opens from disk, with no network and no server. The report
+// page holds the charting library (dygraphs, from Debian's libjs-dygraphs), the scripts and style of the pages and
+// the trace's data; the comparison page (oltb compare -o) the same but for the charting library, which it does not
+// use.
 #pragma once
 
 #include <string>
@@ -13,5 +14,8 @@ bool pageAvailable();
 
 // The page around `data` (from pageData). Throws UsageError when !pageAvailable().
 std::string renderPage(const std::string& title, const std::string& data);
+
+// The comparison page around `data` (from compareData). Throws UsageError when !pageAvailable().
+std::string renderComparePage(const std::string& title, const std::string& data);
 
 }  // namespace oltb::report

@@ -14,4 +14,8 @@ std::string renderPage(const std::string&, const std::string&) {
     throw cli::UsageError("this oltb was built without its report page (install libjs-dygraphs and build again)");
 }
 
+std::string renderComparePage(const std::string& title, const std::string& data) {
+    return renderPage(title, data);
+}
+
 }  // namespace oltb::report

@@ -171,4 +171,17 @@ std::string jumpCloseUps(const analysis::Result& result, const analysis::Path& c
     });
 }
 
+std::string cornerCloseUps(const analysis::Result& result, const analysis::Path& commanded,
+                           const analysis::Path& mirror, const std::vector<std::size_t>& which) {
+    const double lag = result.pathTrackingErrorUs.value_or(DefaultLagUs);
+    return listOf(which, which.size(), [&](std::size_t i) {
+        const analysis::Corner& corner = result.corners[i];
+        const double from = corner.atUs - 2 * lag;
+        const double to = corner.atUs + corner.delayUs + 3 * lag;
+        return "{\"corner\": " + std::to_string(i) + ", \"at_us\": " + number(corner.atUs) + ", \"point\": [" +
+               number(corner.x) + ", " + number(corner.y) + "],\n    \"mirror\": " + samplesJson(mirror, from, to) +
+               ",\n    \"command\": " + samplesJson(commanded, from, to) + "}";
+    });
+}
+
 }  // namespace oltb::report

@@ -10,6 +10,7 @@
 //     "mirror": {"t", "x", "y"}, "command": {"t", "x", "y"}}
 //   jump close-up: {"jump": i, "end_us", "next_us" (null: not in the trace), "target": [x, y],
 //     "t", "distance"} (the mirror's distance to the target at its samples)
+//   corner close-up: {"corner": i, "at_us", "point": [x, y], "mirror": {"t", "x", "y"}, "command": {"t", "x", "y"}}
 #pragma once
 
 #include "analysis/Series.h"
@@ -38,5 +39,10 @@ std::string markCloseUps(const analysis::Result& result, const analysis::Path& c
 // The close-ups (a JSON list) of the first `limit` jumps of `order`.
 std::string jumpCloseUps(const analysis::Result& result, const analysis::Path& commanded, const analysis::Path& mirror,
                          const std::vector<std::size_t>& order, std::size_t limit);
+
+// The close-ups (a JSON list) of the corners `which`: the samples from two tracking errors before the command reaches
+// the corner until three after it leaves it, as the mirror comes in, cuts the corner and goes on.
+std::string cornerCloseUps(const analysis::Result& result, const analysis::Path& commanded, const analysis::Path& mirror,
+                           const std::vector<std::size_t>& which);
 
 }  // namespace oltb::report
