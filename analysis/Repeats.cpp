@@ -217,23 +217,25 @@ std::vector<std::vector<oltbTraceEvent>> runsBetween(const oltbTraceEvent* event
                      [events](std::size_t a, std::size_t b) { return events[a].Time < events[b].Time; });
     std::vector<std::vector<oltbTraceEvent>> runs;
     std::vector<oltbTraceEvent> current;
-    std::optional<double> start;
+    bool inRun = false;
+    double start = 0;
     for (const std::size_t i : order) {
         const oltbTraceEvent& event = events[i];
-        if (isLabel(event, startLabel) && !start) {
+        if (isLabel(event, startLabel) && !inRun) {
+            inRun = true;
             start = event.Time;
             current.clear();
-        } else if (isLabel(event, endLabel) && start) {
+        } else if (isLabel(event, endLabel) && inRun) {
             runs.push_back(std::move(current));
             current = {};
-            start.reset();
-        } else if (start) {
+            inRun = false;
+        } else if (inRun) {
             oltbTraceEvent shifted = event;
-            shifted.Time -= *start;
+            shifted.Time -= start;
             current.push_back(shifted);
         }
     }
-    if (start) {
+    if (inRun) {
         runs.emplace_back();  // begun and not ended: an empty run marks it
     }
     return runs;
