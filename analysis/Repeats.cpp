@@ -270,7 +270,7 @@ Repeatability analyzeEach(const oltbTraceEvent* events, std::size_t count, std::
     return repeats;
 }
 
-std::string toJson(const Repeatability& repeats) {
+std::string toJson(const Repeatability& repeats, bool withRuns) {
     std::string json = "{\"runs\": " + std::to_string(repeats.runs) + ", \"unclosed\": " +
                        std::to_string(repeats.unclosed) + ",\n \"figures\": [";
     for (std::size_t i = 0; i < repeats.figures.size(); ++i) {
@@ -285,6 +285,9 @@ std::string toJson(const Repeatability& repeats) {
             jumpDelayTableJson(repeats.jumpDelayTable) + ",\n \"warnings\": [";
     for (std::size_t i = 0; i < repeats.warnings.size(); ++i) {
         json += std::string(i == 0 ? "" : ", ") + jsonString(repeats.warnings[i]);
+    }
+    if (!withRuns) {
+        return json + "]}\n";
     }
     json += "],\n \"each\": [";
     for (std::size_t k = 0; k < repeats.results.size(); ++k) {

@@ -49,7 +49,8 @@ struct Repeatability {
 Repeatability analyzeEach(const oltbTraceEvent* events, std::size_t count, std::uint16_t startLabel,
                           std::uint16_t endLabel, const Options& options = {});
 
-std::string toJson(const Repeatability& repeats);
+// With `withRuns` the analysis of every run too ("each"), else only the spreads, the settings and the warnings.
+std::string toJson(const Repeatability& repeats, bool withRuns = true);
 std::string toSummary(const Repeatability& repeats, const std::string& source, double unitsPerMm = 0);
 
 }  // namespace oltb::analysis

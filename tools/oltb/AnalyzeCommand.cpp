@@ -50,14 +50,10 @@ int runAnalyze(const AnalyzeOptions& options) {
     }
 
     if (!options.each.empty()) {
-        analysis::Options settings;
-        settings.head = options.head;
-        settings.settleBandUnits = options.settleBandUnits;
-        settings.maxEdgeDose = options.maxEdgeDose;
         analysis::Repeatability repeats;
         try {
             repeats = analysis::analyzeEach(events->data(), events->size(), static_cast<std::uint16_t>(options.each[0]),
-                                            static_cast<std::uint16_t>(options.each[1]), settings);
+                                            static_cast<std::uint16_t>(options.each[1]), analysisOptions(options));
         } catch (const analysis::RunsError& error) {
             throw UsageError(options.input + ": " + error.what());
         }

@@ -132,12 +132,16 @@ std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions&
     return std::move(acquired->events);
 }
 
-analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const AnalyzeOptions& options) {
+analysis::Options analysisOptions(const AnalyzeOptions& options) {
     analysis::Options settings;
     settings.head = options.head;
     settings.settleBandUnits = options.settleBandUnits;
     settings.maxEdgeDose = options.maxEdgeDose;
-    return analysis::analyze(events, settings);
+    return settings;
+}
+
+analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const AnalyzeOptions& options) {
+    return analysis::analyze(events, analysisOptions(options));
 }
 
 namespace {

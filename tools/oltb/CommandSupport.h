@@ -53,6 +53,9 @@ std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
 struct AnalyzeOptions;
 std::optional<std::vector<oltbTraceEvent>> eventsToAnalyze(const AnalyzeOptions& options);
 
+// The analysis' settings of `options`: the scan head, the settle band, the edge dose.
+analysis::Options analysisOptions(const AnalyzeOptions& options);
+
 // The analysis of `events` for the scan head and the settle band of `options`.
 analysis::Result analyzeEvents(const std::vector<oltbTraceEvent>& events, const AnalyzeOptions& options);
 

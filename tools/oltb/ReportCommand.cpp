@@ -1,6 +1,7 @@
 // "oltb report": the analysis of a trace and the trace itself as one HTML page (tools/oltb/report/). The trace
 // comes as for "oltb analyze"; the page is written beside its final name and renamed into place, so that a failed
 // or interrupted report leaves no half page.
+#include "analysis/Repeats.h"
 #include "analysis/TraceAnalysis.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
@@ -33,6 +34,17 @@ int runReport(const ReportOptions& options) {
                                          std::to_string(input.live.endLabel)
                                    : input.input;
     page.unitsPerMm = input.unitsPerMm;
+    if (!input.each.empty()) {
+        try {
+            page.repeats = analysis::toJson(analysis::analyzeEach(events->data(), events->size(),
+                                                                  static_cast<std::uint16_t>(input.each[0]),
+                                                                  static_cast<std::uint16_t>(input.each[1]),
+                                                                  analysisOptions(input)),
+                                            false);
+        } catch (const analysis::RunsError& error) {
+            throw UsageError(input.input + ": " + error.what());
+        }
+    }
     const std::string html =
         report::renderPage("oltb report: " + page.source,
                            report::pageData(events->data(), events->size(), result, page));

@@ -209,6 +209,11 @@ int run(int argc, char** argv) {
         "report", "one HTML page of a trace to open in a browser: the figures of analyze, the XY path, time plots");
     LabelOptions reportLabels = addAnalysisOptions(*reportCommand, report.analysis);
     reportCommand->add_option("-o,--output", report.output, "the page to write, e.g. trace.html")->required();
+    reportCommand->add_option("--each", report.analysis.each,
+                              "also every run between labels START and END: the page shows how much each figure "
+                              "moves from run to run")
+        ->expected(2)
+        ->check(labelRange);
     reportCommand->footer(
         "The page holds everything it shows (no network, no server): open it from disk in any browser. The figures\n"
         "come from every event; long traces are thinned for display only, and the page says how far.\n"

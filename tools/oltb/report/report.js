@@ -67,6 +67,18 @@
       choices.map((c) => [wholeUs(c.delay_us), small(c.missing), dose(c.edge_dose)]))
       .forEach((row, i) => { if (known(suggested) && i === nearest) row.classList.add('change'); });
   }
+  // With --each: how much each figure moves from run to run, and the settings that hold in every run.
+  if (data.repeats) {
+    byId('repeats-section').hidden = false;
+    byId('repeats-hint').textContent = data.repeats.runs + ' runs between the labels, each analysed alone: the ' +
+      'median, the spread and the run where each figure was worst. The settings above are those of the whole ' +
+      'capture; these hold in every run: ' + ['laser_on_delay_us', 'laser_off_delay_us', 'jump_delay_us',
+      'mark_delay_us', 'polygon_delay_us'].map((key) => key.replace(/_us$/, '').replace(/_/g, ' ') + ' ' +
+      wholeUs(data.repeats.settings[key].suggested)).join(', ') + '.';
+    tableRows(byId('repeats'), ['figure', 'runs', 'median', 'min', 'max', 'std', 'worst run'],
+      data.repeats.figures.map((f) => [f.figure + ' (' + f.unit + ')', String(f.runs), f.median.toFixed(2),
+        f.min.toFixed(2), f.max.toFixed(2), f.std.toFixed(3), String(f.worst_run)]));
+  }
   const laser = result.laser;
   if (laser.on_choices.length + laser.off_choices.length === 0) {
     byId('choices-hint').textContent = 'No choices: no mark after a settled jump had its edges measured.';
