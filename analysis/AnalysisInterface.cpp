@@ -4,7 +4,6 @@
 #include "analysis/Repeats.h"
 #include "analysis/TraceAnalysis.h"
 #include "analysis/oltb_analysis.h"
-#include "tools/oltb/Signals.h"
 
 #include <algorithm>
 #include <climits>
@@ -94,8 +93,7 @@ extern "C" OLTB_API int oltbAnalyzeWithOptions(const oltbTraceEvent* events, uin
                 events, count, static_cast<std::uint16_t>(options->EachStartLabel),
                 static_cast<std::uint16_t>(options->EachEndLabel), analysisOptions(*options)));
         }
-        return oltb::analysis::toJson(oltb::analysis::analyze(events, count, analysisOptions(*options)),
-                                      oltb::cli::signalNameOf);
+        return oltb::analysis::toJson(oltb::analysis::analyze(events, count, analysisOptions(*options)));
     });
 }
 

@@ -1,6 +1,8 @@
 // The analysis as one JSON object: what scripts and the report page read.
 #include "analysis/AnalysisReport.h"
 
+#include "events/SignalList.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -36,9 +38,9 @@ std::string errorsJson(const ErrorFigures& figures) {
 
 }  // namespace
 
-std::string signalLabel(const SignalNamer& signalName, int type) {
-    std::string name = signalName ? signalName(type) : std::string();
-    return name.empty() ? "type " + std::to_string(type) : name;
+std::string signalLabel(int type) {
+    const auto* signal = OLVEN::TALIX3::TraceBuffer::signalOfType(type);
+    return signal != nullptr ? signal->name : "type " + std::to_string(type);
 }
 
 std::string jsonString(const std::string& text) {
@@ -126,7 +128,7 @@ std::string jumpDelayTableJson(const std::vector<JumpDelay>& table) {
     });
 }
 
-std::string toJson(const Result& result, const SignalNamer& signalName) {
+std::string toJson(const Result& result) {
     std::string json = "{\"head\": " + std::to_string(result.head) + ", \"events\": " + std::to_string(result.events) +
                        ", \"duration_us\": " + number(result.durationUs) + ", \"settle_band\": " +
                        number(result.settleBandUnits) + ", \"max_edge_dose\": " + number(result.maxEdgeDose) + ",\n";
@@ -192,7 +194,7 @@ std::string toJson(const Result& result, const SignalNamer& signalName) {
             ",\n";
     json += " \"lost_events\": {";
     for (std::size_t i = 0; i < result.lostEvents.size(); ++i) {
-        json += std::string(i == 0 ? "" : ", ") + jsonString(signalLabel(signalName, result.lostEvents[i].first)) + ": " +
+        json += std::string(i == 0 ? "" : ", ") + jsonString(signalLabel(result.lostEvents[i].first)) + ": " +
                 std::to_string(result.lostEvents[i].second);
     }
     return json + "}}\n";

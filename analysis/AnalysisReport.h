@@ -3,7 +3,6 @@
 
 #include "analysis/TraceAnalysis.h"
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,8 +10,7 @@
 namespace oltb::analysis {
 
 // The name of a signal by its event type, e.g. "Head0TxX"; without one, "type N".
-using SignalNamer = std::function<std::string(int type)>;
-std::string signalLabel(const SignalNamer& signalName, int type);
+std::string signalLabel(int type);
 
 // `text` as a JSON string that may also stand inside an HTML <script> element: '<', '>' and '&' are escaped too, so
 // that no "</script>" or comment opener can form.
@@ -26,13 +24,12 @@ std::string settingsJson(const Settings& settings);
 std::string jumpDelayTableJson(const std::vector<JumpDelay>& table);
 
 // One JSON object, times in us and lengths in head units; a figure that is missing is null.
-std::string toJson(const Result& result, const SignalNamer& signalName = {});
+std::string toJson(const Result& result);
 
 struct SummaryOptions {
     std::string source;         // what was analysed, for the first line
     double unitsPerMm = 0;      // > 0: lengths in mm (errors in um), speeds in mm/s
     std::size_t markRows = 20;  // at most this many marks and jumps are listed one by one
-    SignalNamer signalName;
 };
 
 // The readable summary: the card's settings now and suggested, every figure, the warnings, and what the trace lacked.

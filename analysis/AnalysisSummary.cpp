@@ -219,7 +219,7 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     } else {
         out += "Lost events (overflow of the server's buffer; figures near them are less sure):";
         for (const auto& [type, count] : result.lostEvents) {
-            out += format(" %s %llu", signalLabel(options.signalName, type).c_str(),
+            out += format(" %s %llu", signalLabel(type).c_str(),
                           static_cast<unsigned long long>(count));
         }
         out += "\n";

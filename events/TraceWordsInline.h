@@ -3,11 +3,11 @@
 // members run.
 #pragma once
 
+#include "events/SignalList.h"
 #include "events/TraceDecoder.h"
 
 #include <array>
 #include <cstdint>
-#include <initializer_list>
 
 namespace OLVEN::TALIX3::TraceBuffer {
 
@@ -34,12 +34,9 @@ namespace TraceWordDecoding {
 
 constexpr std::array<std::uint8_t, 128> makeBitsPerSample() {
     std::array<std::uint8_t, 128> bits{};
-    for (int type : {0, 1, 2, 3, 5, 14, 15, 16, 64, 69, 126}) bits[type] = 16;
-    for (int type : {4, 6, 17, 65, 70}) bits[type] = 8;
-    for (int type : {10, 18, 66, 71}) bits[type] = 4;
-    for (int type : {7, 19, 67, 72}) bits[type] = 2;
-    for (int type : {8, 9, 11, 12, 13, 20, 21, 22, 23, 24, 25, 26, 68, 73, 100, 101, 102, 103, 104, 105}) bits[type] = 1;
-    for (int type : {32, 34, 36, 40, 42, 44, 48, 50, 52, 56, 58, 60, 96, 97, 98, 99, 120, 121, 123}) bits[type] = 32;
+    for (const Signal& signal : Signals) {
+        bits[static_cast<unsigned>(signal.type)] = static_cast<std::uint8_t>(signal.bitsPerSample);
+    }
     return bits;  // 0: no such signal; 127 (time base) carries no samples
 }
 

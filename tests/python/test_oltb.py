@@ -123,6 +123,13 @@ def test_a_capture_loads_the_same_from_csv_and_hdf5(simulator, tmp_path):
     assert oltb.analyze(from_h5)["events"] == len(from_h5) and oltb.to_signed(from_h5) is from_h5
 
 
+def test_the_signals_are_the_librarys():
+    listed = subprocess.run([os.environ["OLTB_TOOL"], "signals"], capture_output=True, text=True, timeout=30,
+                            check=True).stdout.split("\n")
+    rows = [row.split() for row in listed if row.split()[1:2] in (["Conf0"], ["Conf1"], ["Conf2"], ["Conf3"])]
+    assert oltb.SIGNAL_TYPES == {row[0]: int(row[2]) for row in rows}
+
+
 def test_the_namespace_is_the_api():
     assert [name for name in dir(oltb) if not name.startswith("_")] == sorted(oltb.__all__)
     assert oltb.__version__ == os.environ["OLTB_VERSION"]

@@ -7,6 +7,7 @@
 #include "JumpTable.h"
 #include "SettingsFile.h"
 #include "WordEncoder.h"
+#include "events/SignalList.h"
 #include "events/TraceDecoder.h"
 
 #include <gtest/gtest.h>
@@ -49,6 +50,14 @@ TEST(WordEncoder, FieldsAndSamplesLandInTheirBits) {
 
 // For every width the client's adjustment +(32 - n) brings the first sample back to its tick, also just behind a
 // time-base boundary; a time-base word opens the stream and every new period, and again after a restart.
+// The simulator encodes with sample widths of its own: a slip in either them or the library's list of signals (from
+// which the decoding core takes its widths) shows here.
+TEST(WordEncoder, SampleWidthsAreThoseOfTheLibrarysSignals) {
+    for (const auto& signal : OLVEN::TALIX3::TraceBuffer::Signals) {
+        EXPECT_EQ(sampleWidthBits(static_cast<std::uint32_t>(signal.type)), signal.bitsPerSample) << signal.name;
+    }
+}
+
 TEST(WordEncoder, FirstSampleLandsOnItsTickAcrossTimeBases) {
     for (const std::uint32_t type : {oltbEventHead0TxX, oltbEventPortA, oltbEventPortDHigh, oltbEventLaserPower4,
                                      oltbEventLaserPower2, oltbEventGate}) {

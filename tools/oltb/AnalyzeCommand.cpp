@@ -66,12 +66,11 @@ int runAnalyze(const AnalyzeOptions& options) {
     const analysis::Result result = analyzeEvents(*events, options);
     writeSettingsFiles(options, result.settings, result.jumpDelayTable, 1);
     if (options.json) {
-        writeStandardOutput(analysis::toJson(result, signalNameOf));
+        writeStandardOutput(analysis::toJson(result));
     } else {
         analysis::SummaryOptions summary;
         summary.source = options.input;
         summary.unitsPerMm = options.unitsPerMm;
-        summary.signalName = signalNameOf;
         writeStandardOutput(analysis::toSummary(result, summary));
     }
     return ExitSuccess;

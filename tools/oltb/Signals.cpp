@@ -1,6 +1,7 @@
-// The signal table, built from the public header: the configuration record's fields and the event types of the
-// same names. The sample widths are those of the trace words: a word carries 32 / width samples of a signal.
+// The tool's signal table: the library's list of signals (events/SignalList.h), with the groups by name.
 #include "tools/oltb/Signals.h"
+
+#include "events/SignalList.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,81 +10,18 @@ namespace oltb::cli {
 
 namespace {
 
-#define OLTB_SIGNAL(group, name, bits) \
-    SignalInfo { #name, group, oltbEvent##name, bits, &oltbTraceBufferConfig_Struct::name }
-
 // Built on first use, so that other files' static data may already use the table.
 const std::vector<SignalInfo>& signalTable() {
-    static const std::vector<SignalInfo> table = {
-        OLTB_SIGNAL("Conf0", PortA, 16),
-        OLTB_SIGNAL("Conf0", PortB, 16),
-        OLTB_SIGNAL("Conf0", PortC, 16),
-        OLTB_SIGNAL("Conf0", PortDLow, 16),
-        OLTB_SIGNAL("Conf0", PortDHigh, 8),
-        OLTB_SIGNAL("Conf0", PortELow, 16),
-        OLTB_SIGNAL("Conf0", PortEHigh, 8),
-        OLTB_SIGNAL("Conf0", PortLaserIn, 2),
-        OLTB_SIGNAL("Conf0", PortLaserIn0, 1),
-        OLTB_SIGNAL("Conf0", PortLaserIn1, 1),
-        OLTB_SIGNAL("Conf0", PortLaserOut, 4),
-        OLTB_SIGNAL("Conf0", PortLaserOut0, 1),
-        OLTB_SIGNAL("Conf0", PortLaserOut1, 1),
-        OLTB_SIGNAL("Conf0", PortLaserOut2, 1),
-        OLTB_SIGNAL("Conf0", Dac0, 16),
-        OLTB_SIGNAL("Conf0", Dac1, 16),
-        OLTB_SIGNAL("Conf0", LaserPower16, 16),
-        OLTB_SIGNAL("Conf0", LaserPower8, 8),
-        OLTB_SIGNAL("Conf0", LaserPower4, 4),
-        OLTB_SIGNAL("Conf0", LaserPower2, 2),
-        OLTB_SIGNAL("Conf0", LaserPower1, 1),
-        OLTB_SIGNAL("Conf0", Fps, 1),
-        OLTB_SIGNAL("Conf0", Gate, 1),
-        OLTB_SIGNAL("Conf0", Lm, 1),
-        OLTB_SIGNAL("Conf0", LaserTriggered, 1),
-        OLTB_SIGNAL("Conf0", StartMark, 1),
-        OLTB_SIGNAL("Conf0", AbortMark, 1),
-        OLTB_SIGNAL("Conf1", Head0TxX, 32),
-        OLTB_SIGNAL("Conf1", Head0TxY, 32),
-        OLTB_SIGNAL("Conf1", Head0TxZ, 32),
-        OLTB_SIGNAL("Conf1", Head0RxX, 32),
-        OLTB_SIGNAL("Conf1", Head0RxY, 32),
-        OLTB_SIGNAL("Conf1", Head0RxZ, 32),
-        OLTB_SIGNAL("Conf1", Head1TxX, 32),
-        OLTB_SIGNAL("Conf1", Head1TxY, 32),
-        OLTB_SIGNAL("Conf1", Head1TxZ, 32),
-        OLTB_SIGNAL("Conf1", Head1RxX, 32),
-        OLTB_SIGNAL("Conf1", Head1RxY, 32),
-        OLTB_SIGNAL("Conf1", Head1RxZ, 32),
-        OLTB_SIGNAL("Conf2", LaserPower0_16, 16),
-        OLTB_SIGNAL("Conf2", LaserPower0_8, 8),
-        OLTB_SIGNAL("Conf2", LaserPower0_4, 4),
-        OLTB_SIGNAL("Conf2", LaserPower0_2, 2),
-        OLTB_SIGNAL("Conf2", LaserPower0_1, 1),
-        OLTB_SIGNAL("Conf2", LaserPower1_16, 16),
-        OLTB_SIGNAL("Conf2", LaserPower1_8, 8),
-        OLTB_SIGNAL("Conf2", LaserPower1_4, 4),
-        OLTB_SIGNAL("Conf2", LaserPower1_2, 2),
-        OLTB_SIGNAL("Conf2", LaserPower1_1, 1),
-        OLTB_SIGNAL("Conf3", Spi0Rx, 32),
-        OLTB_SIGNAL("Conf3", Spi1Rx, 32),
-        OLTB_SIGNAL("Conf3", Spi2Rx, 32),
-        OLTB_SIGNAL("Conf3", Spi3Rx, 32),
-        OLTB_SIGNAL("Conf3", Quadrature0I, 1),
-        OLTB_SIGNAL("Conf3", Quadrature0A, 1),
-        OLTB_SIGNAL("Conf3", Quadrature0B, 1),
-        OLTB_SIGNAL("Conf3", Quadrature1I, 1),
-        OLTB_SIGNAL("Conf3", Quadrature1A, 1),
-        OLTB_SIGNAL("Conf3", Quadrature1B, 1),
-        OLTB_SIGNAL("Conf3", IOEventChange, 32),
-        OLTB_SIGNAL("Conf3", PositionEventChange, 32),
-        OLTB_SIGNAL("Conf3", ControlEventChange, 32),
-        // A label word carries two 16-bit halves; only the upper one, the label number, becomes an event.
-        OLTB_SIGNAL("Conf3", Label, 16),
-    };
+    static const std::vector<SignalInfo> table = [] {
+        static constexpr const char* Groups[] = {"Conf0", "Conf1", "Conf2", "Conf3"};
+        std::vector<SignalInfo> signals;
+        for (const auto& signal : OLVEN::TALIX3::TraceBuffer::Signals) {
+            signals.push_back({signal.name, Groups[signal.group], signal.type, signal.bitsPerSample, signal.flag});
+        }
+        return signals;
+    }();
     return table;
 }
-
-#undef OLTB_SIGNAL
 
 bool equalIgnoringCase(std::string_view left, std::string_view right) {
     return left.size() == right.size() &&

@@ -351,7 +351,7 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
             firstSignal = false;
         }
     }
-    data += "],\n \"analysis\": " + analysis::toJson(result, signalNameOf);
+    data += "],\n \"analysis\": " + analysis::toJson(result);
     data += ",\n \"repeats\": " + (options.repeats.empty() ? std::string("null") : options.repeats);
     data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return jsonString(s); });
     const auto indices = [](std::size_t i) { return std::to_string(i); };
