@@ -42,8 +42,10 @@ void adviseLaser(Result& result, const JobLayout& layout, const HeadView& head);
 // The card's settings now and suggested, and the warnings that guard the advice.
 void adviseSettings(Result& result, const JobLayout& layout);
 
-// actual(t) - commanded(t - lag) of one axis: root mean square and largest magnitude.
-ErrorFigures followingError(const Series& commanded, const Series& actual, double lagUs);
+// actual(t) - commanded(t - lag) of one axis at the actual samples.
+Series followingErrorSeries(const Series& commanded, const Series& actual, double lagUs);
+// Root mean square and largest magnitude of the samples inside the intervals.
+ErrorFigures rmsAndLargest(const Series& error, const std::vector<Interval>& intervals);
 
 // Distance of each actual position inside the intervals from the commanded path near the time t - lag.
 ErrorFigures pathDeviation(const Path& commanded, const Path& actual, const std::vector<Interval>& intervals,

@@ -26,24 +26,30 @@ double squaredDistanceToStep(const Path& path, std::size_t j, double x, double y
 
 }  // namespace
 
-ErrorFigures followingError(const Series& commanded, const Series& actual, double lagUs) {
+Series followingErrorSeries(const Series& commanded, const Series& actual, double lagUs) {
+    Series error;
     ForwardReader reader(commanded.t, commanded.v, 4 * typicalSpacing(commanded.t));
-    double sum = 0;
-    double largest = 0;
-    std::size_t count = 0;
     for (std::size_t i = 0; i < actual.size(); ++i) {
         double value = 0;
         if (reader.at(actual.t[i] - lagUs, value)) {
-            const double d = actual.v[i] - value;
-            sum += d * d;
-            largest = std::max(largest, std::abs(d));
-            ++count;
+            error.add(actual.t[i], actual.v[i] - value);
         }
     }
-    if (count == 0) {
+    return error;
+}
+
+ErrorFigures rmsAndLargest(const Series& error, const std::vector<Interval>& intervals) {
+    const Series inside = within(error, intervals);
+    if (inside.empty()) {
         return {};
     }
-    return {std::sqrt(sum / static_cast<double>(count)), largest};
+    double sum = 0;
+    double largest = 0;
+    for (const double d : inside.v) {
+        sum += d * d;
+        largest = std::max(largest, std::abs(d));
+    }
+    return {std::sqrt(sum / static_cast<double>(inside.size())), largest};
 }
 
 ErrorFigures pathDeviation(const Path& commanded, const Path& actual, const std::vector<Interval>& intervals,

@@ -180,6 +180,19 @@ void describeServo(AxisServo& servo, const SteadyLag& lag, const AxisFit& fit) {
 
 }  // namespace
 
+std::shared_ptr<const HeadSeries> headSeries(const oltbTraceEvent* events, std::size_t count, const Result& result) {
+    Channels channels = split(events, count, channelsOf(result.head));
+    HeadSeries series{std::move(channels.commandedX), std::move(channels.commandedY), std::move(channels.actualX),
+                      std::move(channels.actualY), {}, {}};
+    if (result.trackingErrorXUs) {
+        series.followingErrorX = followingErrorSeries(series.commandedX, series.actualX, *result.trackingErrorXUs);
+    }
+    if (result.trackingErrorYUs) {
+        series.followingErrorY = followingErrorSeries(series.commandedY, series.actualY, *result.trackingErrorYUs);
+    }
+    return std::make_shared<const HeadSeries>(std::move(series));
+}
+
 HeadChannels channelsOf(int head) {
     if (head == 1) {
         return {oltbEventHead1TxX, oltbEventHead1TxY, oltbEventHead1RxX, oltbEventHead1RxY};
@@ -218,10 +231,11 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
         AxisServo& servo;
         ErrorFigures& followingError;
         SteadyLag lag;
+        Series errors;
     };
     Axis axes[] = {
-        {"X", channels.commandedX, channels.actualX, "TxX", "RxX", result.servoX, result.followingErrorX, {}},
-        {"Y", channels.commandedY, channels.actualY, "TxY", "RxY", result.servoY, result.followingErrorY, {}},
+        {"X", channels.commandedX, channels.actualX, "TxX", "RxX", result.servoX, result.followingErrorX, {}, {}},
+        {"Y", channels.commandedY, channels.actualY, "TxY", "RxY", result.servoY, result.followingErrorY, {}, {}},
     };
     for (Axis& axis : axes) {
         std::vector<std::string> absent;
@@ -238,7 +252,8 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
                        "the command " + axis.lag.failure + " on " + axis.name, "");
             continue;
         }
-        axis.followingError = followingError(axis.commanded, within(axis.actual, windows), *axis.lag.lagUs);
+        axis.errors = followingErrorSeries(axis.commanded, axis.actual, *axis.lag.lagUs);
+        axis.followingError = rmsAndLargest(axis.errors, windows);
     }
     result.trackingErrorXUs = axes[0].lag.lagUs;
     result.trackingErrorYUs = axes[1].lag.lagUs;
@@ -252,6 +267,11 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
                                                 nameOf(options.head, "RxX"), nameOf(options.head, "RxY")});
     const bool allTraced = !channels.commandedX.empty() && !channels.commandedY.empty() &&
                            !channels.actualX.empty() && !channels.actualY.empty();
+    if (options.keepSeries) {
+        result.series = std::make_shared<const HeadSeries>(
+            HeadSeries{channels.commandedX, channels.commandedY, channels.actualX, channels.actualY,
+                       std::move(axes[0].errors), std::move(axes[1].errors)});
+    }
     const Path commanded = joinAxes(std::move(channels.commandedX), std::move(channels.commandedY));
     const Path actual = joinAxes(std::move(channels.actualX), std::move(channels.actualY));
     if (allTraced && result.pathTrackingErrorUs) {

@@ -11,10 +11,12 @@
 // and `missing` says which signals would give them.
 #pragma once
 
+#include "analysis/Series.h"
 #include "api/oltb.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@ struct Options {
     int head = 0;                    // 0 or 1
     double settleBandUnits = 100.0;  // a jump has settled once the mirror stays this close to its target
     double maxEdgeDose = 2.0;        // the most dose, in times the nominal, that a mark's edge may take
+    bool keepSeries = false;         // keep the head's samples in the result, for a page that draws them
 };
 
 // The event types of a head's channels.
@@ -144,6 +147,13 @@ struct MissingFigure {
     std::string signals;  // the signals that would give it (empty when tracing more would not help)
 };
 
+// The head's samples as the analysis reads them (in time order, times finite), and what the following error is at
+// every sample of the mirror: the mirror minus the command shifted by the axis' tracking error.
+struct HeadSeries {
+    Series commandedX, commandedY, actualX, actualY;
+    Series followingErrorX, followingErrorY;  // empty without a tracking error
+};
+
 struct Result {
     int head = 0;
     std::uint64_t events = 0;
@@ -167,9 +177,14 @@ struct Result {
     std::vector<std::string> warnings;
     std::vector<std::pair<int, std::uint64_t>> lostEvents;  // event type, events with the overflow flag (> 0)
     std::vector<MissingFigure> missing;
+    std::shared_ptr<const HeadSeries> series;  // with Options::keepSeries
 };
 
 Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& options = {});
+
+// The head's samples of the events and their following errors with the tracking errors of `result`: what
+// Options::keepSeries keeps, for a result analysed without it.
+std::shared_ptr<const HeadSeries> headSeries(const oltbTraceEvent* events, std::size_t count, const Result& result);
 inline Result analyze(const std::vector<oltbTraceEvent>& events, const Options& options = {}) {
     return analyze(events.data(), events.size(), options);
 }

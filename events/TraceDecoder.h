@@ -116,10 +116,10 @@ private:
     // Reading steps shared by TryRead and Acquire (events/TraceReading.cpp).
     // Moves pending samples to events[start...]; returns how many (all of them, or `count` when not all fit).
     unsigned deliverPending(oltbTraceEvent* events, unsigned start, unsigned count) noexcept;
-    // Waits for blocks and decodes them until the array is full or the wait rules end the call; `result` is the
+    // Waits for blocks and decodes them until the array is full or the wait rules end the call; `delivered` is the
     // number of events the call has delivered so far. Returns the new total.
     unsigned fillFromSource(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count,
-                            unsigned result, int readTimeoutMs);
+                            unsigned delivered, int readTimeoutMs);
     // Takes the next block from `source` as the current one, handing the used-up one back.
     bool takeNextBlock(BlockSource& source, int waitLimitMs);
 

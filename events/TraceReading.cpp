@@ -196,7 +196,7 @@ bool TraceDecoder::takeNextBlock(BlockSource& source, int waitLimitMs) {
 }
 
 unsigned TraceDecoder::fillFromSource(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count,
-                                      unsigned result, int readTimeoutMs) {
+                                      unsigned delivered, int readTimeoutMs) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point startTime = Clock::now();
     int waitLimitMs = readTimeoutMs;
@@ -204,12 +204,12 @@ unsigned TraceDecoder::fillFromSource(BlockSource& source, oltbTraceEvent* event
         const bool taken = takeNextBlock(source, waitLimitMs);
         if (taken && !_currentBlock.empty()) {
             const unsigned decoded = splitAndUnpack(events, start, count);
-            result += decoded;
+            delivered += decoded;
             start += decoded;
             count -= decoded;
         }
-        if (result > 0) {
-            if (!taken) return result;
+        if (delivered > 0) {
+            if (!taken) return delivered;
             // Something to deliver: from now on take only what is already queued.
             waitLimitMs = 0;
             continue;
@@ -225,7 +225,7 @@ unsigned TraceDecoder::fillFromSource(BlockSource& source, oltbTraceEvent* event
         waitLimitMs = readTimeoutMs - static_cast<int>(elapsedMs.count());
         if (waitLimitMs < 0) return 0;
     }
-    return result;
+    return delivered;
 }
 
 unsigned TraceDecoder::TryRead(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count,

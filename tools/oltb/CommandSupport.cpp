@@ -137,6 +137,7 @@ analysis::Options analysisOptions(const AnalyzeOptions& options) {
     settings.head = options.head;
     settings.settleBandUnits = options.settleBandUnits;
     settings.maxEdgeDose = options.maxEdgeDose;
+    settings.keepSeries = true;  // the report page draws them
     return settings;
 }
 

@@ -47,7 +47,6 @@ std::string number(double value) {
 
 // The trace as the page draws it, split by channel.
 struct Channels {
-    analysis::Series commandedX, commandedY, actualX, actualY;
     std::vector<double> gateT, powerT;
     std::vector<float> gateV, powerV;
     std::string powerName;
@@ -60,9 +59,8 @@ constexpr std::array<oltbTraceEventType, 5> PowerTypes{oltbEventLaserPower16, ol
                                                        oltbEventLaserPower4, oltbEventLaserPower2,
                                                        oltbEventLaserPower1};
 
-Channels split(const oltbTraceEvent* events, std::size_t count, int head) {
+Channels split(const oltbTraceEvent* events, std::size_t count) {
     Channels channels;
-    const analysis::HeadChannels wanted = analysis::channelsOf(head);
     for (std::size_t i = 0; i < count; ++i) {
         const auto type = static_cast<std::size_t>(events[i].Type);
         if (type < channels.events.size()) {
@@ -83,15 +81,7 @@ Channels split(const oltbTraceEvent* events, std::size_t count, int head) {
     for (std::size_t i = 0; i < count; ++i) {
         const oltbTraceEvent& event = events[i];
         const oltbTraceEventType type = event.Type;
-        if (type == wanted.commandedX) {
-            channels.commandedX.add(event.Time, event.Value);
-        } else if (type == wanted.commandedY) {
-            channels.commandedY.add(event.Time, event.Value);
-        } else if (type == wanted.actualX) {
-            channels.actualX.add(event.Time, event.Value);
-        } else if (type == wanted.actualY) {
-            channels.actualY.add(event.Time, event.Value);
-        } else if (type == oltbEventGate) {
+        if (type == oltbEventGate) {
             channels.gateT.push_back(event.Time);
             channels.gateV.push_back(static_cast<float>(event.Value & 1));
         } else if (type == power) {
@@ -102,22 +92,6 @@ Channels split(const oltbTraceEvent* events, std::size_t count, int head) {
         }
     }
     return channels;
-}
-
-// The mirror minus the command shifted by the tracking error, at the mirror's samples.
-analysis::Series followingError(const analysis::Series& commanded, const analysis::Series& actual, double lagUs) {
-    analysis::Series error;
-    if (commanded.size() < 2) {
-        return error;
-    }
-    analysis::ForwardReader reader(commanded.t, commanded.v, 4 * analysis::typicalSpacing(commanded.t));
-    for (std::size_t i = 0; i < actual.size(); ++i) {
-        double shifted = 0;
-        if (reader.at(actual.t[i] - lagUs, shifted)) {
-            error.add(actual.t[i], actual.v[i] - shifted);
-        }
-    }
-    return error;
 }
 
 struct NamedSeries {
@@ -323,18 +297,17 @@ std::vector<std::size_t> thinPath(const analysis::Path& path, const std::vector<
 
 std::string pageData(const oltbTraceEvent* events, std::size_t count, const analysis::Result& result,
                      const PageOptions& options) {
-    Channels channels = split(events, count, result.head);
+    Channels channels = split(events, count);
+    // The head's samples and following errors as the analysis read them.
+    const std::shared_ptr<const analysis::HeadSeries> headSeries =
+        result.series ? result.series : analysis::headSeries(events, count, result);
+    const analysis::HeadSeries* const head = headSeries.get();
     const double startUs = count > 0 ? events[0].Time : 0.0;
     const double durationUs = result.durationUs;
-
-    const analysis::Series errorX = result.trackingErrorXUs
-                                        ? followingError(channels.commandedX, channels.actualX, *result.trackingErrorXUs)
-                                        : analysis::Series{};
-    const analysis::Series errorY = result.trackingErrorYUs
-                                        ? followingError(channels.commandedY, channels.actualY, *result.trackingErrorYUs)
-                                        : analysis::Series{};
-    const analysis::Path commanded = analysis::joinAxes(channels.commandedX, channels.commandedY);
-    const analysis::Path actual = analysis::joinAxes(channels.actualX, channels.actualY);
+    const analysis::Series& errorX = head->followingErrorX;
+    const analysis::Series& errorY = head->followingErrorY;
+    const analysis::Path commanded = analysis::joinAxes(head->commandedX, head->commandedY);
+    const analysis::Path actual = analysis::joinAxes(head->actualX, head->actualY);
 
     std::string data = "{\"source\": " + jsonString(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
                        ", \"head\": " + std::to_string(result.head) + ", \"unitsPerMm\": " +
@@ -375,10 +348,11 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
             stepSeries(channels.powerT, channels.powerV, startUs, durationUs, channels.powerName, maxSteps);
 
     const std::vector<std::pair<const char*, const analysis::Series*>> names{
-        {"cx", &channels.commandedX}, {"cy", &channels.commandedY}, {"ax", &channels.actualX}, {"ay", &channels.actualY}};
+        {"cx", &head->commandedX}, {"cy", &head->commandedY}, {"ax", &head->actualX}, {"ay", &head->actualY}};
     data += ",\n \"names\": {";
-    const analysis::HeadChannels head = analysis::channelsOf(result.head);
-    const oltbTraceEventType types[] = {head.commandedX, head.commandedY, head.actualX, head.actualY};
+    const analysis::HeadChannels channelTypes = analysis::channelsOf(result.head);
+    const oltbTraceEventType types[] = {channelTypes.commandedX, channelTypes.commandedY, channelTypes.actualX,
+                                        channelTypes.actualY};
     for (std::size_t i = 0; i < names.size(); ++i) {
         data += std::string(i == 0 ? "" : ", ") + "\"" + names[i].first + "\": " + jsonString(signalNameOf(types[i]));
     }
@@ -399,8 +373,8 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     const analysis::Series commandedSpeed = speedOf(commanded);
     const analysis::Series actualSpeed = speedOf(actual);
     const std::vector<NamedSeries> timeSeries{
-        {"cx", &channels.commandedX, PositionScale, true}, {"ax", &channels.actualX, PositionScale, true},
-        {"cy", &channels.commandedY, PositionScale, true}, {"ay", &channels.actualY, PositionScale, true},
+        {"cx", &head->commandedX, PositionScale, true}, {"ax", &head->actualX, PositionScale, true},
+        {"cy", &head->commandedY, PositionScale, true}, {"ay", &head->actualY, PositionScale, true},
         {"sc", &commandedSpeed, SpeedScale, false},       {"sa", &actualSpeed, SpeedScale, false},
         {"fx", &errorX, ErrorScale, false},               {"fy", &errorY, ErrorScale, false}};
     double finestUs = 0;
