@@ -150,6 +150,14 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     EXPECT_GT(csvRows(beside).size(), 100U);
     EXPECT_EQ(beside.back(), '\n');
 
+    // A duration is counted in the trace's time: a simulator faster than real time gives exactly its first 0.3 s.
+    Simulator fast("127.0.19.2", {"--max-rate"});
+    const ToolResult timed = runTool({"capture", "127.0.19.2", "--signals", "Head0TxX", "--duration", "0.3", "-q"});
+    ASSERT_EQ(timed.exitCode, 0) << timed.err;
+    const auto timedRows = csvRows(timed.out);
+    EXPECT_EQ(timedRows.size(), 30001U) << "a position every 10 us";
+    EXPECT_EQ(timedRows.back().at(1), "299990.000000");
+
     Simulator closing("127.0.0.66", {"--close-after-words", "200000"});  // about 0.3 s of the job
     const ToolResult lost = runTool({"capture", "127.0.0.66", "--signals", DemoSignals, "-o", path("lost.csv")});
     EXPECT_EQ(lost.exitCode, 3);
@@ -274,13 +282,14 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     EXPECT_NE(config.out.find("\nHead0TxX             Conf1    32   32  -\n"), std::string::npos);
     const std::pair<std::vector<std::string>, std::pair<int, std::string>> cases[] = {
         {{"acquire", "127.0.0.64", "--start", "2", "--end", "1", "-q", "-o", path("x.csv")},
-         {3, "Expected start label but got end label!"}},
+         {3, "oltb: end label 1 came before start label 2 (Expected start label but got end label!)\n"}},
         {{"capture", "127.0.0.69", "--events", "5"}, {3, "oltb: Could not connect to the tracebuffer server on address 127.0.0.69. "}},
         {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "-s", "Nope"}, {2, "oltb: unknown signal 'Nope' (see: oltb signals)\n"}},
         {{"capture", "127.0.0.69", "-o", path("trace.txt")}, {2, "unknown format"}},
         {{"capture", "127.0.0.69", "-o", path("missing/dir/trace.csv")}, {4, "oltb: cannot create " + path("missing/dir/trace.csv")}},
-        {{}, {2, ""}},
-        {{"capture", "127.0.0.69", "--duration", "1", "--events", "5"}, {2, ""}},
+        {{}, {2, "oltb: A subcommand is required\noltb: see oltb --help\n"}},
+        {{"frob", "127.0.0.69"}, {2, "oltb: unknown command 'frob'\noltb: see oltb --help\n"}},
+        {{"capture", "127.0.0.69", "--duration", "1", "--events", "5"}, {2, "\noltb: see oltb capture --help\n"}},
         {{"capture", "127.0.0.69", "--duration", "nan"}, {2, "--duration: must be a positive number of seconds"}},
         {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "--timeout", "nan"}, {2, "--timeout: must be a positive"}},
         {{"acquire", "127.0.0.69", "--start", "65536", "--end", "2"}, {2, ""}},

@@ -3,6 +3,7 @@
 #include "tools/oltb/Errors.h"
 
 #include <algorithm>
+#include <string>
 
 namespace oltb::cli {
 
@@ -25,7 +26,9 @@ bool LabelWindow::add(const oltbTraceEvent* events, std::uint32_t count) {
             _startTime = event.Time;
         } else if (isLabel(event, _endLabel)) {
             if (!_startSeen) {
-                throw ServerError("Expected start label but got end label!");
+                // The library's own text, with the labels it is about.
+                throw ServerError("end label " + std::to_string(_endLabel) + " came before start label " +
+                                  std::to_string(_startLabel) + " (Expected start label but got end label!)");
             }
             _endSeen = true;
             _endTime = event.Time + EndMarginUs;

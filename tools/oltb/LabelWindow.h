@@ -15,7 +15,8 @@ public:
     LabelWindow(std::uint16_t startLabel, std::uint16_t endLabel) : _startLabel(startLabel), _endLabel(endLabel) {}
 
     // Takes events in the order read; returns true once the window is complete (later events are not taken).
-    // Throws ServerError("Expected start label but got end label!") for an end label before any start label.
+    // Throws ServerError("end label E came before start label S (Expected start label but got end label!)") for an
+    // end label before any start label.
     bool add(const oltbTraceEvent* events, std::uint32_t count);
 
     bool startSeen() const { return _startSeen; }

@@ -112,6 +112,22 @@ LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
     return labels;
 }
 
+// What the parser refused, and where to look: the help of the command given, or the list of commands.
+std::string usageMistake(const CLI::App& app, int argc, char** argv, std::string what) {
+    const CLI::App* command = nullptr;
+    for (int index = 1; index < argc && command == nullptr; ++index) {
+        for (const CLI::App* candidate : app.get_subcommands({})) {
+            if (candidate->check_name(argv[index])) {
+                command = candidate;
+            }
+        }
+    }
+    if (command == nullptr && argc > 1 && argv[1][0] != '-') {
+        what = std::string("unknown command '") + argv[1] + "'";
+    }
+    return what + "\nsee " + (command != nullptr ? "oltb " + command->get_name() + " --help" : std::string("oltb --help"));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,7 +137,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer("Run oltb COMMAND --help for the options of a command.");
 
-    app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample");
+    app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample")
+        ->footer("The table is the tool's own: no server is asked.");
 
     ConfigOptions config;
     CLI::App* configCommand = app.add_subcommand("config", "show the signals the server traces; replace them first "
@@ -141,7 +158,9 @@ int main(int argc, char** argv) {
     CLI::App* captureCommand =
         app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
     addTraceOptions(*captureCommand, capture.host, capture.signals, capture.outputs, capture.raw, capture.quiet);
-    auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds, "seconds to trace")
+    auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds,
+                                                      "seconds to trace: the first S seconds of the trace, ending S "
+                                                      "seconds after the start at the latest")
                                ->check(positiveNumberOf("seconds"));
     auto* eventsOption = captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")
                              ->check(positiveNumberOf("events"));
@@ -241,8 +260,12 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        const int code = app.exit(error);
-        return code == 0 ? ExitSuccess : ExitUsage;
+        if (error.get_exit_code() == 0) {  // --help, --version
+            app.exit(error);
+            return ExitSuccess;
+        }
+        printError(usageMistake(app, argc, argv, error.what()));
+        return ExitUsage;
     }
 
     ignoreBrokenPipes();
