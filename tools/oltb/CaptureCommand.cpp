@@ -227,6 +227,7 @@ int runCapture(const CaptureOptions& options) {
         info.signals = signals;
         info.signedPositions = !options.raw;
         info.timeZero = VcdTimeZero::FirstEvent;
+        info.vcd = options.vcd;
         info.host = options.host;
         info.startTimeUtc = utcNowIso8601();
         outputs.begin(info);

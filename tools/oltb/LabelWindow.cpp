@@ -24,6 +24,7 @@ bool LabelWindow::add(const oltbTraceEvent* events, std::uint32_t count) {
         if (isLabel(event, _startLabel)) {
             _startSeen = true;
             _startTime = event.Time;
+            keepAsLastBeforeStart(event);  // the label holds its number from time 0 on
         } else if (isLabel(event, _endLabel)) {
             if (!_startSeen) {
                 // The library's own text, with the labels it is about.
@@ -37,10 +38,27 @@ bool LabelWindow::add(const oltbTraceEvent* events, std::uint32_t count) {
         } else if (_startSeen) {
             event.Time -= _startTime;
             _events.push_back(event);
+        } else {
+            keepAsLastBeforeStart(event);
         }
     }
     return _complete;
 }
+
+void LabelWindow::keepAsLastBeforeStart(const oltbTraceEvent& event) {
+    if (event.Type < 0 || event.Type >= static_cast<int>(_lastIndexOfType.size())) {
+        return;
+    }
+    int& last = _lastIndexOfType[static_cast<std::size_t>(event.Type)];
+    if (last < 0) {
+        last = static_cast<int>(_lastBeforeStart.size());
+        _lastBeforeStart.push_back(event);
+    } else {
+        _lastBeforeStart[static_cast<std::size_t>(last)] = event;
+    }
+}
+
+std::vector<oltbTraceEvent> LabelWindow::lastBeforeStart() const { return _lastBeforeStart; }
 
 std::vector<oltbTraceEvent> LabelWindow::takeEvents() {
     // Reads deliver time order; only a late event moved back across two reads can break it.

@@ -7,9 +7,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <map>
+#include <string>
 
 #ifndef OLTB_TOOL_VERSION
 #define OLTB_TOOL_VERSION "unknown"
@@ -23,9 +27,10 @@ constexpr const char* ServerExitCodes = R"(Exit codes: 0 success, 2 usage error,
 read failed, a timeout), 1 unexpected failure of the tool itself.)";
 
 constexpr const char* TraceFooter = R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
-dump for GTKWave or Surfer), .h5 (HDF5: one group per signal with the datasets timestamp_ticks, time_us, value,
-overflow, sequence; for MATLAB, h5py, pandas, HDFView); without -o, CSV goes to standard output. -o may be
-repeated: one series, every file. Ctrl-C ends a capture with complete files, HDF5 included.
+dump for GTKWave, Surfer or sigrok; NAME.vcd comes with NAME.gtkw, which gtkwave opens ready to read), .h5 (HDF5:
+one group per signal with the datasets timestamp_ticks, time_us, value, overflow, sequence; for h5py, MATLAB,
+Octave, HDFView); without -o, CSV goes to standard output. -o may be repeated: one series, every file. Ctrl-C
+ends a capture with complete files, HDF5 included.
 --signals replaces the server's configuration, also for the clients that come after.
 Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
 timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
@@ -49,6 +54,32 @@ CLI::Validator positiveNumberOf(const std::string& unit, double most = 1e12) {
 const CLI::Validator NotEmpty(
     [](std::string& input) { return input.empty() ? std::string("must name at least one signal") : std::string(); },
     "LIST");
+
+// How a .vcd output is laid out: its time unit, and a dump for sigrok.
+void addVcdOptions(CLI::App& command, VcdFormat& format) {
+    const CLI::Validator unit(
+        [](std::string& input) -> std::string {
+            const std::map<std::string, std::string> picoseconds{
+                {"1ps", "1"}, {"1ns", "1000"}, {"10ns", "10000"}, {"100ns", "100000"}, {"1us", "1000000"}};
+            std::string name;
+            for (const char c : input) name.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+            const auto found = picoseconds.find(name);
+            if (found == picoseconds.end()) {
+                return "must be 1ps, 1ns, 10ns, 100ns or 1us, not '" + input + "'";
+            }
+            input = found->second;
+            return {};
+        },
+        "UNIT");
+    command.add_option("--vcd-timescale", format.timescalePs,
+                       "time unit of a .vcd file: 1ps (default: each tick exact), 1ns, 10ns, 100ns or 1us (times "
+                       "rounded to it; viewers that take a sample per unit read a coarse one faster)")
+        ->transform(unit)
+        ->option_text("UNIT");
+    command.add_flag("--vcd-sigrok", format.sigrok,
+                     "a .vcd file that sigrok-cli and PulseView read as it is: the 1-bit signals only (sigrok's "
+                     "import reads no wider ones), at 1us unless --vcd-timescale says otherwise");
+}
 
 void addTraceOptions(CLI::App& command, std::string& host, std::string& signals, std::vector<std::string>& outputs,
                      bool& raw, bool& quiet) {
@@ -158,6 +189,7 @@ int main(int argc, char** argv) {
     CLI::App* captureCommand =
         app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
     addTraceOptions(*captureCommand, capture.host, capture.signals, capture.outputs, capture.raw, capture.quiet);
+    addVcdOptions(*captureCommand, capture.vcd);
     auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds,
                                                       "seconds to trace: the first S seconds of the trace, ending S "
                                                       "seconds after the start at the latest")
@@ -171,6 +203,7 @@ int main(int argc, char** argv) {
     CLI::App* acquireCommand =
         app.add_subcommand("acquire", "the events between a start label and an end label (labels excluded)");
     addTraceOptions(*acquireCommand, acquire.host, acquire.signals, acquire.outputs, acquire.raw, acquire.quiet);
+    addVcdOptions(*acquireCommand, acquire.vcd);
     acquireCommand->add_option("--start", acquire.startLabel, "start label number")->required()->check(labelRange);
     acquireCommand->add_option("--end", acquire.endLabel, "end label number (Label is added to the traced signals)")
         ->required()
@@ -252,6 +285,7 @@ int main(int argc, char** argv) {
     convertCommand->add_option("output", convert.output, "the file to write: .csv, .vcd or .h5 (- for CSV on "
                                                          "standard output)")
         ->required();
+    addVcdOptions(*convertCommand, convert.vcd);
     convertCommand->footer(R"(Reads and writes a batch at a time, so files of any length convert in little memory. A CSV has no
 server, labels or start time for an .h5 file to keep. A failed or interrupted conversion removes its output.
 Exit codes: 0 success, 2 usage error (also an input that is no capture of oltb: the message names the file and
