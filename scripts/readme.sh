@@ -5,7 +5,8 @@
 # command that fails ends the run, with its line in the README. Not run: make test (what CI runs, the whole suite)
 # and apt-get install (packages into this system). As root the run has a network namespace of its own, so that the
 # README's fixed addresses meet no other server. The whole run is bounded (README_SECONDS, default 1800); it
-# expects the Debian packages of make test. Usage: scripts/readme.sh [CLONE] (default: this one).
+# expects the Debian packages of make readme (scripts/setup.sh readme). Usage: scripts/readme.sh [CLONE] (default:
+# this one).
 set -euo pipefail
 top=$(cd "${1:-$(dirname "$0")/..}" && pwd)
 cd "$top"
@@ -40,7 +41,12 @@ awk -v quote="'" '
 cat >"$work/run.sh" <<EOF
 set -euo pipefail
 [ "\$(id -u)" != 0 ] || ip link set lo up
-cleanup() { jobs -p | xargs -r kill 2>/dev/null; make sim-stop >/dev/null 2>&1 || true; }
+cleanup() {
+  local status=\$?
+  jobs -p | xargs -r kill 2>/dev/null || true
+  make sim-stop >/dev/null 2>&1 || true
+  exit \$status
+}
 trap cleanup EXIT
 source "$work/readme-run.sh"
 echo "readme: every command ran"
