@@ -3,7 +3,7 @@
 // goes with complete rows (and HDF5 files that convert back to them), and bad arguments, an unreachable host, an
 // unwritable file and files that are no captures give their exit codes and texts; a capture replayed by the simulator
 // is captured again with the same events. Each test uses its own loopback addresses (127.0.0.60 .. 127.0.0.69, the
-// replay 127.0.0.78 and 127.0.0.79).
+// replay 127.0.0.78 and 127.0.0.79, a duration 127.0.19.2).
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -105,8 +105,9 @@ TEST(ToolProcess, AcquireWritesTheEventsTheCInterfaceReturnsForTheSameJob) {
         if (line[0] == '#') time = line.substr(1);
         if (line == "0" + gateId || line == "1" + gateId) vcdGateChanges.push_back(time + ":" + line[0]);
     }
-    EXPECT_EQ(vcdGateChanges, gateChanges);
     EXPECT_EQ(gateChanges.size(), 8U);
+    gateChanges.insert(gateChanges.begin(), "0:0");  // off before the start label: the dump starts from that
+    EXPECT_EQ(vcdGateChanges, gateChanges);
 
     // Time 0 of an acquisition is its start label, also where the first event comes later.
     const ToolResult line = runTool({"acquire", "127.0.0.60", "--start", "10", "--end", "11", "--signals", "Gate", "-o",
