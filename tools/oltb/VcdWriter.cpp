@@ -118,9 +118,10 @@ std::vector<const SignalInfo*> VcdWriter::variableSignals() const {
     return signals;
 }
 
-// Ticks since the origin in time units, rounded to the nearest.
+// Ticks since the origin in time units, rounded to the nearest (picoseconds without a division: every event).
 std::uint64_t VcdWriter::unitsOf(std::uint64_t ticks) const {
-    return (ticks * PicosecondsPerTick + _timescalePs / 2) / _timescalePs;
+    const std::uint64_t picoseconds = ticks * PicosecondsPerTick;
+    return _timescalePs == 1 ? picoseconds : (picoseconds + _timescalePs / 2) / _timescalePs;
 }
 
 std::string VcdWriter::identifierOf(std::size_t index) {
