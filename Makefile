@@ -7,7 +7,7 @@ SIM_ADDRESS ?= 127.0.0.9
 SETUP = @bash scripts/setup.sh
 
 .DEFAULT_GOAL := help
-.PHONY: help demo report-screenshot sim sim-stop build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
+.PHONY: help demo report-screenshot sim sim-stop readme build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
 	fuzz-build bench mutants install package test-install clean
 
 help:
@@ -15,6 +15,7 @@ help:
 	@echo "                 and write its report page out/demo.html"
 	@echo "make report-screenshot   the README's picture docs/report.png of out/demo.html, in headless Chromium"
 	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
+	@echo "make readme      run every command of the README in order, as one script (scripts/readme.sh)"
 	@echo "make build       the release build: library, tools, tests (build/release)"
 	@echo "make check       the release build and its tests"
 	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind, installation"
@@ -22,7 +23,8 @@ help:
 	@echo "make fuzz        each fuzz target for FUZZ_SECONDS (60)"
 	@echo "make bench       the benchmarks, each figure beside its limit"
 	@echo "make mutants     the mutation check of the test suite (ONLY=filter for some mutants)"
-	@echo "make install     install library, header, pkg-config and CMake files, tools into PREFIX ($(PREFIX))"
+	@echo "make install     install library, header, pkg-config and CMake files, tools, manual pages and the Python"
+	@echo "                 package into PREFIX ($(PREFIX))"
 	@echo "make package     the Debian packages in build/release/packages, checked with lintian"
 	@echo "make clean       remove build/"
 
@@ -50,6 +52,11 @@ sim:
 
 sim-stop:
 	@bash scripts/sim.sh stop
+
+# The README's commands in order as one script, as a new user pastes them (not make test itself, nor apt-get).
+readme:
+	$(SETUP) readme
+	@bash scripts/readme.sh
 
 build:
 	$(SETUP) build

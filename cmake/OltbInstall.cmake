@@ -9,10 +9,32 @@ if(NOT DEFINED CMAKE_INSTALL_LIBDIR AND CMAKE_LIBRARY_ARCHITECTURE)
   set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH "Object code libraries (LIBDIR)")
 endif()
 include(GNUInstallDirs)
+
+# A target that is installed: `make install` and `make package` build `shipped` only, so it must be among its parts.
+function(oltb_ship target)
+  add_dependencies(shipped ${target})
+endfunction()
+
+# The manual page NAME.1 of the program `target`, made from its --help and the template docs/man/NAME.1.in
+# (docs/man/manpage.sh), so that it tells every option the program has; installed compressed with the tools.
+function(oltb_man_page target name)
+  set(page ${PROJECT_BINARY_DIR}/man/${name}.1)
+  set(script ${PROJECT_SOURCE_DIR}/docs/man/manpage.sh)
+  set(template ${PROJECT_SOURCE_DIR}/docs/man/${name}.1.in)
+  add_custom_command(OUTPUT ${page} ${page}.gz
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
+    COMMAND bash ${script} $<TARGET_FILE:${target}> ${template} ${page}
+    DEPENDS ${target} ${script} ${template}
+    COMMENT "Writing the manual page ${name}.1 from ${name} --help" VERBATIM)
+  add_custom_target(${name}_man_page ALL DEPENDS ${page}.gz)
+  oltb_ship(${name}_man_page)
+  install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endfunction()
 include(CMakePackageConfigHelpers)
 
 # Applications load the library by its unversioned file name, so that link belongs to the runtime component, not
 # to the development one as usual.
+oltb_ship(oltb)
 install(TARGETS oltb EXPORT oltbTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT runtime
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -34,8 +56,8 @@ install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/oltb.pc.in\" \"${PROJECT_BI
   COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/oltb.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# Manual pages and Debian's changelog are installed compressed as gz/NAME.gz of the build tree, made when CMake
-# runs (gzip -9n: no name, no time stamp, so the same bytes every time); an edit of the source reruns CMake.
+# Debian's changelog is installed compressed as gz/NAME.gz of the build tree, made when CMake runs (gzip -9n: no
+# name, no time stamp, so the same bytes every time); an edit of the source reruns CMake.
 function(oltb_gzip source)
   get_filename_component(name ${source} NAME)
   file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/gz)

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The main job: starts the simulated trace buffer server on a loopback address, acquires one run of its marking
 # job (the events between label 1, job start, and label 2, job end) with the oltb tool: head 0 positions
-# (commanded and actual), gate, laser power and labels, written once to out/demo.csv and out/demo.vcd, then
-# prints the summary and makes the report page out/demo.html of the capture. The simulator is stopped whatever
-# happens; every wait is bounded.
+# (commanded and actual), gate, laser power and labels, written once to out/demo.csv and out/demo.vcd (with its
+# view out/demo.gtkw), then prints the summary and makes the report page out/demo.html of the capture. The simulator
+# is stopped whatever happens; every wait is bounded.
 # Expects the programs built (make demo builds them first). Settings: BUILD_DIR, DEMO_ADDRESS, DEMO_OUT.
 set -euo pipefail
 
@@ -69,6 +69,6 @@ echo "demo: the report page of the capture"
 "$tool" report "$out/demo.csv" -o "$out/demo.html"
 echo
 ls -l "$out/demo.csv" "$out/demo.vcd" "$out/demo.html" | awk '{ printf "demo: %-40s %12s bytes\n", $NF, $5 }'
-echo "demo: open the waveforms with  gtkwave $out/demo.vcd  (or Surfer)"
+echo "demo: open the waveforms with  gtkwave $out/demo.gtkw  (its view of $out/demo.vcd; or the .vcd in Surfer)"
 echo "demo: open the report in a browser: $out/demo.html"
 echo "demo: a simulator for your own commands: make sim (on 127.0.0.9; make sim-stop ends it)"

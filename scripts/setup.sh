@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that one make target needs, and only those that are missing; does nothing when all
-# are present. Usage: scripts/setup.sh TARGET... (demo, report, browser, build, test, asan, tsan, m32, fuzz, valgrind,
-# bench, mutants, package).
+# are present. Usage: scripts/setup.sh TARGET... (demo, report, browser, viewers, build, test, readme, asan, tsan, m32,
+# fuzz, valgrind, bench, mutants, package).
 # Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
@@ -9,10 +9,13 @@ set -euo pipefail
 # the installed tool needs nothing of it, and zlib, which packs the page's numbers. browser: chromium, for the test
 # that opens a report page in a real browser and for the README's screenshot of one, and poppler-utils (pdftoppm),
 # with which the test looks at the page printed to PDF. build: python3-venv, -pip,
-# -setuptools and -wheel let the Python test pip-install the package into a virtual environment, offline.
+# -setuptools and -wheel let the Python test pip-install the package into a virtual environment, offline. viewers:
+# the programs people read the files with, which a test opens them in: GTKWave (under Xvfb, with xauth for
+# xvfb-run), sigrok-cli and pandas.
 declare -A needs=(
   [report]="libjs-dygraphs zlib1g-dev"
   [browser]="chromium poppler-utils"
+  [viewers]="gtkwave xvfb xauth sigrok-cli python3-pandas"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev libgtest-dev binutils libhdf5-dev libdeflate-dev python3-numpy python3-pytest python3-h5py python3-venv python3-pip python3-setuptools python3-wheel"
   [m32]="g++-multilib pkg-config"
@@ -23,8 +26,9 @@ declare -A needs=(
   [package]="dpkg-dev file pkg-config lintian"
 )
 needs[demo]="${needs[demo]} ${needs[report]}"
-needs[build]="${needs[build]} ${needs[report]} ${needs[browser]}"
+needs[build]="${needs[build]} ${needs[report]} ${needs[browser]} ${needs[viewers]}"
 needs[test]="${needs[build]}"
+needs[readme]="${needs[build]} python3-matplotlib"  # the README's plot
 needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"
 needs[bench]="${needs[build]} ${needs[bench]}"

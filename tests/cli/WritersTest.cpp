@@ -112,7 +112,8 @@ TEST(VcdWriter, WritesEachChangeAtItsTimeInPicoseconds) {
     EXPECT_EQ(out.str(),
               "$version oltb trace of a laser scan controller card $end\n"
               "$comment\n  one tick of the card is 15.625 ns = 15625 ps.\n  time 0 is tick 1000 of the card's clock.\n"
-              "  head positions are signed (two's complement), X channels negated.\n$end\n"
+              "  head positions are signed (two's complement); the card sends X negated, and X\n"
+              "  is turned back here, so that X and Y count in the head's own directions.\n$end\n"
               "$timescale 1 ps $end\n$scope module oltb $end\n"
               "$var wire 16 ! LaserPower16 $end\n$var wire 1 \" Gate $end\n$var wire 32 # Head0TxX $end\n"
               "$upscope $end\n$enddefinitions $end\n#0\n$dumpvars\nbx !\nx\"\nbx #\n$end\n"
@@ -122,6 +123,28 @@ TEST(VcdWriter, WritesEachChangeAtItsTimeInPicoseconds) {
     EXPECT_EQ(writer.eventsSkipped(), 1U);
     EXPECT_EQ(VcdWriter::identifierOf(93), "~");
     EXPECT_EQ(VcdWriter::identifierOf(94), "!!") << "past the 94 single characters";
+}
+
+// For sigrok: only the 1-bit signals, named in the header, times rounded to the microsecond (to the nearest, and
+// changes that fall on one time written there), values known at time 0 instead of x; the end a unit after the last.
+TEST(VcdWriter, ForSigrokKeepsOneBitSignalsAtMicrosecondsStartingFromTheValuesKnown) {
+    std::ostringstream out;
+    VcdWriter writer(out, parseSignalList("Head0TxX,Gate,PortLaserOut0"), true, VcdTimeZero::FirstEvent,
+                     VcdFormat{0, true}, {eventOf(900, -1.0, oltbEventGate, 1), eventOf(990, -0.1, oltbEventHead0TxX, 7)});
+    writer.write(eventOf(1000, 0.0, oltbEventHead0TxX, 5));
+    writer.write(eventOf(1031, 0.484375, oltbEventPortLaserOut0, 1));  // 0.48 us: at 0
+    writer.write(eventOf(1032, 0.5, oltbEventGate, 0));                // 0.5 us: at 1
+    writer.write(eventOf(1064, 1.0, oltbEventGate, 1));
+    writer.finish();
+    const std::string text = out.str();
+    EXPECT_NE(text.find("  times are rounded to the nearest 1 us; changes closer than that share a time, the last one "
+                        "holds.\n  time 0 is tick 1000"), std::string::npos) << text;
+    EXPECT_NE(text.find("  for sigrok, which reads 1-bit signals only, left out: Head0TxX.\n$end\n$timescale 1 us $end\n"
+                        "$scope module oltb $end\n$var wire 1 ! PortLaserOut0 $end\n$var wire 1 \" Gate $end\n$upscope"),
+              std::string::npos) << text;
+    EXPECT_EQ(text.substr(text.find("#0\n")), "#0\n$dumpvars\nx!\n1\"\n$end\n1!\n#1\n0\"\n1\"\n#2\n");
+    EXPECT_EQ(writer.eventsSkipped(), 0U) << "the signals left out are named, not warned of";
+    EXPECT_EQ(writer.endTime(), 2U);
 }
 
 #ifdef OLTB_WITH_HDF5

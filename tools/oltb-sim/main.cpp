@@ -205,8 +205,9 @@ FAULTS
                             overflow flag. Time-base words are never lost.
 
 EXIT CODES
-  0 after SIGINT or SIGTERM (and for --help), 1 bad options, a job file that cannot run or a capture that
-  cannot be replayed, 2 the address cannot be bound
+  0 after SIGINT or SIGTERM (and after --help, --version, --print-job and --explain), 1 bad options, a job
+  file, jump table or settings file that cannot run or a capture that cannot be replayed, 2 the address
+  cannot be bound
   ("oltb-sim: cannot listen on ADDRESS:9495: reason"), 3 any other failure.
 )";
 
@@ -394,7 +395,12 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? ExitCode::exitSuccess : ExitCode::exitBadOptions;
+        if (e.get_exit_code() == 0) {  // --help, --version
+            app.exit(e);
+            return ExitCode::exitSuccess;
+        }
+        std::fprintf(stderr, "oltb-sim: %s\noltb-sim: see oltb-sim --help\n", e.what());
+        return ExitCode::exitBadOptions;
     }
 
     if (servoDelayUs >= 0) {

@@ -88,8 +88,11 @@ std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
     }
     connection->stop();
     acquired.events = window.takeEvents();
+    info.valuesAtZero = window.lastBeforeStart();
+    info.vcd = options.vcd;
     if (!options.raw) {
         oltbToSignedPosition(acquired.events.data(), static_cast<std::uint32_t>(acquired.events.size()));
+        oltbToSignedPosition(info.valuesAtZero.data(), static_cast<std::uint32_t>(info.valuesAtZero.size()));
     }
     return acquired;
 }

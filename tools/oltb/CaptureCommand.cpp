@@ -1,6 +1,9 @@
 // "oltb capture": starts tracing, reads until the limit (duration, number of events) or Ctrl-C, stops, and keeps
 // everything read. A lost connection also ends the capture: what was read is written and summarised before the
-// failure is reported.
+// failure is reported. A duration is counted twice: in the trace's own time, so that the capture holds exactly the
+// first S seconds of trace (the library hands over what arrived in the last read slice, which may reach past them,
+// and a server faster than real time, as a simulator with --max-rate, gives them sooner), and on the wall clock, so
+// that a server that falls silent or streams slowly cannot hold the capture for longer than S seconds.
 //
 // A reading thread takes the events from the library as they arrive and queues them in batches; this thread writes
 // them. So the capture knows at every moment how fast the stream arrives and how fast it is written, and its
@@ -145,7 +148,9 @@ private:
         const auto start = std::chrono::steady_clock::now();
         std::uint64_t read = 0;
         std::optional<std::uint64_t> origin;
-        while (!_stopping && !interruptRequested()) {
+        const double durationUs = _options.durationSeconds * 1e6;
+        bool durationReached = false;
+        while (!_stopping && !interruptRequested() && !durationReached) {
             if (_options.maxEvents > 0 && read >= _options.maxEvents) {
                 break;
             }
@@ -181,7 +186,14 @@ private:
                     event.Time = static_cast<double>(static_cast<std::int64_t>(event.Timestamp - *origin)) /
                                  TicksPerMicrosecond;
                 }
-                read += count;
+                if (_options.durationSeconds > 0.0 && batch->back().Time >= durationUs) {
+                    // Events come in time order: the first at or past the duration ends the capture, without it.
+                    const auto beyond = std::find_if(batch->begin(), batch->end(),
+                                                     [durationUs](const oltbTraceEvent& e) { return e.Time >= durationUs; });
+                    batch->erase(beyond, batch->end());
+                    durationReached = true;
+                }
+                read += batch->size();
                 _queue.push(std::move(*batch));
             }
             if (count < wanted && !_stopping) {
@@ -222,6 +234,7 @@ int runCapture(const CaptureOptions& options) {
         info.signals = signals;
         info.signedPositions = !options.raw;
         info.timeZero = VcdTimeZero::FirstEvent;
+        info.vcd = options.vcd;
         info.host = options.host;
         info.startTimeUtc = utcNowIso8601();
         outputs.begin(info);

@@ -2,6 +2,8 @@
 // OutputError, which main turns into a message and an exit code (Errors.h).
 #pragma once
 
+#include "tools/oltb/VcdWriter.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -24,6 +26,7 @@ struct CaptureOptions {
     std::vector<std::string> outputs;
     bool raw = false;
     bool quiet = false;
+    VcdFormat vcd;
 };
 
 struct AcquireOptions {
@@ -36,6 +39,7 @@ struct AcquireOptions {
     std::vector<std::string> outputs;
     bool raw = false;
     bool quiet = false;
+    VcdFormat vcd;
 };
 
 struct AnalyzeOptions {
@@ -70,6 +74,7 @@ struct CompareOptions {
 struct ConvertOptions {
     std::string input;
     std::string output;
+    VcdFormat vcd;
 };
 
 int runSignals();

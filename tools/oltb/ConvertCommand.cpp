@@ -22,7 +22,9 @@ int runConvert(const ConvertOptions& options) {
     CaptureReader reader(options.input);
     outputs.open();
     try {
-        outputs.begin(reader.info());
+        SeriesInfo info = reader.info();
+        info.vcd = options.vcd;
+        outputs.begin(info);
         Summary summary;
         std::vector<oltbTraceEvent> batch(BatchEvents);
         while (const std::size_t count = reader.read(batch.data(), batch.size())) {

@@ -1,6 +1,7 @@
 #include "tools/oltb/Outputs.h"
 
 #include "tools/oltb/Errors.h"
+#include "tools/oltb/GtkwaveView.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -194,7 +195,7 @@ void Outputs::begin(const SeriesInfo& info) {
                 output.csv = std::make_unique<CsvWriter>(descriptorOf(output));
             } else if (output.format == OutputFormat::Vcd) {
                 output.vcd = std::make_unique<VcdWriter>(descriptorOf(output), info.signals, info.signedPositions,
-                                                         info.timeZero);
+                                                         info.timeZero, info.vcd, info.valuesAtZero);
             } else {
                 close(output);  // HDF5 writes the file itself, from its start
                 output.h5 = std::make_unique<H5Writer>(output.path, info);
@@ -249,6 +250,13 @@ void Outputs::finish() {
         }
         if (output.failure.empty() && output.vcd) {
             output.vcd->finish();
+            try {
+                if (output.vcd->error() == 0) {
+                    writeGtkwaveView(output.path, *output.vcd);
+                }
+            } catch (const OutputError& error) {
+                fail(output, error.what());
+            }
         }
         if (output.csv) {
             output.csv->flush();

@@ -1,5 +1,6 @@
 // The files a command writes, each in the format its name's extension says (.csv, .vcd or .h5); "-" or no file
-// at all means CSV on standard output. One series of events goes to every file.
+// at all means CSV on standard output. One series of events goes to every file; a .vcd gets the view file that
+// GTKWave opens it with beside it (GtkwaveView.h).
 #pragma once
 
 #include "api/oltb.h"

@@ -7,13 +7,17 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <iostream>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <iostream>
+#include <map>
+#include <string>
 
 #ifndef OLTB_TOOL_VERSION
 #define OLTB_TOOL_VERSION "unknown"
@@ -27,9 +31,10 @@ constexpr const char* ServerExitCodes = R"(Exit codes: 0 success, 2 usage error,
 read failed, a timeout), 1 unexpected failure of the tool itself.)";
 
 constexpr const char* TraceFooter = R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
-dump for GTKWave or Surfer), .h5 (HDF5: one group per signal with the datasets timestamp_ticks, time_us, value,
-overflow, sequence; for MATLAB, h5py, pandas, HDFView); without -o, CSV goes to standard output. -o may be
-repeated: one series, every file. Ctrl-C ends a capture with complete files, HDF5 included.
+dump for GTKWave, Surfer or sigrok; NAME.vcd comes with NAME.gtkw, which gtkwave opens ready to read), .h5 (HDF5:
+one group per signal with the datasets timestamp_ticks, time_us, value, overflow, sequence; for h5py, MATLAB,
+Octave, HDFView); without -o, CSV goes to standard output. -o may be repeated: one series, every file. Ctrl-C
+ends a capture with complete files, HDF5 included.
 --signals replaces the server's configuration, also for the clients that come after.
 Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a read failed, a
 timeout, a label that did not come), 4 output error (a file could not be written; a closed standard output, as
@@ -54,6 +59,32 @@ CLI::Validator positiveNumberOf(const std::string& unit, double most = 1e12) {
 const CLI::Validator NotEmpty(
     [](std::string& input) { return input.empty() ? std::string("must name at least one signal") : std::string(); },
     "LIST");
+
+// How a .vcd output is laid out: its time unit, and a dump for sigrok.
+void addVcdOptions(CLI::App& command, VcdFormat& format) {
+    const CLI::Validator unit(
+        [](std::string& input) -> std::string {
+            const std::map<std::string, std::string> picoseconds{
+                {"1ps", "1"}, {"1ns", "1000"}, {"10ns", "10000"}, {"100ns", "100000"}, {"1us", "1000000"}};
+            std::string name;
+            for (const char c : input) name.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+            const auto found = picoseconds.find(name);
+            if (found == picoseconds.end()) {
+                return "must be 1ps, 1ns, 10ns, 100ns or 1us, not '" + input + "'";
+            }
+            input = found->second;
+            return {};
+        },
+        "UNIT");
+    command.add_option("--vcd-timescale", format.timescalePs,
+                       "time unit of a .vcd file: 1ps (default: each tick exact), 1ns, 10ns, 100ns or 1us (times "
+                       "rounded to it; viewers that take a sample per unit read a coarse one faster)")
+        ->transform(unit)
+        ->option_text("UNIT");
+    command.add_flag("--vcd-sigrok", format.sigrok,
+                     "a .vcd file that sigrok-cli and PulseView read as it is: the 1-bit signals only (sigrok's "
+                     "import reads no wider ones), at 1us unless --vcd-timescale says otherwise");
+}
 
 void addTraceOptions(CLI::App& command, std::string& host, std::string& signals, std::vector<std::string>& outputs,
                      bool& raw, bool& quiet) {
@@ -117,6 +148,22 @@ LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
     return labels;
 }
 
+// What the parser refused, and where to look: the help of the command given, or the list of commands.
+std::string usageMistake(const CLI::App& app, int argc, char** argv, std::string what) {
+    const CLI::App* command = nullptr;
+    for (int index = 1; index < argc && command == nullptr; ++index) {
+        for (const CLI::App* candidate : app.get_subcommands({})) {
+            if (candidate->check_name(argv[index])) {
+                command = candidate;
+            }
+        }
+    }
+    if (command == nullptr && argc > 1 && argv[1][0] != '-') {
+        what = std::string("unknown command '") + argv[1] + "'";
+    }
+    return what + "\nsee " + (command != nullptr ? "oltb " + command->get_name() + " --help" : std::string("oltb --help"));
+}
+
 // Every write to standard output counts: when one failed (a full disk, a closed pipe behind it), a command that
 // otherwise succeeded ends with the output error code, quietly for a closed pipe.
 int checkStandardOutput(int code) {
@@ -141,7 +188,8 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer("Run oltb COMMAND --help for the options of a command.");
 
-    app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample");
+    app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample")
+        ->footer("The table is the tool's own: no server is asked.");
 
     ConfigOptions config;
     CLI::App* configCommand = app.add_subcommand("config", "show the signals the server traces; replace them first "
@@ -161,7 +209,10 @@ int run(int argc, char** argv) {
     CLI::App* captureCommand =
         app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
     addTraceOptions(*captureCommand, capture.host, capture.signals, capture.outputs, capture.raw, capture.quiet);
-    auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds, "seconds to trace")
+    addVcdOptions(*captureCommand, capture.vcd);
+    auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds,
+                                                      "seconds to trace: the first S seconds of the trace, ending S "
+                                                      "seconds after the start at the latest")
                                ->check(positiveNumberOf("seconds"));
     auto* eventsOption = captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")
                              ->check(positiveNumberOf("events"));
@@ -172,6 +223,7 @@ int run(int argc, char** argv) {
     CLI::App* acquireCommand =
         app.add_subcommand("acquire", "the events between a start label and an end label (labels excluded)");
     addTraceOptions(*acquireCommand, acquire.host, acquire.signals, acquire.outputs, acquire.raw, acquire.quiet);
+    addVcdOptions(*acquireCommand, acquire.vcd);
     acquireCommand->add_option("--start", acquire.startLabel, "start label number")->required()->check(labelRange);
     acquireCommand->add_option("--end", acquire.endLabel, "end label number (Label is added to the traced signals)")
         ->required()
@@ -264,6 +316,7 @@ int run(int argc, char** argv) {
     convertCommand->add_option("output", convert.output, "the file to write: .csv, .vcd or .h5 (- for CSV on "
                                                          "standard output)")
         ->required();
+    addVcdOptions(*convertCommand, convert.vcd);
     convertCommand->footer(R"(Reads and writes a batch at a time, so files of any length convert in little memory. A CSV has no
 server, labels or start time for an .h5 file to keep. A failed or interrupted conversion removes its output.
 Exit codes: 0 success, 2 usage error (also an input that is no capture of oltb: the message names the file and
@@ -272,8 +325,12 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        const int code = app.exit(error);
-        return code == 0 ? ExitSuccess : ExitUsage;
+        if (error.get_exit_code() == 0) {  // --help, --version
+            app.exit(error);
+            return ExitSuccess;
+        }
+        printError(usageMistake(app, argc, argv, error.what()));
+        return ExitUsage;
     }
 
     ignoreBrokenPipes();
