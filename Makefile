@@ -1,6 +1,9 @@
 # The project's commands; `make` alone lists them. Every target first installs the Debian packages it needs and
 # lacks (scripts/setup.sh TARGET), and only those.
 JOBS ?= 2
+# The test suites use fixed loopback addresses of their own, so two of them must not run at once: the targets run
+# one after another even under make -j (each builds with -j $(JOBS) itself).
+.NOTPARALLEL:
 MAKEFLAGS += --no-print-directory
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 SIM_ADDRESS ?= 127.0.0.9
@@ -33,7 +36,7 @@ help:
 # package loads (the README's Python example runs next).
 demo:
 	$(SETUP) demo
-	cmake --preset release -DOLTB_REQUIRE_TESTS=OFF >/dev/null
+	cmake --preset release -DOLTB_BUILD_TESTS=OFF >/dev/null
 	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim oltb oltb_analysis_shared
 	@bash scripts/demo.sh
 
@@ -46,7 +49,7 @@ report-screenshot: demo
 # The simulator in the background, for the README's examples: its output goes to build/sim.log.
 sim:
 	$(SETUP) demo
-	cmake --preset release -DOLTB_REQUIRE_TESTS=OFF >/dev/null
+	cmake --preset release -DOLTB_BUILD_TESTS=OFF >/dev/null
 	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
 	@bash scripts/sim.sh start $(SIM_ADDRESS)
 
@@ -60,7 +63,7 @@ readme:
 
 build:
 	$(SETUP) build
-	cmake --preset release -DOLTB_REQUIRE_TESTS=ON >/dev/null
+	cmake --preset release -DOLTB_BUILD_TESTS=ON >/dev/null
 	cmake --build --preset release -j $(JOBS)
 
 # Normal build and its tests only: the quick loop while developing.
@@ -79,21 +82,20 @@ test-asan:
 	$(SETUP) asan
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
-	cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-		ctest $(CTEST_FLAGS)
+	ctest --preset asan $(CTEST_FLAGS)
 
 test-tsan:
 	$(SETUP) tsan
 	cmake --preset tsan >/dev/null
 	cmake --build --preset tsan -j $(JOBS)
-	cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_FLAGS)
+	ctest --preset tsan $(CTEST_FLAGS)
 
 # The shipped 32-bit x86 library with the C test programs (layouts, exports, a session with the simulator), built
 # with -m32 in build/m32; there is no 32-bit GoogleTest. The simulator is the normal build's. Last the library is
 # installed into a scratch prefix and a -m32 program built against it (tests/install).
 test-m32:
 	$(SETUP) build m32
-	cmake --preset release >/dev/null
+	cmake --preset release -DOLTB_BUILD_TESTS=ON >/dev/null
 	cmake --build --preset release -j $(JOBS) --target oltb-sim
 	cmake --preset m32 -DOLTB_SIMULATOR=$(CURDIR)/build/release/tools/oltb-sim/oltb-sim >/dev/null
 	cmake --build --preset m32 -j $(JOBS)
@@ -154,7 +156,7 @@ bench:
 PREFIX ?= /usr/local
 install:
 	$(SETUP) demo
-	cmake --preset release >/dev/null
+	cmake --preset release -DOLTB_BUILD_TESTS=OFF >/dev/null
 	cmake --build --preset release -j $(JOBS) --target shipped
 	cmake --install build/release --prefix $(PREFIX)
 	@[ "$$(id -u)" != 0 ] || ldconfig
@@ -162,7 +164,7 @@ install:
 # The Debian packages (cmake/OltbPackaging.cmake) in build/release/packages; lintian must report no error.
 package:
 	$(SETUP) package
-	cmake --preset release >/dev/null
+	cmake --preset release -DOLTB_BUILD_TESTS=OFF >/dev/null
 	cmake --build --preset release -j $(JOBS) --target shipped
 	rm -rf build/release/packages
 	cd build/release && cpack >/dev/null
