@@ -75,9 +75,9 @@ TEST(SignalList, SelectsNamesAndGroupsInAnyCaseInTableOrderOnceAndRejectsTheRest
     } catch (const UnknownSignalError& error) {
         EXPECT_STREQ(error.what(), "unknown signal 'Head2TxX' (see: oltb signals)");
     }
-    EXPECT_EQ(outputFormatOf("DEMO.CSV"), OutputFormat::Csv);
-    EXPECT_EQ(outputFormatOf("-"), OutputFormat::Csv);
-    EXPECT_EQ(outputFormatOf("a.b/trace.Vcd"), OutputFormat::Vcd);
+    EXPECT_STREQ(outputFormatOf("DEMO.CSV").extension, ".csv");
+    EXPECT_STREQ(outputFormatOf("-").extension, ".csv");
+    EXPECT_STREQ(outputFormatOf("a.b/trace.Vcd").extension, ".vcd");
     for (const char* path : {"trace.txt", ".vcd", "trace.vcd.gz"}) EXPECT_THROW(outputFormatOf(path), UsageError) << path;
 }
 

@@ -1,7 +1,6 @@
 #include "tools/oltb/Outputs.h"
 
 #include "tools/oltb/Errors.h"
-#include "tools/oltb/GtkwaveView.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -82,14 +81,15 @@ bool sameFile(const std::string& first, const std::string& second) {
     return resolved(first) == resolved(second);
 }
 
-OutputFormat outputFormatOf(const std::string& path) {
-    const std::optional<OutputFormat> format = path == "-" ? OutputFormat::Csv : formatOfFileName(path);
-    if (!format) {
+const WriterFormat& outputFormatOf(const std::string& path) {
+    const WriterFormat* format = writerFormatOf(path);
+    if (format == nullptr) {
         throw UsageError("output '" + path +
                          "': unknown format; name a .csv, .vcd or .h5 file (or - for CSV on standard output)");
     }
-    if (*format == OutputFormat::H5 && !H5Writer::available()) {
-        throw UsageError("output '" + path + "': this oltb was built without HDF5 (install libhdf5-dev and build again)");
+    if (!format->available()) {
+        throw UsageError("output '" + path + "': this oltb was built without " + (format->extension + 1) + " files (" +
+                         format->missing + ")");
     }
     return *format;
 }
@@ -105,7 +105,7 @@ Outputs::Outputs(std::vector<std::string> paths) {
             throw UsageError(same->path == path ? "output '" + path + "' is given twice"
                                                 : "outputs '" + same->path + "' and '" + path + "' are one file");
         }
-        _outputs.push_back(Output{path, outputFormatOf(path), -1, false, nullptr, nullptr, nullptr, {}});
+        _outputs.push_back(Output{path, &outputFormatOf(path), -1, false, nullptr, {}});
     }
 }
 
@@ -166,7 +166,7 @@ int Outputs::descriptorOf(const Output& output) {
 }
 
 void Outputs::checkWritten(Output& output) {
-    const int error = output.csv ? output.csv->error() : output.vcd ? output.vcd->error() : 0;
+    const int error = output.writer ? output.writer->error() : 0;
     if (output.failure.empty() && error != 0) {
         fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(error) +
                          (output.path == "-" || !_begun ? "" : "; it keeps what was written before, up to its last whole line"));
@@ -191,15 +191,10 @@ void Outputs::begin(const SeriesInfo& info) {
     std::cout.flush();  // whatever the stream holds comes before the data written to standard output directly
     for (Output& output : _outputs) {
         try {
-            if (output.format == OutputFormat::Csv) {
-                output.csv = std::make_unique<CsvWriter>(descriptorOf(output));
-            } else if (output.format == OutputFormat::Vcd) {
-                output.vcd = std::make_unique<VcdWriter>(descriptorOf(output), info.signals, info.signedPositions,
-                                                         info.timeZero, info.vcd, info.valuesAtZero);
-            } else {
-                close(output);  // HDF5 writes the file itself, from its start
-                output.h5 = std::make_unique<H5Writer>(output.path, info);
+            if (output.format->writesByName) {
+                close(output);  // the writer writes the file itself, from its start
             }
+            output.writer = output.format->start(descriptorOf(output), output.path, info);
         } catch (const OutputError& error) {
             fail(output, error.what());
         }
@@ -217,16 +212,7 @@ void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
             continue;
         }
         try {
-            if (output.csv) {
-                output.csv->write(events, count);
-            } else if (output.vcd) {
-                output.vcd->write(events, count);
-            } else {
-                output.h5->write(events, count);
-            }
-            if (output.h5) {
-                output.h5->flushIfDue();
-            }
+            output.writer->write(events, count);
         } catch (const OutputError& error) {
             fail(output, error.what());
         }
@@ -237,31 +223,17 @@ void Outputs::write(const oltbTraceEvent* events, std::size_t count) {
 
 void Outputs::finish() {
     for (Output& output : _outputs) {
-        if (output.h5) {
+        if (output.failure.empty() && output.writer) {
             try {
-                if (output.failure.empty()) {
-                    output.h5->finish();
-                }
+                output.writer->finish();
             } catch (const OutputError& error) {
                 fail(output, error.what());
             }
-            output.h5.reset();
-            continue;
-        }
-        if (output.failure.empty() && output.vcd) {
-            output.vcd->finish();
-            try {
-                if (output.vcd->error() == 0) {
-                    writeGtkwaveView(output.path, *output.vcd);
-                }
-            } catch (const OutputError& error) {
-                fail(output, error.what());
-            }
-        }
-        if (output.csv) {
-            output.csv->flush();
         }
         checkWritten(output);
+        if (output.format->writesByName) {
+            output.writer.reset();  // closes the file
+        }
         if (output.descriptor >= 0) {
             const int closed = ::close(output.descriptor);
             output.descriptor = -1;
@@ -284,9 +256,7 @@ void Outputs::discard() {
         if (!output.created) {
             continue;
         }
-        output.csv.reset();
-        output.vcd.reset();
-        output.h5.reset();
+        output.writer.reset();
         close(output);
         std::remove(output.path.c_str());
         output.created = false;
@@ -294,18 +264,13 @@ void Outputs::discard() {
 }
 
 std::vector<std::string> Outputs::warnings() const {
-    std::vector<std::string> result;
+    std::vector<std::string> texts;
     for (const Output& output : _outputs) {
-        if (output.vcd && output.vcd->eventsMovedForward() > 0) {
-            result.push_back(output.path + ": " + std::to_string(output.vcd->eventsMovedForward()) +
-                             " events earlier than their predecessors were written at the predecessor's time");
-        }
-        if (output.vcd && output.vcd->eventsSkipped() > 0) {
-            result.push_back(output.path + ": " + std::to_string(output.vcd->eventsSkipped()) +
-                             " events of signals that are not traced were left out");
+        if (output.writer) {
+            for (std::string& text : output.writer->warnings(output.path)) texts.push_back(std::move(text));
         }
     }
-    return result;
+    return texts;
 }
 
 std::string Outputs::describeComplete() const {

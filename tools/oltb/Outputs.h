@@ -4,10 +4,8 @@
 #pragma once
 
 #include "api/oltb.h"
-#include "tools/oltb/CsvWriter.h"
-#include "tools/oltb/H5Writer.h"
+#include "tools/oltb/CaptureWriter.h"
 #include "tools/oltb/SeriesInfo.h"
-#include "tools/oltb/VcdWriter.h"
 
 #include <cstddef>
 #include <memory>
@@ -22,9 +20,9 @@ enum class OutputFormat { Csv, Vcd, H5 };
 // The format of a file name by its extension (any case): .csv, .vcd, .h5; nothing for any other name.
 std::optional<OutputFormat> formatOfFileName(const std::string& path);
 
-// The format of an output by its name; "-" is CSV. Throws UsageError for anything else, and for .h5 when this oltb
-// was built without HDF5.
-OutputFormat outputFormatOf(const std::string& path);
+// The format of an output by its name; "-" is CSV. Throws UsageError for anything else, and for a format this oltb
+// was built without (.h5 without HDF5).
+const WriterFormat& outputFormatOf(const std::string& path);
 
 // Whether two names (or "-", standard output) lead to one file: the same device and inode for files that exist
 // (also through symbolic or hard links), the same resolved path for names of files still to be made.
@@ -66,7 +64,7 @@ public:
     // not created yet are left alone.
     void discard();
 
-    // Warnings of the VCD writers (events moved or skipped), empty when there are none.
+    // Warnings of the writers (events a format moved or left out), empty when there are none.
     std::vector<std::string> warnings() const;
 
     // The outputs written completely: "out/demo.csv, out/demo.vcd" or "standard output"; empty when none was.
@@ -75,12 +73,10 @@ public:
 private:
     struct Output {
         std::string path;
-        OutputFormat format;
-        int descriptor = -1;  // of a created file; -1 for standard output, and for HDF5 once begun
+        const WriterFormat* format = nullptr;
+        int descriptor = -1;  // of a created file; -1 for standard output, and for a format that writes by name
         bool created = false; // by open(): removed by discard()
-        std::unique_ptr<CsvWriter> csv;
-        std::unique_ptr<VcdWriter> vcd;
-        std::unique_ptr<H5Writer> h5;
+        std::unique_ptr<CaptureWriter> writer;
         std::string failure;  // why it can no longer be written; empty while it can
     };
 
