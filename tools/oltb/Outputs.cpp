@@ -88,8 +88,8 @@ const WriterFormat& outputFormatOf(const std::string& path) {
                          "': unknown format; name a .csv, .vcd or .h5 file (or - for CSV on standard output)");
     }
     if (!format->available()) {
-        throw UsageError("output '" + path + "': this oltb was built without " + (format->extension + 1) + " files (" +
-                         format->missing + ")");
+        throw UsageError("output '" + path + "': this oltb was built without " + format->needs +
+                         " (install libhdf5-dev and build again)");
     }
     return *format;
 }

@@ -85,7 +85,7 @@ const std::vector<WriterFormat>& writerFormats() {
          [](int descriptor, const std::string& path, const SeriesInfo& info) -> std::unique_ptr<CaptureWriter> {
              return std::make_unique<VcdFile>(descriptor, path, info);
          }},
-        {".h5", true, H5Writer::available, "install libhdf5-dev and build again",
+        {".h5", true, H5Writer::available, "HDF5",
          [](int, const std::string& path, const SeriesInfo& info) -> std::unique_ptr<CaptureWriter> {
              return std::make_unique<H5File>(path, info);
          }},
