@@ -360,7 +360,7 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     EXPECT_EQ(waited.exitCode, 3);
     EXPECT_NE(waited.err.find("oltb: no start label 99 within 1 s (--max-wait)"), std::string::npos) << waited.err;
 
-    std::ofstream(path("quiet.job")) << "wait 5000000\n";  // 5 s without a label
+    std::ofstream(path("quiet.job")) << "wait 3000000\n";  // 3 s without a label
     Simulator quiet("127.0.0.71", {"--job", path("quiet.job")});
     ASSERT_TRUE(quiet.ready()) << quiet.standardError();
     const ToolResult silence = runTool({"acquire", "127.0.0.71", "--start", "1", "--end", "2", "--signals", "Spi3Rx",

@@ -43,7 +43,7 @@ class Simulator : public ChildProcess {
 public:
     explicit Simulator(const std::string& address, std::vector<std::string> options = {})
         : ChildProcess(OLTB_SIM_PATH, withAddress(address, std::move(options))),
-          _ready(waitForText("oltb-sim listening on " + address + ":9495\n", std::chrono::seconds(10))) {}
+          _ready(waitForText("oltb-sim listening on " + address + ":9495\n", std::chrono::seconds(30))) {}
     bool ready() const { return _ready; }
 
 private:
