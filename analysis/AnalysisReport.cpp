@@ -4,29 +4,10 @@
 #include "events/SignalList.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdio>
 
 namespace oltb::analysis {
-
-std::string jsonNumber(std::optional<double> value) {
-    if (!value || !std::isfinite(*value)) {
-        return "null";
-    }
-    double rounded = std::round(*value * 1e6) / 1e6;
-    if (!std::isfinite(rounded) || std::abs(*value) >= 1e15) {
-        rounded = *value;
-    }
-    if (rounded == 0) {
-        rounded = 0;  // no "-0"
-    }
-    char text[64];
-    const auto written = std::abs(rounded) < 1e15
-                             ? std::to_chars(text, text + sizeof(text), rounded, std::chars_format::fixed)
-                             : std::to_chars(text, text + sizeof(text), rounded);
-    return std::string(text, written.ptr);
-}
 
 namespace {
 
@@ -43,28 +24,9 @@ std::string signalLabel(int type) {
     return signal != nullptr ? signal->name : "type " + std::to_string(type);
 }
 
-std::string jsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (c == '<' || c == '>' || c == '&' || static_cast<unsigned char>(c) < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
 namespace {
 
-std::string boolean(bool value) {
-    return value ? "true" : "false";
-}
+const auto boolean = [](bool value) { return jsonBool(value); };
 
 std::string settingJson(const Setting& setting) {
     return "{\"now\": " + number(setting.now) + ", \"suggested\": " + number(setting.suggested) +

@@ -1,6 +1,7 @@
 // The analysis as a JSON object for programs and as a summary with suggestions for people.
 #pragma once
 
+#include "analysis/Json.h"
 #include "analysis/TraceAnalysis.h"
 
 #include <optional>
@@ -12,12 +13,6 @@ namespace oltb::analysis {
 // The name of a signal by its event type, e.g. "Head0TxX"; without one, "type N".
 std::string signalLabel(int type);
 
-// `text` as a JSON string that may also stand inside an HTML <script> element: '<', '>' and '&' are escaped too, so
-// that no "</script>" or comment opener can form.
-std::string jsonString(const std::string& text);
-
-// A JSON number to a millionth (times come in 1/64 us, so they stay exact), or null for a missing or not finite one.
-std::string jsonNumber(std::optional<double> value);
 
 // The settings object {"laser_on_delay_us": {"now", "suggested", "why"}, ...} and the jump delay table.
 std::string settingsJson(const Settings& settings);

@@ -1,6 +1,8 @@
 // The truth behind a job's trace, from the model's own samples and schedule, and its JSON form.
 #include "GroundTruth.h"
 
+#include "analysis/Json.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -109,12 +111,7 @@ double usFromJobStart(const MarkingJob& job, const double tick) {
 }
 
 std::string number(const double value) {
-    if (!std::isfinite(value)) {
-        return "null";
-    }
-    char text[64];
-    std::snprintf(text, sizeof text, "%.3f", std::fabs(value) < 0.0005 ? 0.0 : value);  // no "-0.000"
-    return text;
+    return oltb::analysis::jsonNumber(value);
 }
 
 std::string point(const Point p) {
@@ -126,20 +123,7 @@ std::string labelOrNull(const int label) {
 }
 
 std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-        }
-        if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
-            out += escaped;
-            continue;
-        }
-        out += c;
-    }
-    return out + "\"";
+    return oltb::analysis::jsonString(text);
 }
 
 double median(std::vector<double> values) {

@@ -36,14 +36,7 @@ constexpr double TickScale = 64;     // ticks per us
 using analysis::jsonString;
 using cli::signalNameOf;
 
-std::string number(double value) {
-    if (!std::isfinite(value)) {
-        return "null";
-    }
-    char text[32];
-    const auto written = std::to_chars(text, text + sizeof(text), value);
-    return std::string(text, written.ptr);
-}
+const auto number = [](double value) { return analysis::jsonNumber(value); };
 
 // The trace as the page draws it, split by channel.
 struct Channels {

@@ -1,5 +1,7 @@
 #include "tools/oltb/report/PageDetails.h"
 
+#include "analysis/Json.h"
+
 #include "tools/oltb/report/PackedNumbers.h"
 
 #include "analysis/Segments.h"
@@ -19,14 +21,7 @@ constexpr double WindowLags = 1.5;    // an edge's window reaches this many trac
 constexpr double DefaultLagUs = 300;  // a typical head's tracking error, for a trace that does not give one
 constexpr std::size_t MaxWindowPoints = 500;
 
-std::string number(double value) {
-    if (!std::isfinite(value)) {
-        return "null";
-    }
-    char text[32];
-    const auto written = std::to_chars(text, text + sizeof(text), value);
-    return std::string(text, written.ptr);
-}
+const auto number = [](double value) { return analysis::jsonNumber(value); };
 
 double doseOf(std::optional<double> speedShare) {
     return speedShare ? 1 / std::max(*speedShare, 0.01) : 0.0;
