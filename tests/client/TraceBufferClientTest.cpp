@@ -167,19 +167,21 @@ TEST(TraceCommands, CommandsOfTwoThreadsEachGetTheirOwnResponse) {
     EXPECT_EQ(failures[1], std::vector<std::string>(20));
 }
 
-// A Stop that times out leaves the client started, a Start that times out leaves it not started. Each case waits
-// out the 3000 ms limit once, so they run side by side.
+// A Stop that times out leaves the client started, a Start that times out leaves it not started. The late answer
+// (3.5 s) is dropped when it comes, and the commands after it get their own. Each case waits out the 3000 ms limit
+// once, so they run side by side.
 TEST(TraceCommands, CommandWithoutResponseTimesOutAndKeepsTheStartedState) {
+    const Reaction late{{responseFrame({})}, 0ms, 3500ms};
     std::thread stopCase([&] {
         Connection c("127.0.0.17");
         c.client.Start();
-        c.server.setReactionOnce(kStopCode, Reaction::silent());
+        c.server.setReactionOnce(kStopCode, late);
         EXPECT_EQ(failureOf([&] { c.client.Stop(); }), Timeout);
         c.client.Clear();  // started: Stop and Start go out
         EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{kStartCode, kStopCode, kStopCode, kStartCode}));
     });
     Connection c("127.0.0.18");
-    c.server.setReactionOnce(kStartCode, Reaction::silent());
+    c.server.setReactionOnce(kStartCode, late);
     EXPECT_EQ(failureOf([&] { c.client.Start(); }), Timeout);
     c.client.Clear();  // not started: nothing goes out
     c.client.Start();  // not started: goes out again

@@ -8,9 +8,12 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <set>
 
 namespace {
 
@@ -165,6 +168,68 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
     // Removed between the poll's two lookups, or before it.
     EXPECT_TRUE(texts[2] == "Illegal handle!" || texts[2] == "There is no connection corresponding to this handle.");
     for (const double end : ended) EXPECT_LT(end - disconnected, 1.0);
+}
+
+// Disconnects of one handle from three threads at once all return 0 promptly, and the handle is gone.
+TEST(ServerCloses, DisconnectsOfOneHandleFromSeveralThreadsAllReturn) {
+    FakeServer server("127.0.10.1");
+    for (int round = 0; round < 10; ++round) {
+        const int handle = oltbConnect("127.0.10.1");
+        ASSERT_GT(handle, 0) << takeLastError();
+        ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+        server.send(counterWords(0, 512, 1, 1));
+        mustReturnWithin(2s, "three Disconnects of one handle", [handle] {
+            std::atomic<int> ready{0};
+            std::vector<int> results(3, -2);
+            std::vector<std::thread> threads;
+            for (int& result : results) {
+                threads.emplace_back([&] {
+                    for (++ready; ready < 3;) {
+                    }
+                    result = oltbDisconnect(handle);
+                });
+            }
+            for (std::thread& thread : threads) thread.join();
+            EXPECT_EQ(results, std::vector<int>(3, 0));
+        });
+        bool connected = true;
+        EXPECT_EQ(oltbIsConnected(handle, &connected), 0);
+        EXPECT_FALSE(connected);
+    }
+}
+
+// A Disconnect while one thread reads without limit and another stops tracing, whose answer comes with trace words
+// behind it: the read ends with its events or a text of a handle gone, never with the answer decoded as a trace word
+// ("TraceEventType 77 not supported!").
+TEST(ServerCloses, DisconnectRacingAReadAndAStopEndsTheReadWithItsText) {
+    FakeServer server("127.0.10.2");
+    server.setReaction(kStopCode, {{concat({responseFrame({}), counterWords(0, 64, 1, 1)})}});
+    const std::set<std::string> allowed = {"", kNoConnection, "Illegal handle!",
+                                           "There is no connection corresponding to this handle."};
+    std::map<std::string, int> readTexts;
+    for (int round = 0; round < 500; ++round) {
+        const int handle = oltbConnect("127.0.10.2");
+        ASSERT_GT(handle, 0) << takeLastError();
+        ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+        ASSERT_EQ(oltbSetReadTimeout(handle, -1), 0);
+        std::string readText;
+        std::thread reader([&] {
+            oltbTraceEvent events[8];
+            std::uint32_t count = 0;
+            if (oltbRead(handle, events, 0, 8, &count) != 0) readText = takeLastError();
+        });
+        server.clearCommands();
+        std::thread stopper([handle] { oltbStop(handle); });
+        server.waitForCommands(1, 1s);  // the Disconnect comes as the Stop's answer goes out, or a little later
+        for (const auto until = Clock::now() + round % 25 * 4us; Clock::now() < until;) {
+        }
+        EXPECT_EQ(oltbDisconnect(handle), 0);
+        reader.join();
+        stopper.join();
+        ++readTexts[readText];
+    }
+    for (const auto& [text, count] : readTexts) EXPECT_TRUE(allowed.count(text)) << count << " reads: " << text;
+    for (const auto& [text, count] : readTexts) std::printf("%d: %s\n", count, text.c_str());
 }
 
 // Threads, open descriptors and bytes the allocator has handed out.
