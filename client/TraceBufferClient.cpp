@@ -349,7 +349,7 @@ std::size_t TraceBufferClient::takeAnswers(std::byte* data, std::size_t count) {
             passOn(data, count);  // every answer is in: the rest is trace data
             return 0;
         }
-        const ResponseFrameScan scan = scanForResponseFrame(data, count);
+        const ResponseFrameScan scan = scanForResponseFrame(data, count, static_cast<int>(_wordPosition));
         if (scan.outcome == ResponseScanOutcome::noFrame) {
             passOn(data, count);
             return 0;
@@ -361,6 +361,7 @@ std::size_t TraceBufferClient::takeAnswers(std::byte* data, std::size_t count) {
             return count - scan.candidateStart;
         }
         passOn(data, scan.headerStart);
+        _wordPosition = 0;  // a word begins behind an answer
         const std::uint64_t answer = ++_answersTaken;
         _answersDue = _answersTaken < _commandsSent;
         if (answer == _startAnswer) {
@@ -378,8 +379,20 @@ std::size_t TraceBufferClient::takeAnswers(std::byte* data, std::size_t count) {
 }
 
 void TraceBufferClient::passOn(const std::byte* first, std::size_t count) {
-    if (_dropTrace) return;
-    if (_isStarted || _waitingForResponse) enqueueBytes(first, count);
+    const bool keep = !_dropTrace && (_isStarted || _waitingForResponse);
+    if (keep != _keeping && _wordPosition != 0) {
+        // Trace data is kept or dropped in whole words: the rest of a word goes where its beginning went, so that
+        // what is queued never begins or ends inside a word.
+        const std::size_t rest = std::min(count, TraceWordBytes - _wordPosition);
+        if (_keeping) enqueueBytes(first, rest);
+        first += rest;
+        count -= rest;
+        _wordPosition = (_wordPosition + rest) % TraceWordBytes;
+        if (_wordPosition != 0) return;
+    }
+    _keeping = keep;
+    if (keep && count > 0) enqueueBytes(first, count);
+    _wordPosition = (_wordPosition + count) % TraceWordBytes;
 }
 
 std::size_t TraceBufferClient::receiveMore(ReceiveBuffer& buffer, std::size_t offset) {

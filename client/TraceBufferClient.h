@@ -119,7 +119,8 @@ private:
     // how many bytes it kept at the front of the buffer: the beginning of what may be an answer, to be completed by
     // the next receive.
     std::size_t takeAnswers(std::byte* data, std::size_t count);
-    // Trace data received now: queued while tracing or while a command waits, dropped before a Start's answer.
+    // Trace data received now: queued while tracing or while a command waits, dropped before a Start's answer;
+    // advances the word grid.
     void passOn(const std::byte* first, std::size_t count);
     // One receive into buffer[offset, _bufferSize); a closed connection or a failure throws.
     std::size_t receiveMore(ReceiveBuffer& buffer, std::size_t offset);
@@ -128,6 +129,10 @@ private:
     // delivers, and costs hardly more memory than its bytes.
     void enqueueBytes(const std::byte* first, std::size_t count);
     std::vector<std::byte> blockStorage();
+    // Reader thread only: the place of the next byte received in the word grid of the trace data (see
+    // scanForResponseFrame; a word begins behind every answer), and whether the word being received is kept.
+    std::size_t _wordPosition = 0;
+    bool _keeping = false;
     // Ends the connection after a reader failure: _running cleared and the socket closed, under _socketMutex.
     void closeAfterReaderFailure() noexcept;
     // Wakes a read that waits for a block: the empty block ends its wait, and it finds the connection gone.
