@@ -259,8 +259,7 @@ OLTB_API int oltbSetReadTimeout(int handle, int timeoutMs);
  * with the command that changes it. The server answers commands in order and an answer does not name its
  * command, so the library counts them: each command gets its own answer, and the answer of a command that gave
  * up is dropped whenever it comes, never taken by another command nor decoded as trace data. An answer that never
- * comes cannot be told from a late one: the commands after it then time out, until a Start that times out
- * although answers came meanwhile gives up every answer still due; the next command is back in step.
+ * comes cannot be told from a late one: every later command of the connection then times out (connect anew).
  * Failure texts: "Connection to trace buffer server not established!" (the connection is lost),
  * "Could not receive a response from the trace buffer server within 3000ms", and the handle texts.
  * ==========================================================================================================*/

@@ -34,7 +34,6 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
     // hand the answer over, nor notify, before this command waits. The answers due to commands that gave up come
     // first (the server answers in order) and are dropped.
     const std::uint64_t answer = ++_commandsSent;
-    const std::uint64_t answersBefore = _answersTaken;
     _answersDue = true;
     _awaitedAnswer = answer;
     _waitingForResponse = true;
@@ -53,14 +52,10 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
         throw std::runtime_error(ClientMessages::NotConnected);
     }
     if (!answered) {
-        // The answer may still come; it is looked for, and dropped, whenever it does. But when answers came and
-        // none was a Start's own, an answer due before it will never come (a server that ignored a command, an
-        // answer cut beyond recognition): the Start is where the client gets back in step, giving up every answer
-        // due, its own included.
-        if (code == TraceCommandCode::Start && _answersTaken > answersBefore) {
-            _answersTaken = _commandsSent;
-            _answersDue = false;
-        }
+        // The answer may still come: it is looked for, and dropped, whenever it does. An answer that never comes
+        // (a server that ignored a command, an answer cut beyond recognition) cannot be told from a late one, and
+        // taking a later frame in its place would hand some command the wrong answer: every later command then
+        // waits for its own in vain, until a new connection.
         throw std::runtime_error(ClientMessages::ResponseTimeout);
     }
     if (!wantResponse) {

@@ -1,6 +1,6 @@
 // The client against the fake server: the command frames on the wire, connecting with retries, how the reader tells
 // responses from trace data, what Start, Stop and Clear do with the started state and the unread data, commands
-// from two threads, commands whose response never comes, Disconnect, and the socket layer underneath.
+// whose response comes late, Disconnect, and the socket layer underneath.
 #include "client/TraceBufferClient.h"
 #include "tests/support/FakeServer.h"
 
@@ -147,27 +147,6 @@ TEST(TraceCommands, ClearRestartsOnlyARunningTrace) {
     c.server.send(spiWord(300, 3));
     EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{3}));
     EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{kStopCode, kStartCode, kStopCode, kStartCode}));
-}
-
-// Late answers keep each command waiting while the other thread's command is due; a response taken by the wrong
-// command would leave GetConfig empty-handed.
-TEST(TraceCommands, CommandsOfTwoThreadsEachGetTheirOwnResponse) {
-    Connection c("127.0.0.20");
-    c.server.setReaction(kStopCode, Reaction{{responseFrame({})}, 0ms, 5ms});
-    c.server.setReaction(kGetConfigCode, Reaction{{responseFrame(configPayload(7, 0x1, 0, 0, 0))}, 0ms, 5ms});
-    std::vector<std::string> failures[2];
-    std::thread stopping([&] {
-        for (int i = 0; i < 20; ++i) failures[0].push_back(failureOf([&] { c.client.Stop(); }));
-    });
-    for (int i = 0; i < 20; ++i) {
-        failures[1].push_back(failureOf([&] {
-            const oltbTraceBufferConfig_Struct config = c.client.GetConfig();
-            if (config.Version != 7 || !config.PortA) throw std::runtime_error("someone else's response");
-        }));
-    }
-    stopping.join();
-    EXPECT_EQ(failures[0], std::vector<std::string>(20));
-    EXPECT_EQ(failures[1], std::vector<std::string>(20));
 }
 
 // A Stop that times out leaves the client started, a Start that times out leaves it not started. The late answer

@@ -6,7 +6,8 @@
 // its bound, every failure is one of the library's texts for that call, every event is a word the server sent, in
 // order and once, every GetConfig gets the answer to its own frame; after a run nothing is left behind.
 //
-//   api_explorer [--seconds S] [--workers W] [--first-seed N] [--max-delay-ms D]   schedules from N on for S seconds
+//   api_explorer [--seconds S] [--workers W] [--first-seed N] [--max-delay-ms D] [--first-address A]
+//       schedules from N on for S seconds, worker w on 127.0.10.(A + 4w) and the next address (A: 100)
 //   api_explorer --seed N [--repeat R]                                              schedule N alone, R times
 //
 // A failure prints the seed, the violation and the schedule's calls, and ends the run with exit code 1. A schedule
@@ -22,6 +23,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <random>
 #include <set>
@@ -87,11 +89,22 @@ Bytes wordsFrom(std::uint32_t first, std::uint32_t count) {
 
 enum Kind { Connect, Disconnect, IsConnected, GetTimeout, SetTimeout, Start, Stop, Clear, GetConfig, SetConfig, TryRead,
             Read, Acquire, GetAcquired, LastError, NoHandle, KindCount };
-const char* const kNames[] = {"Connect", "Disconnect", "IsConnected", "GetReadTimeout", "SetReadTimeout", "Start", "Stop",
-                              "Clear", "GetConfig", "SetConfig", "TryRead", "Read", "Acquire", "GetAcquiredElements",
-                              "GetLastError", "InitConfig/ToSignedPosition"};
-// How often each kind is drawn.
-const int kWeights[] = {2, 3, 3, 2, 4, 8, 6, 5, 8, 5, 12, 12, 4, 4, 3, 2};
+enum Bound { Quick, Prompt, Command, Reading };  // 1 s; 2 s; commands of all threads in turn; reads in turn
+struct KindInfo {
+    const char* name;
+    int weight;  // how often it is drawn
+    Bound bound;
+    const std::set<std::string>* texts;  // besides the handle texts
+};
+const std::set<std::string> kNone;
+const KindInfo kKinds[] = {{"Connect", 2, Command, &kNone}, {"Disconnect", 3, Prompt, &kNone},
+                           {"IsConnected", 3, Quick, &kNone}, {"GetReadTimeout", 2, Quick, &kNone},
+                           {"SetReadTimeout", 4, Quick, &kNone}, {"Start", 8, Command, &kCommandTexts},
+                           {"Stop", 6, Command, &kCommandTexts}, {"Clear", 5, Command, &kCommandTexts},
+                           {"GetConfig", 8, Command, &kCommandTexts}, {"SetConfig", 5, Command, &kCommandTexts},
+                           {"TryRead", 12, Reading, &kReadTexts}, {"Read", 12, Reading, &kReadTexts},
+                           {"Acquire", 4, Reading, &kReadTexts}, {"GetAcquiredElements", 4, Quick, &kReadTexts},
+                           {"GetLastError", 3, Quick, &kNone}, {"InitConfig/ToSignedPosition", 2, Quick, &kNone}};
 
 struct Call {
     Kind kind;
@@ -116,12 +129,12 @@ Schedule makeSchedule(std::uint64_t seed, int maxDelayMs) {
     schedule.maxDelayMs = maxDelayMs;
     schedule.threads.resize(static_cast<std::size_t>(2 + pick(random, 3)));
     int totalWeight = 0;
-    for (int weight : kWeights) totalWeight += weight;
+    for (const KindInfo& kind : kKinds) totalWeight += kind.weight;
     for (auto& calls : schedule.threads) {
         for (int n = 4 + pick(random, 10); n > 0; --n) {
             int draw = pick(random, totalWeight);
             int kind = 0;
-            while (draw >= kWeights[kind]) draw -= kWeights[kind++];
+            while (draw >= kKinds[kind].weight) draw -= kKinds[kind++].weight;
             const int timeouts[] = {-1, 0, 0, 20, 100, 300, 800};
             const int number = kind == SetTimeout ? timeouts[pick(random, 7)] : pick(random, 5000);
             calls.push_back({static_cast<Kind>(kind), pick(random, schedule.slots),
@@ -139,6 +152,7 @@ struct Figures {
         stalls{0};
 };
 Figures figures;
+int firstAddress = 100;  // the last byte of the first worker's first address
 
 // A fake server whose script answers in order with seeded faults, numbers its GetConfig answers and streams words while
 // started.
@@ -242,7 +256,7 @@ class Run {
 public:
     Run(const Schedule& schedule, int worker) : _schedule(schedule), _start(Clock::now()) {
         for (int slot = 0; slot < schedule.slots; ++slot) {
-            _addresses.push_back("127.0.10." + std::to_string(100 + 4 * worker + slot));
+            _addresses.push_back("127.0.10." + std::to_string(firstAddress + 4 * worker + slot));
             _servers.push_back(std::make_unique<Server>(_addresses.back(), schedule.seed * 31 + slot, schedule.maxDelayMs));
             _seen.emplace_back();
             _handles.emplace_back();
@@ -262,21 +276,21 @@ public:
             });
         }
         // Every thread ends, or waits in a read without limit, within the sum of its calls' bounds (the watchdog).
-        double boundSeconds = 10;
-        for (const auto& calls : _schedule.threads) boundSeconds += 7.0 * static_cast<double>(calls.size());
+        double boundSeconds = 20 + _schedule.maxDelayMs / 1000.0;
+        for (const auto& calls : _schedule.threads) {
+            for (const Call& call : calls) {
+                const bool command = call.kind == Start || call.kind == Stop || call.kind == GetConfig || call.kind == SetConfig;
+                boundSeconds += call.kind == Clear || call.kind == Connect ? 6 : command ? 3 : 0.5;
+            }
+        }
         waitForThreads(after(_start, kSlack * boundSeconds), false);
         // The Disconnects end the reads waiting without limit.
-        std::vector<int> handles;
-        {
-            const std::lock_guard<std::mutex> lock(_logMutex);
-            for (const auto& issued : _handles) handles.insert(handles.end(), issued.begin(), issued.end());
-        }
+        _ending = true;  // no new connections from here on
         const auto disconnected = Clock::now();
-        for (const int handle : handles) {
-            if (oltbDisconnect(handle) != 0) fail("the final Disconnect of " + std::to_string(handle) + " failed");
-        }
+        disconnectAll();
         waitForThreads(after(disconnected, 2 * kSlack), true);
         for (std::thread& thread : threads) thread.join();
+        disconnectAll();  // a Connect that was under way
         return _violation;
     }
 
@@ -288,11 +302,27 @@ public:
     }
 
 private:
+    void disconnectAll() {
+        std::vector<int> handles;
+        {
+            const std::lock_guard<std::mutex> lock(_logMutex);
+            for (const auto& issued : _handles) handles.insert(handles.end(), issued.begin(), issued.end());
+        }
+        for (const int handle : handles) {
+            if (oltbDisconnect(handle) != 0) fail("the final Disconnect of " + std::to_string(handle) + " failed");
+        }
+    }
+
     // Waits until every thread has ended, or (unless `all`) waits in a call without limit; ends the program when
     // they have not by `limit`.
     void waitForThreads(Clock::time_point limit, bool all) {
         std::unique_lock<std::mutex> lock(_mutex);
-        const auto waiting = [&] { return _finished + (all ? 0 : _unbounded.size()) == _schedule.threads.size(); };
+        // Reads of a handle run one after another: behind one that waits without limit, all do.
+        const auto waiting = [&] {
+            std::size_t unbounded = 0;
+            for (const auto& [thread, slot] : _reading) unbounded += _slotsWithoutLimit.count(slot);
+            return _finished + (all ? 0 : unbounded) == _schedule.threads.size();
+        };
         if (_done.wait_until(lock, limit, waiting)) return;
         lock.unlock();
         report(all ? "HANG: calls did not end after the final Disconnects" : "HANG: the schedule did not end in time");
@@ -354,66 +384,45 @@ private:
     // One call: its result, its text against the texts it may leave, its duration against its bound.
     void perform(int thread, const Call& call) {
         const int handle = handleFor(call);
-        const std::string flight = std::to_string(thread) + ": " + kNames[call.kind] + " on " + std::to_string(handle);
-        const bool reading = call.kind == TryRead || call.kind == Read || call.kind == Acquire;
-        bool unbounded = false;
+        const std::string flight = std::to_string(thread) + ": " + kKinds[call.kind].name + " on " + std::to_string(handle);
+        const bool reading = kKinds[call.kind].bound == Reading;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
             _inFlight.insert(flight);
             if (call.kind == SetTimeout && call.number <= 0) _slotsWithoutLimit.insert(call.slot);
-            unbounded = reading && _slotsWithoutLimit.count(call.slot) > 0;
-            if (unbounded) _unbounded.insert(thread);
+            if (reading) _reading[thread] = call.slot;
             _done.notify_all();
         }
-        std::vector<oltbTraceEvent> events(static_cast<std::size_t>(3 + call.number % 600));
+        std::vector<oltbTraceEvent> events(static_cast<std::size_t>(call.kind == GetAcquired ? 1 << 16 : 3 + call.number % 600));
+        oltbTraceEvent* const buffer = call.null ? nullptr : events.data();
         const std::uint32_t offset = static_cast<std::uint32_t>(call.number % 3);
         std::uint32_t count = 0;
+        bool connected = false;
+        int timeout = 0;
+        char text[64];
         oltbTraceBufferConfig_Struct config;
         oltbInitConfig(&config);
         config.Spi0Rx = config.Label = true;
-        std::set<std::string> allowed = kHandleTexts;
-        double boundSeconds = 1;
-        // Commands of one handle wait for each other (a Clear is two of 3 s), and so do its reads (at most 800 ms).
-        const double commandBound = 6.5 * static_cast<double>(_schedule.threads.size()) + 1;
-        const double readBound = 1.5 * static_cast<double>(_schedule.threads.size()) + 2;
+        oltbTraceBufferConfig_Struct* const record = call.null ? nullptr : &config;
         const auto begin = Clock::now();
         int result = 0;
         switch (call.kind) {
         case Connect:
-            if (call.null) {
-                result = oltbConnect(nullptr);
-                allowed = {"basic_string::_M_construct null not valid"};
-            } else {
-                bool connected = false;
-                oltbIsConnected(handleFor({Connect, call.slot, 0, 0, false, 0}), &connected);
-                if (!connected) connect(call.slot);  // a second client of a fake server waits in vain: not tried
-            }
-            boundSeconds = commandBound;
+            oltbIsConnected(handleFor({Connect, call.slot, 0, 0, false, 0}), &connected);
+            // A second client of a fake server would wait in vain, and none comes once the schedule is ending.
+            if (call.null) result = oltbConnect(nullptr) > 0 ? 0 : -1;
+            else if (!connected && !_ending) connect(call.slot);
             break;
-        case Disconnect: result = oltbDisconnect(handle); boundSeconds = 2; break;
-        case IsConnected: {
-            bool connected = false;
-            result = oltbIsConnected(handle, call.null ? nullptr : &connected);
-            break;
-        }
-        case GetTimeout: {
-            int timeout = 0;
-            result = oltbGetReadTimeout(handle, call.null ? nullptr : &timeout);
-            break;
-        }
+        case Disconnect: result = oltbDisconnect(handle); break;
+        case IsConnected: result = oltbIsConnected(handle, call.null ? nullptr : &connected); break;
+        case GetTimeout: result = oltbGetReadTimeout(handle, call.null ? nullptr : &timeout); break;
         case SetTimeout: result = oltbSetReadTimeout(handle, call.number); break;
-        case Start: result = oltbStart(handle); allowed.insert(kCommandTexts.begin(), kCommandTexts.end()); boundSeconds = commandBound; break;
-        case Stop: result = oltbStop(handle); allowed.insert(kCommandTexts.begin(), kCommandTexts.end()); boundSeconds = commandBound; break;
-        case Clear: result = oltbClear(handle); allowed.insert(kCommandTexts.begin(), kCommandTexts.end()); boundSeconds = commandBound; break;
-        case SetConfig:
-            result = oltbSetConfig(handle, call.null ? nullptr : &config);
-            allowed.insert(kCommandTexts.begin(), kCommandTexts.end());
-            boundSeconds = commandBound;
-            break;
+        case Start: result = oltbStart(handle); break;
+        case Stop: result = oltbStop(handle); break;
+        case Clear: result = oltbClear(handle); break;
+        case SetConfig: result = oltbSetConfig(handle, record); break;
         case GetConfig:
-            result = oltbGetConfig(handle, call.null ? nullptr : &config);
-            allowed.insert(kCommandTexts.begin(), kCommandTexts.end());
-            boundSeconds = commandBound;
+            result = oltbGetConfig(handle, record);
             if (result == 0 && !_servers[call.slot]->answeredWithin(static_cast<std::uint8_t>(config.Version), begin, Clock::now())) {
                 fail("GetConfig on " + std::to_string(handle) + " got the answer to another frame (version " +
                      std::to_string(config.Version) + ")");
@@ -421,37 +430,31 @@ private:
             break;
         case TryRead:
         case Read:
-            result = (call.kind == Read ? oltbRead : oltbTryRead)(handle, call.null ? nullptr : events.data(), offset,
+            result = (call.kind == Read ? oltbRead : oltbTryRead)(handle, buffer, offset,
                                                                   static_cast<std::uint32_t>(events.size() - offset), &count);
             if (result == 0) checkEvents(call.slot, events.data() + offset, count, true);
-            allowed.insert(kReadTexts.begin(), kReadTexts.end());
-            boundSeconds = unbounded ? -1 : readBound;  // else the final Disconnect ends it
             break;
-        case Acquire:
-            result = oltbAcquire(handle, 1, 2, call.null ? nullptr : &count);
-            allowed.insert(kReadTexts.begin(), kReadTexts.end());
-            boundSeconds = unbounded ? -1 : readBound;
-            break;
-        case GetAcquired:
-            // A series lies between labels 1 and 2, less than a label period apart, so it always fits.
-            events.resize(1U << 16);
-            result = oltbGetAcquiredElements(handle, call.null ? nullptr : events.data(), 0, 1U << 16, &count);
+        case Acquire: result = oltbAcquire(handle, 1, 2, call.null ? nullptr : &count); break;
+        case GetAcquired:  // a series lies between labels 1 and 2, less than a label period apart: it always fits
+            result = oltbGetAcquiredElements(handle, buffer, 0, static_cast<std::uint32_t>(events.size()), &count);
             if (result == 0) checkEvents(call.slot, events.data(), count, false);
-            allowed.insert(kReadTexts.begin(), kReadTexts.end());
             break;
-        case LastError: {
-            char text[64];
-            oltbGetLastError(call.null ? nullptr : text, call.number % 70 - 5);
-            result = oltbGetLastErrorLen() >= 0 ? 0 : -1;
-            break;
-        }
-        case NoHandle:
-            result = call.null ? oltbInitConfig(nullptr)
-                               : oltbToSignedPosition(events.data(), static_cast<std::uint32_t>(events.size()));
-            allowed = {"Out parameter is a null pointer!"};
-            break;
+        case LastError: oltbGetLastError(call.null ? nullptr : text, call.number % 70 - 5); break;
+        case NoHandle: result = call.null ? oltbInitConfig(nullptr) : oltbToSignedPosition(events.data(), 3); break;
         case KindCount: break;
         }
+        check(thread, call, handle, result, begin);
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _inFlight.erase(_inFlight.find(flight));
+        _reading.erase(thread);
+        if (&call == &_schedule.threads[thread].back()) ++_finished;
+        _done.notify_all();
+    }
+
+    // The text a failed call left must be one of those it may leave, and the call must have kept to its bound: reads
+    // and commands of one handle run one after another, each within its read timeout (at most 800 ms) or 3 s (a Clear:
+    // twice), unless the read timeout was without limit: then the final Disconnects end them.
+    void check(int thread, const Call& call, int handle, int result, Clock::time_point begin) {
         const double took = std::chrono::duration<double>(Clock::now() - begin).count();
         char text[512] = "";
         const int length = oltbGetLastErrorLen();
@@ -459,20 +462,23 @@ private:
         ++figures.calls;
         char line[700];
         std::snprintf(line, sizeof line, "%7.3f s  thread %d: %s on %d -> %d %s(%.3f s)",
-                      std::chrono::duration<double>(begin - _start).count(), thread, kNames[call.kind], handle, result,
+                      std::chrono::duration<double>(begin - _start).count(), thread, kKinds[call.kind].name, handle, result,
                       result != 0 ? ("'" + std::string(text) + "' ").c_str() : "", took);
         {
             const std::lock_guard<std::mutex> lock(_logMutex);
             _log.emplace_back(line);
         }
-        if (result != 0 && call.kind != Connect && !allowed.count(text)) fail(std::string("a text this call may not leave: ") + line);
+        const KindInfo& kind = kKinds[call.kind];
+        const bool allowed = kHandleTexts.count(text) || kind.texts->count(text) ||
+                             (call.kind == Connect && std::strstr(text, "null not valid"));
+        if (result != 0 && !allowed) fail(std::string("a text this call may not leave: ") + line);
         if (result != 0 && length != static_cast<int>(std::strlen(text)) + 2) fail(std::string("wrong error length: ") + line);
-        if (boundSeconds > 0 && took > boundSeconds * kSlack) fail(std::string("call beyond its bound: ") + line);
+        const double threads = static_cast<double>(_schedule.threads.size());
+        const double bounds[] = {1, 2, 6.5 * threads + 1, 1.5 * threads + 2};
         const std::lock_guard<std::mutex> lock(_mutex);
-        _inFlight.erase(_inFlight.find(flight));
-        _unbounded.erase(thread);
-        if (&call == &_schedule.threads[thread].back()) ++_finished;
-        _done.notify_all();
+        if (took > bounds[kind.bound] * kSlack && !(kind.bound == Reading && _slotsWithoutLimit.count(call.slot))) {
+            fail(std::string("call beyond its bound: ") + line);
+        }
     }
 
     const Schedule& _schedule;
@@ -487,9 +493,10 @@ private:
     std::mutex _mutex;  // calls in flight and finished threads
     std::condition_variable _done;
     std::multiset<std::string> _inFlight;
-    std::set<int> _unbounded;  // threads inside a read or acquisition that may wait without limit
+    std::map<int, int> _reading;       // thread -> slot of the read or acquisition it is inside
     std::set<int> _slotsWithoutLimit;  // slots whose read timeout has been set to 0 or less
     std::size_t _finished = 0;
+    std::atomic<bool> _ending{false};
 };
 
 // Threads and open descriptors of the process, and the bytes the allocator has handed out.
@@ -520,16 +527,19 @@ int main(int argc, char** argv) {
         const std::string option = argv[i];
         const char* value = argv[i + 1];
         if (option == "--seconds") seconds = std::atof(value);
-        if (option == "--workers") workers = std::clamp(std::atoi(value), 1, 30);
+        if (option == "--workers") workers = std::clamp(std::atoi(value), 1, 24);
         if (option == "--repeat") repeat = std::max(1, std::atoi(value));
         if (option == "--max-delay-ms") maxDelayMs = std::max(1, std::atoi(value));
+        if (option == "--first-address") firstAddress = std::clamp(std::atoi(value), 1, 250);
         if (option == "--first-seed" || option == "--seed") firstSeed = std::strtoull(value, nullptr, 10);
         if (option == "--seed") single = true;
     }
     if (single) workers = 1;
+    workers = std::max(1, std::min(workers, (254 - firstAddress) / 4));
     std::printf("api_explorer: seeds from %llu, %d workers, %s\n", static_cast<unsigned long long>(firstSeed), workers,
                 single ? "one schedule" : (std::to_string(seconds) + " s").c_str());
     std::fflush(stdout);
+    std::thread([] {}).join();  // a sanitizer starts its own thread with the first one
     const std::vector<long> before = processFigures();
     const auto start = Clock::now();
     std::atomic<bool> failed{false};

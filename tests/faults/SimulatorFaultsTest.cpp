@@ -22,20 +22,23 @@ void expectConnectFails(const std::vector<std::string>& options, const char* add
     EXPECT_LT(secondsSince(start), 6.0);
 }
 
-// A command that fails with `failure` (empty: succeeds) leaves a connection that still answers. An answer that never
-// comes leaves the client waiting for it: the Start after it takes its own answer for the missing one and fails,
-// which puts the client back in step.
+// A command that fails with `failure` (empty: succeeds) leaves a server that still answers. An answer that never comes
+// cannot be told from a late one: the client waits for it, so the next command, whose answer is taken for the missing
+// one, fails as well, and a new connection serves.
 void expectCommandThenConnectionServes(const std::vector<std::string>& options, const char* address,
                                        const std::function<int(int)>& command, const std::string& failure) {
     Simulator simulator(address, options);
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
-    const int handle = oltbConnect(address);
+    int handle = oltbConnect(address);
     ASSERT_GT(handle, 0) << takeLastError();
     EXPECT_EQ(command(handle), failure.empty() ? 0 : -1);
     EXPECT_EQ(takeLastError(), failure);
     if (!failure.empty()) {
-        EXPECT_EQ(oltbStart(handle), -1);
+        EXPECT_EQ(oltbStop(handle), -1);
         EXPECT_EQ(takeLastError(), kCommandTimeout);
+        EXPECT_EQ(oltbDisconnect(handle), 0);
+        handle = oltbConnect(address);
+        ASSERT_GT(handle, 0) << takeLastError();
     }
     oltbTraceBufferConfig_Struct config;
     EXPECT_EQ(oltbStop(handle), 0) << takeLastError();
