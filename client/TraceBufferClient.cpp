@@ -33,10 +33,11 @@ constexpr std::size_t DrainBatchSize = 50;
 constexpr std::uintptr_t PageBytes = 4096;
 // A waiting read looks at the connection this often, even if nothing wakes it.
 constexpr std::int64_t WaitSliceUs = 100000;
-// Discarding at least this much queued data, or reading a backlog of at least this much down to an eighth of it,
-// hands the freed memory back to the system.
+// Discarding at least this much queued data hands the freed memory back to the system, and so does reading a
+// backlog of at least 16 MiB down to an eighth of it (not less: a reading loop that keeps only just ahead would trim,
+// and then fault the pages in again, over and over).
 constexpr std::size_t TrimAfterDiscardedBytes = std::size_t{4} << 20;
-constexpr std::size_t TrimAfterQueuedBlocks = TrimAfterDiscardedBytes / TraceBufferClient::_bufferSize;
+constexpr std::size_t TrimAfterQueuedBlocks = (std::size_t{16} << 20) / TraceBufferClient::_bufferSize;
 
 // glibc's memcpy runs about 30 times slower when its destination lies 1 to 31 bytes after its source modulo a page
 // (its loads then seem to depend on its own earlier stores). Blocks are copied from the page-aligned receive buffer,
