@@ -258,6 +258,7 @@ void TraceBufferClient::discardQueuedBlocks() noexcept {
     std::size_t discardedBytes = 0;
     {
         const std::lock_guard<std::mutex> lock(_blockMutex);
+        ++_discards;
         for (std::size_t taken; (taken = _queue.try_dequeue_bulk(drained.begin(), drained.size())) > 0;) {
             for (std::size_t i = 0; i < taken; ++i) discardedBytes += drained[i].capacity();
         }
@@ -385,7 +386,7 @@ void TraceBufferClient::passOn(const std::byte* first, std::size_t count) {
         // Trace data is kept or dropped in whole words: the rest of a word goes where its beginning went, so that
         // what is queued never begins or ends inside a word.
         const std::size_t rest = std::min(count, TraceWordBytes - _wordPosition);
-        if (_keeping) enqueueBytes(first, rest);
+        if (_keeping) enqueueBytes(first, rest, true);
         first += rest;
         count -= rest;
         _wordPosition = (_wordPosition + rest) % TraceWordBytes;
@@ -419,8 +420,12 @@ std::vector<std::byte> TraceBufferClient::blockStorage() {
     return block;
 }
 
-void TraceBufferClient::enqueueBytes(const std::byte* first, std::size_t count) {
+void TraceBufferClient::enqueueBytes(const std::byte* first, std::size_t count, bool restOfWord) {
     const std::lock_guard<std::mutex> lock(_blockMutex);
+    if (restOfWord && _discards != _discardsSeen) {
+        return;  // a Start discarded the beginning of the word meanwhile: its rest goes too
+    }
+    _discardsSeen = _discards;
     while (count > 0) {
         if (_openBlock.capacity() == 0) {
             _openBlock = blockStorage();

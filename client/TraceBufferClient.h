@@ -126,8 +126,9 @@ private:
     std::size_t receiveMore(ReceiveBuffer& buffer, std::size_t offset);
     // Appends the bytes to the block being filled. A full block is queued, and so is any block while the queue is
     // empty (the reading side keeps up): a backlog then consists of full blocks, whatever pieces the network
-    // delivers, and costs hardly more memory than its bytes.
-    void enqueueBytes(const std::byte* first, std::size_t count);
+    // delivers, and costs hardly more memory than its bytes. `restOfWord`: the bytes end a word whose beginning was
+    // queued; they are dropped if a discard came in between.
+    void enqueueBytes(const std::byte* first, std::size_t count, bool restOfWord = false);
     std::vector<std::byte> blockStorage();
     // Reader thread only: the place of the next byte received in the word grid of the trace data (see
     // scanForResponseFrame; a word begins behind every answer), and whether the word being received is kept.
@@ -170,6 +171,9 @@ private:
     // The block the reader thread is filling, not yet queued; the reading side takes it when the queue is empty.
     std::mutex _blockMutex;
     std::vector<std::byte> _openBlock;
+    // Discards of queued data so far, and as many as the reader had seen when it last queued bytes.
+    std::uint64_t _discards = 0;
+    std::uint64_t _discardsSeen = 0;
     std::thread _readerThread;
     // Time base, carried word, current block and pending samples of the reading operations, which hold _readMutex.
     std::mutex _readMutex;

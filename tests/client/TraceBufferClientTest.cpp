@@ -140,9 +140,10 @@ TEST(TraceCommands, ClearRestartsOnlyARunningTrace) {
     c.client.Stop();
     c.client.Clear();
     EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{1}));
-    // Started: Stop, then Start, and what was received but not read is gone.
+    // Started: Stop, then Start, and what was received but not read is gone, also a word the Stop's answer cut.
     c.client.Start();
-    c.server.setReactionOnce(kStopCode, Reaction{{concat({responseFrame({}), spiWord(200, 2)})}});
+    c.server.setReactionOnce(kStopCode, Reaction{{concat({responseFrame({}), spiWord(200, 2), slice(spiWord(250, 5), 0, 4)}),
+                                                  concat({slice(spiWord(250, 5), 4, 8), spiWord(260, 6)})}, 100ms});
     c.client.Clear();
     c.server.send(spiWord(300, 3));
     EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{3}));
