@@ -11,7 +11,7 @@ SETUP = @bash scripts/setup.sh
 
 .DEFAULT_GOAL := help
 .PHONY: help demo report-screenshot sim sim-stop readme build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
-	fuzz-build bench mutants install package test-install clean
+	fuzz-build soak bench mutants install package test-install clean
 
 help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
@@ -24,6 +24,7 @@ help:
 	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind, installation"
 	@echo "make test-asan, test-tsan, test-m32, test-valgrind, fuzz-ci, test-install   one step of make test each"
 	@echo "make fuzz        each fuzz target for FUZZ_SECONDS (60)"
+	@echo "make soak        the interleaving explorer of the C interface for SECONDS (600), PRESET=release|asan|tsan"
 	@echo "make bench       the benchmarks, each figure beside its limit"
 	@echo "make mutants     the mutation check of the test suite (ONLY=filter for some mutants)"
 	@echo "make install     install library, header, pkg-config and CMake files, tools, manual pages and the Python"
@@ -127,6 +128,19 @@ fuzz: fuzz-build
 fuzz-ci: fuzz-build
 	@bash fuzz/run.sh trace_stream_fuzzer=12 response_frame_fuzzer=4 config_payload_fuzzer=4 analysis_fuzzer=10 \
 		capture_csv_fuzzer=8 capture_h5_fuzzer=12 job_file_fuzzer=4 replay_fuzzer=8 sim_command_fuzzer=5
+
+# The interleaving explorer of the C interface (tests/explorer; a 25 s run is part of every build's tests) for SECONDS
+# in the build PRESET (release, asan or tsan), from a random first seed. A failure prints the seed and the calls of
+# its schedule and exits 1; build/PRESET/tests/explorer/api_explorer --seed N --repeat 20 runs that schedule again.
+SECONDS ?= 600
+PRESET ?= release
+soak:
+	$(SETUP) $(if $(filter release,$(PRESET)),build,$(PRESET))
+	cmake --preset $(PRESET) >/dev/null
+	cmake --build --preset $(PRESET) -j $(JOBS) --target api_explorer
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+		build/$(PRESET)/tests/explorer/api_explorer --seconds $(SECONDS) --workers 4
 
 # Mutation check of the test suite: every slip listed in scripts/mutants.txt is built alone in a scratch copy
 # (build/mutants, kept for the next run) and run against the suite until its first failure. Prints the mutants no

@@ -38,26 +38,32 @@ bool Connections::Contains(int handle) {
 }
 
 std::shared_ptr<TraceBufferConnection> Connections::Get(int handle) {
-    std::lock_guard<std::mutex> lock(_mutex);
-    const auto found = _connections.find(handle);
-    if (found == _connections.end()) {
+    std::shared_ptr<TraceBufferConnection> entry = Find(handle);
+    if (!entry) {
         throw std::runtime_error(ApiMessages::NoSuchConnection);
     }
-    return found->second;
+    return entry;
 }
 
-void Connections::Remove(int handle) {
+std::shared_ptr<TraceBufferConnection> Connections::Find(int handle) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    const auto found = _connections.find(handle);
+    return found == _connections.end() ? nullptr : found->second;
+}
+
+bool Connections::Remove(int handle) {
     std::shared_ptr<TraceBufferConnection> removed;
     {
         std::lock_guard<std::mutex> lock(_mutex);
         const auto found = _connections.find(handle);
         if (found == _connections.end()) {
-            throw std::runtime_error(ApiMessages::NoSuchConnection);
+            return false;
         }
         removed = std::move(found->second);
         _connections.erase(found);
     }
     // Destroyed here unless a call of another thread still holds it; either way without the registry lock.
+    return true;
 }
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -44,8 +44,11 @@ public:
     bool Contains(int handle);
     // The entry, kept alive for the caller. Throws when the handle is not registered.
     std::shared_ptr<TraceBufferConnection> Get(int handle);
-    // Erases the entry; it is destroyed, with its client, once no call holds it any more. Throws when absent.
-    void Remove(int handle);
+    // As Get, but an empty pointer when the handle is not registered.
+    std::shared_ptr<TraceBufferConnection> Find(int handle);
+    // Erases the entry if it is there (false when it is not); it is destroyed, with its client, once no call holds
+    // it any more.
+    bool Remove(int handle);
 
     Connections() = default;
     Connections(const Connections&) = delete;

@@ -21,9 +21,11 @@
  *  - Every function may be called from any thread. Calls on different handles are independent. On one handle,
  *    commands (start, stop, clear, configuration) may come from several threads at once; reading functions
  *    (oltbTryRead, oltbRead, oltbAcquire, oltbGetAcquiredElements) must not overlap each other nor oltbStart or
- *    oltbClear of the same handle. oltbDisconnect may come from any thread at any time: calls of other threads
- *    on the handle end promptly with "No connection to trace buffer server established." (reading) or
- *    "Connection to trace buffer server not established!" (commands), and nothing is freed while they run.
+ *    oltbClear of the same handle (calls that do are safe, reads then run one after another, but which of them
+ *    gets which events is not defined). oltbDisconnect may come from any thread at any time, also from several
+ *    at once: calls of other threads on the handle end promptly with "No connection to trace buffer server
+ *    established." (reading) or "Connection to trace buffer server not established!" (commands), and nothing
+ *    is freed while they run.
  *  - Time: one tick is 1/64 us (15.625 ns).
  *  - The library installs no signal handlers. Sends on a connection the server has closed never raise SIGPIPE.
  */
@@ -157,7 +159,7 @@ typedef struct oltbTraceBufferConfig_Struct {
 /**
  * Hands out the text of the last failure of the calling thread, once.
  * @param buffer     receives the text and a terminating zero (needs oltbGetLastErrorLen() - 1 bytes).
- * @param bufferSize size of buffer. <= 0: nothing happens, the text stays stored. Too small for the text: the
+ * @param bufferSize size of buffer. <= 0 (or buffer null): nothing happens, the text stays stored. Too small: the
  *                   buffer receives "Error buffer too small" (if it holds at least 23 bytes) or an empty string,
  *                   and the text is lost.
  * Afterwards the store is empty: a second call yields the empty string. Never fails; never blocks.
@@ -221,6 +223,7 @@ OLTB_API int oltbConnect(const char* address);
  * frees everything, including an acquired series not yet fetched. The handle is never issued again. Calls of
  * other threads still inside a function on this handle end promptly with their no-connection text; the memory
  * they use is freed when the last of them returns. Blocks only until the reader thread has ended (promptly).
+ * Several threads may disconnect the same handle at once: each returns 0 once the connection has ended.
  * @return 0, also for a handle that is not registered; -1 with "Illegal handle." for a negative handle.
  */
 OLTB_API int oltbDisconnect(int handle);
@@ -252,10 +255,11 @@ OLTB_API int oltbSetReadTimeout(int handle, int timeoutMs);
 
 /* ============================================================================================================
  * Commands. Each blocks until the server's response has arrived, at most 3 s after sending. Commands of one
- * handle issued from several threads are carried out one after another, each with its own response, and the
- * started state changes together with the command that changes it. An answer that comes after its command gave
- * up is looked for in the trace data for 10 s and dropped (unless another command waits meanwhile, which then
- * takes it as its own).
+ * handle issued from several threads are carried out one after another, and the started state changes together
+ * with the command that changes it. The server answers commands in order and an answer does not name its
+ * command, so the library counts them: each command gets its own answer, and the answer of a command that gave
+ * up is dropped whenever it comes, never taken by another command nor decoded as trace data. An answer that never
+ * comes cannot be told from a late one: every later command of the connection then times out (connect anew).
  * Failure texts: "Connection to trace buffer server not established!" (the connection is lost),
  * "Could not receive a response from the trace buffer server within 3000ms", and the handle texts.
  * ==========================================================================================================*/

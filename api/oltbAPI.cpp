@@ -13,7 +13,8 @@ using namespace OLVEN::TALIX3::TraceBuffer;
 extern "C" {
 
 OLTB_API void oltbGetLastError(char* buffer, int bufferSize) {
-    if (bufferSize <= 0) {
+    // A null buffer has no room, whatever its size says.
+    if (bufferSize <= 0 || buffer == nullptr) {
         return;
     }
     TraceBufferErrorHandler& errors = TraceBufferErrorHandler::getThreadLocalInstance();
@@ -77,11 +78,14 @@ OLTB_API int oltbDisconnect(int handle) {
         if (handle < 0) {
             throw std::runtime_error(ApiMessages::NegativeHandle);
         }
-        if (!connections.Contains(handle)) {
+        // Another thread may disconnect the same handle at the same time: each call ends the connection or waits
+        // for the other to have ended it, and the handle is removed once.
+        const std::shared_ptr<TraceBufferConnection> entry = connections.Find(handle);
+        if (!entry) {
             return 0;
         }
         try {
-            connections.Get(handle)->_client->Disconnect();
+            entry->_client->Disconnect();
         } catch (const std::exception&) {
             connections.Remove(handle);
             throw;

@@ -6,7 +6,9 @@
 //     position events/s) and every signal it drives. CPU time of this process (the library's reader thread
 //     included) per second, for an application whose oltbRead waits for each block and for one that polls every
 //     10 ms; the limit is a plain recv loop draining the same stream from a second simulator. Resident memory is
-//     sampled over the whole measurement on one connection.
+//     sampled over the whole measurement on one connection;
+//   - the memory of a backlog: the counter at the card's rate (1.2 million words/s) left unread for 5 s, then read
+//     out after a Stop, cleared, and dropped with the connection; resident memory against the bytes waiting.
 #include "BenchStreams.h"
 #include "FigureReport.h"
 #include "tests/support/ChildProcess.h"
@@ -38,6 +40,7 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kMaxRateAddress = "127.0.2.1";
 constexpr const char* kCardRateAddress = "127.0.2.2";
 constexpr const char* kCardRateDrainAddress = "127.0.2.3";
+constexpr const char* kBacklogAddress = "127.0.2.7";
 constexpr int kMaxRatePasses = 5;
 constexpr int kCardRateRounds = 3;
 constexpr auto kMaxRateWarmUp = std::chrono::milliseconds(250);
@@ -352,6 +355,50 @@ bool measureCardRate() {
     return true;
 }
 
+// ---- the memory of a backlog --------------------------------------------------------------------------------
+
+// Leaves the stream unread for `seconds` (tracing started); the resident growth, in KiB.
+long backlogKiB(int handle, double seconds, long baseline) {
+    if (oltbStart(handle) != 0) return -1;
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    return residentKiB() - baseline;
+}
+
+bool measureBacklogMemory() {
+    testing::Simulator simulator(kBacklogAddress, {"--counter", "--counter-rate", "1200000"});
+    const long baseline = residentKiB();
+    const int handle = oltbConnect(kBacklogAddress);
+    oltbTraceBufferConfig_Struct config;
+    oltbInitConfig(&config);
+    config.Spi0Rx = true;
+    if (!simulator.ready() || handle < 0 || oltbSetConfig(handle, &config) != 0) {
+        std::fprintf(stderr, "backlog: %s%s\n", simulator.standardError().c_str(), lastError().c_str());
+        return false;
+    }
+    const long waiting = backlogKiB(handle, 5, baseline);
+    std::vector<oltbTraceEvent> buffer(kReadBufferEvents);
+    std::uint64_t words = 0;
+    oltbStop(handle);
+    oltbSetReadTimeout(handle, 0);
+    for (std::uint32_t count = 1; count > 0 && oltbRead(handle, buffer.data(), 0, kReadBufferEvents, &count) == 0;) {
+        words += count;
+    }
+    const long readOut = residentKiB() - baseline;
+    const long beforeClear = backlogKiB(handle, 5, baseline);
+    oltbClear(handle);
+    const long cleared = residentKiB() - baseline;
+    const long beforeDisconnect = backlogKiB(handle, 5, baseline);
+    oltbDisconnect(handle);
+    const long disconnected = residentKiB() - baseline;
+    std::printf("%-44s %.1f MiB waiting took %.1f MiB resident (%.3f times); back to +%.1f MiB after reading it, "
+                "+%.1f MiB after a Clear (of %.1f), +%.1f MiB after a Disconnect (of %.1f)\n",
+                "backlog at the card's rate, 5 s unread", static_cast<double>(words) * 8 / 1048576, waiting / 1024.0,
+                static_cast<double>(waiting) * 1024 / (static_cast<double>(words) * 8), readOut / 1024.0,
+                cleared / 1024.0, beforeClear / 1024.0, disconnected / 1024.0, beforeDisconnect / 1024.0);
+    std::fflush(stdout);
+    return true;
+}
+
 }  // namespace
 }  // namespace oltb::bench
 
@@ -362,5 +409,6 @@ int main() {
     // The card's rate first: its memory figures then start from a process that has not held a backlog yet.
     const bool cardRate = measureCardRate();
     const bool maximumRate = measureMaximumRate();
-    return maximumRate && cardRate ? 0 : 1;
+    const bool backlog = measureBacklogMemory();
+    return maximumRate && cardRate && backlog ? 0 : 1;
 }

@@ -1,6 +1,8 @@
 // The response-frame scan: every place behind four 0x4D bytes is tried as a length byte, checked by the trailer
-// that must follow the payload.
+// that must follow the payload; a frame where a trace word may begin is preferred.
 #include "client/ResponseFrameScanner.h"
+
+#include <algorithm>
 
 namespace OLVEN::TALIX3::TraceBuffer {
 
@@ -13,42 +15,50 @@ constexpr std::size_t LengthAndTrailer = 3;
 
 }  // namespace
 
-ResponseFrameScan scanForResponseFrame(const std::byte* data, std::size_t size) noexcept {
+ResponseFrameScan scanForResponseFrame(const std::byte* data, std::size_t size, int wordPosition) noexcept {
     ResponseFrameScan scan;
     bool candidateSeen = false;
+    bool elsewhereSeen = false;  // a complete frame that does not begin where a word may
+    ResponseFrameScan elsewhere;
+    const auto maybeAt = [&](std::size_t start) {
+        if (!candidateSeen) scan.candidateStart = start;
+        candidateSeen = true;
+    };
     std::size_t run = 0;  // 0x4D bytes in a row before index i
     for (std::size_t i = 0; i <= size; run = i < size && data[i] == HeaderByte ? run + 1 : 0, ++i) {
         if (run < HeaderLength) {
             // At the end of the data, a shorter run may be the beginning of a header.
-            if (i == size && run > 0 && !candidateSeen) {
-                candidateSeen = true;
-                scan.candidateStart = size - run;
-            }
+            if (i == size && run > 0) maybeAt(size - run);
             continue;
         }
         const std::size_t headerStart = i - HeaderLength;
         if (i == size) {  // the length byte has not arrived
-            if (!candidateSeen) scan.candidateStart = headerStart;
-            candidateSeen = true;
+            maybeAt(headerStart);
             continue;
         }
         const std::size_t payloadLength = std::to_integer<std::size_t>(data[i]);
         const std::size_t frameEnd = i + payloadLength + LengthAndTrailer;
         if (frameEnd > size) {
-            if (!candidateSeen) scan.candidateStart = headerStart;
-            candidateSeen = true;
+            maybeAt(headerStart);
             continue;
         }
-        if (data[frameEnd - 2] == TrailerByte && data[frameEnd - 1] == TrailerByte) {
-            scan.outcome = ResponseScanOutcome::frameFound;
-            scan.headerStart = headerStart;
-            scan.frameEnd = frameEnd;
-            scan.payloadStart = i + 1;
-            scan.payloadLength = payloadLength;
-            return scan;
+        if (data[frameEnd - 2] != TrailerByte || data[frameEnd - 1] != TrailerByte) continue;
+        ResponseFrameScan found;
+        found.outcome = ResponseScanOutcome::frameFound;
+        found.headerStart = headerStart;
+        found.frameEnd = frameEnd;
+        found.payloadStart = i + 1;
+        found.payloadLength = payloadLength;
+        if (wordPosition == NoWordGrid ||
+            (static_cast<std::size_t>(wordPosition) + headerStart) % TraceWordBytes == 0) {
+            return found;
         }
+        if (!elsewhereSeen) elsewhere = found;
+        elsewhereSeen = true;
     }
-    scan.outcome = candidateSeen ? ResponseScanOutcome::maybeFrameStart : ResponseScanOutcome::noFrame;
+    if (!candidateSeen) return elsewhereSeen ? elsewhere : scan;
+    scan.outcome = ResponseScanOutcome::maybeFrameStart;
+    if (elsewhereSeen) scan.candidateStart = std::min(scan.candidateStart, elsewhere.headerStart);
     return scan;
 }
 

@@ -27,11 +27,21 @@ struct ResponseFrameScan {
     std::size_t candidateStart = 0;
 };
 
-// Scans data[0, size) for the first response frame: the first place where four 0x4D bytes are followed by a length
-// byte and, behind that many payload bytes, the trailer B2 B2. A header may lie anywhere in a run of 0x4D bytes, so
-// a trace word that ends in 0x4D does not hide an answer behind it. A frame whose end has not arrived yet (cut in
-// its header, behind its length byte or in its payload) is reported as maybeFrameStart, so that the reader can
-// complete it.
-ResponseFrameScan scanForResponseFrame(const std::byte* data, std::size_t size) noexcept;
+// The trace data between answers is a sequence of 8-byte words, and the server sends an answer between two words.
+inline constexpr std::size_t TraceWordBytes = 8;
+inline constexpr int NoWordGrid = -1;
+
+// Scans data[0, size) for a response frame: a place where four 0x4D bytes are followed by a length byte and, behind
+// that many payload bytes, the trailer B2 B2. A header may lie anywhere in a run of 0x4D bytes, so a trace word that
+// ends in 0x4D does not hide an answer behind it. A frame whose end has not arrived yet (cut in its header, behind
+// its length byte or in its payload) is reported as maybeFrameStart, so that the reader can complete it.
+//
+// `wordPosition` is the place of data[0] in the word grid of the trace data (0 to 7). The first complete frame that
+// begins where a word may begin is taken: trace words cannot look like one there (their fourth byte is a type, and
+// 0x4D is none), while inside a word 4D 4D 4D 4D and a length pointing at a real answer's trailer can. Without such a
+// frame, the first complete one elsewhere is taken (a server that sent a broken word), but only when no frame may
+// still be completing; until then the candidate (the earlier of the two) waits. With NoWordGrid every place may
+// begin a word: the first complete frame is taken.
+ResponseFrameScan scanForResponseFrame(const std::byte* data, std::size_t size, int wordPosition = NoWordGrid) noexcept;
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -33,11 +33,11 @@ constexpr std::size_t DrainBatchSize = 50;
 constexpr std::uintptr_t PageBytes = 4096;
 // A waiting read looks at the connection this often, even if nothing wakes it.
 constexpr std::int64_t WaitSliceUs = 100000;
-// Blocks whose storage is reused (receive-buffer sized) carry at least this many bytes, so that queued memory stays
-// within 1.25 times the bytes queued; smaller receives get storage of their own size.
-constexpr std::size_t MinimumBytesForReusedBlock = TraceBufferClient::_bufferSize * 4 / 5;
-// Discarding at least this much queued data hands the freed memory back to the system.
+// Discarding at least this much queued data hands the freed memory back to the system, and so does reading a
+// backlog of at least 16 MiB down to an eighth of it (not less: a reading loop that keeps only just ahead would trim,
+// and then fault the pages in again, over and over).
 constexpr std::size_t TrimAfterDiscardedBytes = std::size_t{4} << 20;
+constexpr std::size_t TrimAfterQueuedBlocks = (std::size_t{16} << 20) / TraceBufferClient::_bufferSize;
 
 // glibc's memcpy runs about 30 times slower when its destination lies 1 to 31 bytes after its source modulo a page
 // (its loads then seem to depend on its own earlier stores). Blocks are copied from the page-aligned receive buffer,
@@ -63,11 +63,6 @@ std::vector<std::byte> newBlockStorage(std::size_t capacity) {
     return next;
 }
 
-std::int64_t steadyNowNs() noexcept {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 // Sleeps the whole pause even when signals interrupt it.
 void pauseMs(long milliseconds) noexcept {
     timespec remaining{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
@@ -82,23 +77,53 @@ void pauseMs(long milliseconds) noexcept {
 bool TraceBufferClient::QueueBlockSource::waitBlock(std::vector<std::byte>& block, std::int64_t timeoutUs) {
     for (std::int64_t remainingUs = timeoutUs;;) {
         if (!isConnected()) return false;
+        if (takeBlock(block)) break;
+        if (remainingUs == 0) return false;
         const std::int64_t sliceUs = remainingUs < 0 ? WaitSliceUs : std::min(remainingUs, WaitSliceUs);
-        if (_queue.wait_dequeue_timed(block, sliceUs)) return true;
-        if (remainingUs >= 0 && (remainingUs -= sliceUs) <= 0) return false;
+        if (_client._queue.wait_dequeue_timed(block, sliceUs)) break;
+        if (remainingUs > 0 && (remainingUs -= sliceUs) <= 0) return false;
+    }
+    trimAfterBacklog();
+    // Blocks still queued when the connection ended are not delivered any more.
+    return isConnected();
+}
+
+bool TraceBufferClient::QueueBlockSource::takeBlock(std::vector<std::byte>& block) {
+    // Under the lock under which the reader queues, so that the block being filled is taken only when every block
+    // before it has been.
+    const std::lock_guard<std::mutex> lock(_client._blockMutex);
+    if (_client._queue.try_dequeue(block)) return true;
+    if (_client._openBlock.empty()) return false;
+    block = std::move(_client._openBlock);
+    _client._openBlock = std::vector<std::byte>();
+    return true;
+}
+
+void TraceBufferClient::QueueBlockSource::trimAfterBacklog() noexcept {
+    const std::size_t queued = _client._queue.size_approx();
+    _peakQueuedBlocks = std::max(_peakQueuedBlocks, queued);
+    if (_peakQueuedBlocks >= TrimAfterQueuedBlocks && queued <= _peakQueuedBlocks / 8) {
+        // The blocks were freed one by one as they were read; the allocator keeps such memory until trimmed.
+        _peakQueuedBlocks = queued;
+        ::malloc_trim(0);
     }
 }
 
 bool TraceBufferClient::QueueBlockSource::isConnected() const {
-    return _connected.load();
+    return _client._connected.load();
 }
 
 void TraceBufferClient::QueueBlockSource::recycle(std::vector<std::byte>&& usedBlock) {
     // Only storage the reader could fill without growing it and copy into fast is worth keeping.
     if (usedBlock.capacity() >= _bufferSize && copiesFastFromPageStart(usedBlock) &&
-        _freeBlocks.size_approx() < _MaxFreeBlocks) {
+        _client._freeBlocks.size_approx() < _MaxFreeBlocks) {
         usedBlock.clear();
-        _freeBlocks.enqueue(std::move(usedBlock));
+        _client._freeBlocks.enqueue(std::move(usedBlock));
     }
+}
+
+bool TraceBufferClient::QueueBlockSource::restartRequested() {
+    return _client._restartRequested.exchange(false);
 }
 
 // ---- construction -------------------------------------------------------------------------------------------
@@ -191,6 +216,10 @@ TraceBufferClient::~TraceBufferClient() {
 }
 
 void TraceBufferClient::Disconnect() {
+    const std::lock_guard<std::mutex> disconnectLock(_disconnectMutex);
+    if (_disconnected) {
+        return;  // another thread has ended the connection meanwhile
+    }
     std::exception_ptr lockFailure;
     try {
         std::lock_guard<std::mutex> socketLock(_socketMutex);
@@ -220,15 +249,21 @@ void TraceBufferClient::Disconnect() {
 }
 
 void TraceBufferClient::clear() {
-    _decoder.clear();
     discardQueuedBlocks();
+    _restartRequested = true;
 }
 
 void TraceBufferClient::discardQueuedBlocks() noexcept {
     std::array<std::vector<std::byte>, DrainBatchSize> drained;
     std::size_t discardedBytes = 0;
-    for (std::size_t taken; (taken = _queue.try_dequeue_bulk(drained.begin(), drained.size())) > 0;) {
-        for (std::size_t i = 0; i < taken; ++i) discardedBytes += drained[i].capacity();
+    {
+        const std::lock_guard<std::mutex> lock(_blockMutex);
+        ++_discards;
+        for (std::size_t taken; (taken = _queue.try_dequeue_bulk(drained.begin(), drained.size())) > 0;) {
+            for (std::size_t i = 0; i < taken; ++i) discardedBytes += drained[i].capacity();
+        }
+        discardedBytes += _openBlock.capacity();
+        std::vector<std::byte>().swap(_openBlock);
     }
     std::vector<std::byte> unused;
     while (_freeBlocks.try_dequeue(unused)) discardedBytes += unused.capacity();
@@ -295,78 +330,71 @@ void TraceBufferClient::closeAfterReaderFailure() noexcept {
 }
 
 void TraceBufferClient::receiveAndDispatch(ReceiveBuffer& buffer) {
+    std::size_t kept = 0;  // bytes at the front of the buffer that may begin an answer
     while (_running) {
-        const kissnet::recv_result received = _socket->recv(buffer.bytes);
-        if (received.status == kissnet::recv_status::wouldBlock) {
-            // The descriptor blocks and has no receive time limit, so this does not happen.
-            throw std::runtime_error("");
-        }
-        if (received.status != kissnet::recv_status::received) {
-            throw std::runtime_error(ClientMessages::ReadFailed);
-        }
-        if (_waitingForResponse || isLookingForLateResponse()) {
-            scanForResponse(buffer, received.count);
-        } else if (_isStarted) {
-            enqueueBlock(buffer.bytes.data(), received.count);
-        }
-    }
-}
-
-bool TraceBufferClient::isLookingForLateResponse() const noexcept {
-    const std::int64_t until = _lateResponseUntilNs.load();
-    return until != 0 && steadyNowNs() < until;
-}
-
-void TraceBufferClient::scanForResponse(ReceiveBuffer& buffer, std::size_t count) {
-    std::byte* const data = buffer.bytes.data();
-    // Everything received while a command waits is kept, even while tracing is not started (but nothing before the
-    // answer to a Start); around a late answer only what tracing keeps anyway.
-    bool commandWaits = true;
-    const auto passOn = [&](const std::byte* first, std::size_t bytes) {
-        if (commandWaits ? !_dropUntilResponse : _isStarted.load()) enqueueBlock(first, bytes);
-    };
-    for (;;) {
-        ResponseFrameScan scan;
-        {
-            std::lock_guard<std::mutex> responseLock(_responseMutex);
-            if (!_waitingForResponse && !isLookingForLateResponse()) {
-                // The command gave up meanwhile, or the late answer's time is over: the bytes are trace data.
-                passOn(data, count);
-                return;
-            }
-            commandWaits = _waitingForResponse;
-            _response.clear();
-            scan = scanForResponseFrame(data, count);
-            if (scan.outcome == ResponseScanOutcome::frameFound) {
-                // The bytes around the frame are queued before the command wakes, so that a Start or Clear issued
-                // after it discards them like all earlier data.
-                passOn(data, scan.headerStart);
-                _dropUntilResponse = false;
-                passOn(data + scan.frameEnd, count - scan.frameEnd);
-                _lateResponseUntilNs = 0;
-                if (commandWaits) {
-                    const std::byte* const payload = data + scan.payloadStart;
-                    _response.assign(payload, payload + scan.payloadLength);
-                    _waitingForResponse = false;
-                    _responseCondition.notify_all();
-                }
-                return;
-            }
-        }
-        if (scan.outcome == ResponseScanOutcome::maybeFrameStart && scan.candidateStart > 0 && count == _bufferSize) {
-            // No room behind a frame that may have begun: pass on what lies before it and keep its beginning.
-            passOn(data, scan.candidateStart);
-            count -= scan.candidateStart;
-            std::memmove(data, data + scan.candidateStart, count);
-        }
-        if (scan.outcome == ResponseScanOutcome::maybeFrameStart && count < _bufferSize) {
-            // Receive the rest behind what may be the beginning of the answer and scan the whole buffer again.
-            count += receiveMore(buffer, count);
+        const std::size_t count = kept + receiveMore(buffer, kept);
+        if (_answersDue) {
+            kept = takeAnswers(buffer.bytes.data(), count);
         } else {
-            passOn(data, count);
-            count = receiveMore(buffer, 0);
+            passOn(buffer.bytes.data(), count);
+            kept = 0;
         }
     }
+}
+
+std::size_t TraceBufferClient::takeAnswers(std::byte* data, std::size_t count) {
+    // Under _responseMutex: the bytes in front of an answer are passed on before the command wakes, so that a Start
+    // or Clear issued after it discards them like all earlier data.
+    std::lock_guard<std::mutex> responseLock(_responseMutex);
+    for (;;) {
+        if (!_answersDue) {
+            passOn(data, count);  // every answer is in: the rest is trace data
+            return 0;
+        }
+        const ResponseFrameScan scan = scanForResponseFrame(data, count, static_cast<int>(_wordPosition));
+        if (scan.outcome == ResponseScanOutcome::noFrame) {
+            passOn(data, count);
+            return 0;
+        }
+        if (scan.outcome == ResponseScanOutcome::maybeFrameStart) {
+            // What may be the beginning of an answer (at most a frame's length) waits for the next receive.
+            passOn(data, scan.candidateStart);
+            std::memmove(data, data + scan.candidateStart, count - scan.candidateStart);
+            return count - scan.candidateStart;
+        }
+        passOn(data, scan.headerStart);
+        _wordPosition = 0;  // a word begins behind an answer
+        const std::uint64_t answer = ++_answersTaken;
+        _answersDue = _answersTaken < _commandsSent;
+        if (answer == _startAnswer) {
+            _dropTrace = false;  // the trace begins behind the Start's answer
+        }
+        if (answer == _awaitedAnswer) {
+            const std::byte* const payload = data + scan.payloadStart;
+            _response.assign(payload, payload + scan.payloadLength);
+            _responseCondition.notify_all();
+        }
+        // Any other answer is the late one of a command that gave up: dropped. Several may come together.
+        count -= scan.frameEnd;
+        std::memmove(data, data + scan.frameEnd, count);
+    }
+}
+
+void TraceBufferClient::passOn(const std::byte* first, std::size_t count) {
+    const bool keep = !_dropTrace && (_isStarted || _waitingForResponse);
+    if (keep != _keeping && _wordPosition != 0) {
+        // Trace data is kept or dropped in whole words: the rest of a word goes where its beginning went, so that
+        // what is queued never begins or ends inside a word.
+        const std::size_t rest = std::min(count, TraceWordBytes - _wordPosition);
+        if (_keeping) enqueueBytes(first, rest, true);
+        first += rest;
+        count -= rest;
+        _wordPosition = (_wordPosition + rest) % TraceWordBytes;
+        if (_wordPosition != 0) return;
+    }
+    _keeping = keep;
+    if (keep && count > 0) enqueueBytes(first, count);
+    _wordPosition = (_wordPosition + count) % TraceWordBytes;
 }
 
 std::size_t TraceBufferClient::receiveMore(ReceiveBuffer& buffer, std::size_t offset) {
@@ -383,35 +411,51 @@ std::size_t TraceBufferClient::receiveMore(ReceiveBuffer& buffer, std::size_t of
     throw std::runtime_error(ClientMessages::ReadFailed);
 }
 
-void TraceBufferClient::enqueueBlock(const std::byte* first, std::size_t count) {
-    // An empty block (nothing before or behind a frame, a receive that would block) carries nothing to read.
-    if (count == 0) {
-        return;
-    }
+std::vector<std::byte> TraceBufferClient::blockStorage() {
     // Reused storage is already mapped and warm: a copy into fresh heap pages costs several times the copy itself.
-    // It is receive-buffer sized, so only a receive that nearly fills it may take it; a smaller one (a reader that
-    // keeps up receives what arrives, a few kB at a time) gets storage of its own size, so that a backlog costs
-    // no more memory than it holds.
     std::vector<std::byte> block;
-    if (count >= MinimumBytesForReusedBlock && !_freeBlocks.try_dequeue(block)) {
+    if (!_freeBlocks.try_dequeue(block)) {
         block = newBlockStorage(_bufferSize);
     }
-    block.assign(first, first + count);
-    _queue.enqueue(std::move(block));
+    return block;
+}
+
+void TraceBufferClient::enqueueBytes(const std::byte* first, std::size_t count, bool restOfWord) {
+    const std::lock_guard<std::mutex> lock(_blockMutex);
+    if (restOfWord && _discards != _discardsSeen) {
+        return;  // a Start discarded the beginning of the word meanwhile: its rest goes too
+    }
+    _discardsSeen = _discards;
+    while (count > 0) {
+        if (_openBlock.capacity() == 0) {
+            _openBlock = blockStorage();
+        }
+        const std::size_t taken = std::min(count, _openBlock.capacity() - _openBlock.size());
+        _openBlock.insert(_openBlock.end(), first, first + taken);
+        first += taken;
+        count -= taken;
+        if (_openBlock.size() == _openBlock.capacity() || _queue.size_approx() == 0) {
+            _queue.enqueue(std::move(_openBlock));
+            _openBlock = std::vector<std::byte>();
+        }
+    }
 }
 
 // ---- reading ------------------------------------------------------------------------------------------------
 
 unsigned TraceBufferClient::TryRead(oltbTraceEvent* events, unsigned start, unsigned count) {
+    const std::lock_guard<std::mutex> readLock(_readMutex);
     return _decoder.TryRead(_blockSource, events, start, count, readTimeoutMs());
 }
 
 unsigned TraceBufferClient::Read(oltbTraceEvent* events, unsigned start, unsigned count) {
+    const std::lock_guard<std::mutex> readLock(_readMutex);
     return _decoder.Read(_blockSource, events, start, count, readTimeoutMs());
 }
 
 AcquiredEvents TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel,
                                           AcquiredEvents storage) {
+    const std::lock_guard<std::mutex> readLock(_readMutex);
     return _decoder.Acquire(_blockSource, startLabel, endLabel, readTimeoutMs(), std::move(storage));
 }
 

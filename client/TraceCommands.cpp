@@ -30,31 +30,32 @@ std::vector<std::byte> TraceBufferClient::writeCommand(const TraceCommandCode& c
     }
 
     std::unique_lock<std::mutex> responseLock(_responseMutex);
-    // Raised and sent while _responseMutex is held; the wait below releases it atomically, so the reader cannot
-    // hand the response over, nor notify, before this command waits. The first frame to come is this command's:
-    // a late answer of an earlier one is no longer looked for.
+    // Numbered and sent while _responseMutex is held; the wait below releases it atomically, so the reader cannot
+    // hand the answer over, nor notify, before this command waits. The answers due to commands that gave up come
+    // first (the server answers in order) and are dropped.
+    const std::uint64_t answer = ++_commandsSent;
+    _answersDue = true;
+    _awaitedAnswer = answer;
     _waitingForResponse = true;
-    _lateResponseUntilNs = 0;
+    _response.clear();
     {
         const std::lock_guard<std::mutex> sendLock(_sendMutex);
         // The result is not examined: a frame that did not go out shows up as a missing response.
         (void)_socket->send(frame.data(), frame.size());
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ResponseTimeoutMs);
-    // Commands never wait side by side (_commandMutex), so "the reader cleared the flag" means exactly "this
-    // command's response is here"; waiting on that, a spurious wake-up cannot pass for a response.
-    const bool answered = _responseCondition.wait_until(responseLock, deadline,
-                                                        [this] { return !_waitingForResponse || _disconnected; });
+    const bool answered = _responseCondition.wait_until(
+        responseLock, deadline, [this, answer] { return _answersTaken >= answer || _disconnected; });
+    _awaitedAnswer = 0;
+    _waitingForResponse = false;
     if (_disconnected) {
-        _waitingForResponse = false;
         throw std::runtime_error(ClientMessages::NotConnected);
     }
     if (!answered) {
-        _waitingForResponse = false;
-        _lateResponseUntilNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   (std::chrono::steady_clock::now() + std::chrono::milliseconds(LateResponseWindowMs))
-                                       .time_since_epoch())
-                                   .count();
+        // The answer may still come: it is looked for, and dropped, whenever it does. An answer that never comes
+        // (a server that ignored a command, an answer cut beyond recognition) cannot be told from a late one, and
+        // taking a later frame in its place would hand some command the wrong answer: every later command then
+        // waits for its own in vain, until a new connection.
         throw std::runtime_error(ClientMessages::ResponseTimeout);
     }
     if (!wantResponse) {
@@ -85,14 +86,19 @@ void TraceBufferClient::startLocked() {
     }
     requireConnection();
     clear();
+    {
+        // Everything received from now until the Start's answer is old: the trace begins behind the answer.
+        const std::lock_guard<std::mutex> responseLock(_responseMutex);
+        _startAnswer = _commandsSent + 1;
+        _dropTrace = true;
+    }
     // Set before sending, so that trace data following the response is queued from its first byte.
     _isStarted = true;
-    _dropUntilResponse = true;
     try {
         (void)writeCommand(TraceCommandCode::Start, NoPayload, false);
     } catch (...) {
         _isStarted = false;
-        _dropUntilResponse = false;
+        _dropTrace = false;
         throw;
     }
 }

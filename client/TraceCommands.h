@@ -1,6 +1,7 @@
 // Command frame, client to server, always 19 bytes in one send:
 //   4D | command code (low 8 bits) | 17 payload bytes (all zero for a command without payload)
-// No length, checksum or terminator. Every frame is answered by one response frame (see ResponseFrameScanner.h).
+// No length, checksum or terminator. Every frame is answered by one response frame (see ResponseFrameScanner.h), in
+// the order the frames were sent; an answer carries nothing that names its command.
 #pragma once
 
 #include <cstddef>
@@ -20,9 +21,5 @@ inline constexpr std::byte CommandMarker{0x4D};
 inline constexpr std::size_t CommandPayloadSize = 17;
 inline constexpr std::size_t CommandFrameSize = 2 + CommandPayloadSize;
 inline constexpr unsigned ResponseTimeoutMs = 3000;
-// After a command gave up waiting, its answer may still come. For this long the reader looks for it in the trace data
-// and drops it, so that its bytes are not decoded as trace words (unless another command waits meanwhile, which then
-// takes the first frame that comes, as always).
-inline constexpr unsigned LateResponseWindowMs = 10000;
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -25,6 +25,7 @@ bool isLabel(const oltbTraceEvent& event, unsigned short number) noexcept {
 AcquiredEvents TraceDecoder::Acquire(BlockSource& source, unsigned short startLabel, unsigned short endLabel,
                                      int readTimeoutMs, AcquiredEvents storage) {
     if (!source.isConnected()) throw std::runtime_error(EventMessages::NoConnection);
+    if (source.restartRequested()) clear();
     // Each batch is decoded straight behind the events kept so far and then compacted in place, so that every event
     // is written to memory once. Room for a series as long as the last one saves growing (and copying) it again.
     AcquiredEvents result = std::move(storage);

@@ -23,6 +23,10 @@ public:
 
     // Hands a used-up block back, so that its storage can carry a later receive instead of being freed.
     virtual void recycle(std::vector<std::byte>&& /*usedBlock*/) {}
+
+    // True once after the trace was started anew: the reading side then discards what it still holds of the old
+    // one (the current block, a carried word, pending samples, the time base) before it decodes more.
+    virtual bool restartRequested() { return false; }
 };
 
 }  // namespace OLVEN::TALIX3::TraceBuffer

@@ -190,6 +190,7 @@ bool TraceDecoder::takeNextBlock(BlockSource& source, int waitLimitMs) {
     std::vector<std::byte> block;
     const std::int64_t timeoutUs = waitLimitMs < 0 ? -1 : static_cast<std::int64_t>(waitLimitMs) * 1000;
     if (!source.waitBlock(block, timeoutUs)) return false;
+    if (source.restartRequested()) clear();
     if (_currentBlock.capacity() != 0) source.recycle(std::move(_currentBlock));
     takeBlock(std::move(block));
     return true;
@@ -232,6 +233,7 @@ unsigned TraceDecoder::TryRead(BlockSource& source, oltbTraceEvent* events, unsi
                                int readTimeoutMs) {
     if (!source.isConnected()) throw std::runtime_error(EventMessages::NoConnection);
     if (events == nullptr) throw std::runtime_error(EventMessages::NullBuffer);
+    if (source.restartRequested()) clear();
 
     unsigned result = 0;
     if (_pendingCount > 0) {

@@ -1,9 +1,12 @@
-// Fuzz target: the reader's response-frame scan over any received bytes. A reported frame lies inside the data and
-// has the shape 4D 4D 4D 4D | L | L payload bytes | B2 B2, and no frame starts earlier; without a frame, the outcome
-// tells whether the data ends in the beginning of one that the next receive may complete.
+// Fuzz target: the reader's response-frame scan over any received bytes, at any place in the word grid. A reported
+// frame lies inside the data and has the shape 4D 4D 4D 4D | L | L payload bytes | B2 B2; it is the first one where
+// a word may begin, or, when there is none, the first one anywhere, and then no frame may still be completing;
+// without a frame, the outcome tells whether the data ends in the beginning of one that the next receive may complete.
 #include "FuzzCheck.h"
 
 #include "client/ResponseFrameScanner.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -22,23 +25,32 @@ int frameAt(const std::uint8_t* data, std::size_t size, std::size_t start) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const ResponseFrameScan scan = scanForResponseFrame(reinterpret_cast<const std::byte*>(data), size);
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t inputSize) {
+    if (inputSize == 0) return 0;
+    // The first byte chooses the place of the data in the word grid (8 and above: no grid).
+    const int wordPosition = input[0] < 8 ? input[0] : NoWordGrid;
+    const std::uint8_t* const data = input + 1;
+    const std::size_t size = inputSize - 1;
+    const ResponseFrameScan scan = scanForResponseFrame(reinterpret_cast<const std::byte*>(data), size, wordPosition);
+    std::size_t firstAtWord = size;
     std::size_t firstComplete = size;
     std::size_t firstIncomplete = size;
     for (std::size_t start = size; start-- > 0;) {
         const int shape = frameAt(data, size, start);
+        if (shape == 1 && (wordPosition == NoWordGrid || (wordPosition + start) % 8 == 0)) firstAtWord = start;
         if (shape == 1) firstComplete = start;
         if (shape == -1) firstIncomplete = start;
     }
     switch (scan.outcome) {
     case ResponseScanOutcome::frameFound:
-        FUZZ_CHECK(scan.headerStart == firstComplete);
+        FUZZ_CHECK(scan.headerStart == (firstAtWord < size ? firstAtWord : firstComplete));
+        FUZZ_CHECK(firstAtWord < size || firstIncomplete == size);
         FUZZ_CHECK(scan.frameEnd == scan.headerStart + scan.payloadLength + 7 && scan.frameEnd <= size);
         FUZZ_CHECK(scan.payloadStart == scan.headerStart + 5 && data[scan.headerStart + 4] == scan.payloadLength);
         break;
     case ResponseScanOutcome::maybeFrameStart:
-        FUZZ_CHECK(firstComplete == size && scan.candidateStart == firstIncomplete && firstIncomplete < size);
+        FUZZ_CHECK(firstAtWord == size && firstIncomplete < size);
+        FUZZ_CHECK(scan.candidateStart == std::min(firstIncomplete, firstComplete));
         break;
     case ResponseScanOutcome::noFrame:
         FUZZ_CHECK(firstComplete == size && firstIncomplete == size);

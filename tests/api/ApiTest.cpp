@@ -38,6 +38,8 @@ TEST(ErrorStore, LengthIsTextPlusTwoAndTheTextIsHandedOutOnce) {
         oltbGetLastError(buffer, size);
         EXPECT_STREQ(buffer, "abc") << "a size of " << size << " touches nothing";
     }
+    oltbGetLastError(nullptr, 10);
+    EXPECT_EQ(oltbGetLastErrorLen(), 17) << "a null buffer counts as a size of 0";
     EXPECT_EQ(takeLastErrorInto(16), "Illegal handle.") << "an exact fit: 15 characters and the zero";
     EXPECT_EQ(oltbGetLastErrorLen(), 0);
     EXPECT_EQ(takeLastError(), "");

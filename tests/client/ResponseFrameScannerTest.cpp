@@ -17,6 +17,7 @@ struct ScanCase {
     Outcome outcome;
     std::size_t start;  // frameFound: header start; maybeFrameStart: candidate start
     std::size_t end;    // frameFound: frame end
+    int wordPosition = NoWordGrid;
 };
 
 std::vector<std::uint8_t> largestFrame() {
@@ -43,9 +44,16 @@ TEST(ResponseFrameScanner, FindsFramesAsTheReaderDoes) {
         {"wrong trailer", {0x4D, 0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB3, 0x01}, Outcome::noFrame, 0, 0},
         {"three header bytes only", {0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB2}, Outcome::noFrame, 0, 0},
         {"no bytes", {}, Outcome::noFrame, 0, 0},
+        // A word's payload 4D 4D 4D 4D, the next word's first byte (12) pointing at a real answer's trailer.
+        {"inside a word, pointing at the trailer of one at a word",
+         {0x01, 0x02, 0x03, 0x60, 0x4D, 0x4D, 0x4D, 0x4D, 0x0C, 0x00, 0x00, 0x60, 0x01, 0x02, 0x03, 0x04,
+          0x4D, 0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB2}, Outcome::frameFound, 16, 23, 0},
+        {"off the words, nothing else", {0x01, 0x4D, 0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB2, 0x03}, Outcome::frameFound, 1, 8, 0},
+        {"off the words, one may still come", {0x01, 0x4D, 0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB2, 0x4D}, Outcome::maybeFrameStart, 1, 0, 0},
     };
     for (const ScanCase& c : cases) {
-        const ResponseFrameScan scan = scanForResponseFrame(reinterpret_cast<const std::byte*>(c.data.data()), c.data.size());
+        const ResponseFrameScan scan =
+            scanForResponseFrame(reinterpret_cast<const std::byte*>(c.data.data()), c.data.size(), c.wordPosition);
         EXPECT_EQ(scan.outcome, c.outcome) << c.name;
         if (c.outcome == Outcome::frameFound) {
             EXPECT_EQ(scan.headerStart, c.start) << c.name;

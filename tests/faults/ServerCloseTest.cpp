@@ -1,16 +1,15 @@
 // A server that closes the connection at each phase of a client's life: every call fails with its own text within
-// its own time limit, the loss is reported once, and the connection is let go. Many lives side by side, ended by
-// either side, leave no thread, descriptor or memory behind.
+// its own time limit, the loss is reported once, and the connection is let go; Disconnects from other threads.
 #include "tests/support/FakeServer.h"
 #include "tests/support/TestSupport.h"
 
-#include <dirent.h>
-#include <malloc.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <map>
+#include <set>
 
 namespace {
 
@@ -124,9 +123,9 @@ TEST(ServerCloses, WhileTracingUnreadDataIsDroppedTheLossReportedOnceAndTheServe
     EXPECT_EQ(oltbDisconnect(next), 0);
 }
 
-// A Disconnect while other threads are inside calls on the same handle: a read waiting without limit, a command
-// waiting for its answer and a thread polling the handle all end promptly with their texts, and nothing is used
-// after it was freed (the sanitizer builds check that).
+// Disconnects from three threads at once while other threads are inside calls on the same handle: a read waiting
+// without limit, a command waiting for its answer and a thread polling the handle all end promptly with their texts,
+// every Disconnect returns 0, and nothing is used after it was freed (the sanitizer builds check that).
 TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
     FakeServer server("127.0.3.11");
     const int handle = oltbConnect("127.0.3.11");
@@ -157,7 +156,20 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
         ended[2] = secondsSince(start);
     });
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(oltbDisconnect(handle), 0);
+    mustReturnWithin(2s, "three Disconnects of one handle", [handle] {
+        std::atomic<int> ready{0};
+        std::vector<int> results(3, -2);
+        std::vector<std::thread> disconnects;
+        for (int& result : results) {
+            disconnects.emplace_back([&] {
+                for (++ready; ready < 3;) {
+                }
+                result = oltbDisconnect(handle);
+            });
+        }
+        for (std::thread& disconnect : disconnects) disconnect.join();
+        EXPECT_EQ(results, std::vector<int>(3, 0));
+    });
     const double disconnected = secondsSince(start);
     for (std::thread& call : calls) call.join();
     EXPECT_EQ(texts[0], kNoConnection);
@@ -167,58 +179,38 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
     for (const double end : ended) EXPECT_LT(end - disconnected, 1.0);
 }
 
-// Threads, open descriptors and bytes the allocator has handed out.
-std::vector<long> processFigures() {
-    std::this_thread::sleep_for(300ms);  // the servers let go of the connections just ended
-    long threads = 0;
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("Threads:", 0) == 0) threads = std::stol(line.substr(8));
-    }
-    long descriptors = 0;
-    DIR* const directory = ::opendir("/proc/self/fd");
-    while (::readdir(directory) != nullptr) ++descriptors;
-    ::closedir(directory);
-    ::malloc_trim(0);
-    const struct mallinfo2 allocator = ::mallinfo2();
-    return {threads, descriptors, static_cast<long>(allocator.uordblks + allocator.hblkhd)};
-}
-
-// Eight connections side by side through lives of their own, with unread data, ended by a Disconnect, by the server
-// first, or by both at once.
-TEST(ServerCloses, ManyLivesSideBySideLeaveNothingBehind) {
-    std::vector<std::unique_ptr<FakeServer>> servers;
-    for (int i = 0; i < 8; ++i) servers.push_back(std::make_unique<FakeServer>("127.0.4." + std::to_string(i + 1)));
-    const auto live = [&servers](int lives) {
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 8; ++i) {
-            threads.emplace_back([&servers, i, lives] {
-                const std::string address = "127.0.4." + std::to_string(i + 1);
-                for (int life = 0; life < lives; ++life) {
-                    const int handle = oltbConnect(address.c_str());
-                    ASSERT_GT(handle, 0) << takeLastError();
-                    ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-                    servers[i]->send(counterWords(0, 4096, 1, 1));
-                    std::thread closer;
-                    if (life % 3 == 1) servers[i]->closeClient();
-                    if (life % 3 == 2) closer = std::thread([&] { servers[i]->closeClient(); });
-                    EXPECT_EQ(oltbDisconnect(handle), 0);
-                    if (closer.joinable()) closer.join();
-                    servers[i]->clearCommands();
-                }
-            });
+// A Disconnect while one thread reads without limit and another stops tracing, whose answer comes with trace words
+// behind it: the read ends with its events or a text of a handle gone, never with the answer decoded as a trace word
+// ("TraceEventType 77 not supported!").
+TEST(ServerCloses, DisconnectRacingAReadAndAStopEndsTheReadWithItsText) {
+    FakeServer server("127.0.10.2");
+    server.setReaction(kStopCode, {{concat({responseFrame({}), counterWords(0, 64, 1, 1)})}});
+    const std::set<std::string> allowed = {"", kNoConnection, "Illegal handle!",
+                                           "There is no connection corresponding to this handle."};
+    std::map<std::string, int> readTexts;
+    for (int round = 0; round < 300; ++round) {
+        const int handle = oltbConnect("127.0.10.2");
+        ASSERT_GT(handle, 0) << takeLastError();
+        ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
+        ASSERT_EQ(oltbSetReadTimeout(handle, -1), 0);
+        std::string readText;
+        std::thread reader([&] {
+            oltbTraceEvent events[8];
+            std::uint32_t count = 0;
+            if (oltbRead(handle, events, 0, 8, &count) != 0) readText = takeLastError();
+        });
+        server.clearCommands();
+        std::thread stopper([handle] { oltbStop(handle); });
+        server.waitForCommands(1, 1s);  // the Disconnect comes as the Stop's answer goes out, or a little later
+        for (const auto until = Clock::now() + round % 25 * 4us; Clock::now() < until;) {
         }
-        for (std::thread& thread : threads) thread.join();
-    };
-    live(3);
-    const std::vector<long> before = processFigures();
-    live(60);
-    const std::vector<long> after = processFigures();
-    EXPECT_EQ(after[0], before[0]) << "threads";
-    EXPECT_EQ(after[1], before[1]) << "open descriptors";
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LE(after[2] - before[2], 32 * 1024) << "allocated bytes: a few for every life add up here";
-#endif
+        EXPECT_EQ(oltbDisconnect(handle), 0);
+        reader.join();
+        stopper.join();
+        ++readTexts[readText];
+    }
+    for (const auto& [text, count] : readTexts) EXPECT_TRUE(allowed.count(text)) << count << " reads: " << text;
+    for (const auto& [text, count] : readTexts) std::printf("%d: %s\n", count, text.c_str());
 }
 
 }  // namespace

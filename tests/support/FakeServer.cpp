@@ -112,6 +112,11 @@ void FakeServer::setReactionOnce(std::uint8_t code, Reaction reaction) {
     _onceReactions[code].push_back(std::move(reaction));
 }
 
+void FakeServer::setScript(std::function<Reaction(const Bytes& frame)> script) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _script = std::move(script);
+}
+
 bool FakeServer::waitFor(std::chrono::milliseconds timeout, bool (FakeServer::*condition)() const) {
     std::unique_lock<std::mutex> lock(_mutex);
     return _changed.wait_for(lock, timeout, [&] { return (this->*condition)(); });
@@ -143,6 +148,10 @@ void FakeServer::clearCommands() {
 
 void FakeServer::send(const Bytes& bytes) {
     std::lock_guard<std::mutex> writeLock(_writeMutex);
+    sendLocked(bytes);
+}
+
+void FakeServer::sendLocked(const Bytes& bytes) {
     int fd = -1;
     {
         std::lock_guard<std::mutex> lock(_mutex);
@@ -218,11 +227,16 @@ void FakeServer::receive() {
 }
 
 Reaction FakeServer::reactionFor(const Bytes& frame) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    std::unique_lock<std::mutex> lock(_mutex);
     _commands.push_back(frame);
     _changed.notify_all();
     const std::uint8_t code = frame[1];
     if (frame[0] == 0x4D && code == kSetConfigCode) _config = slice(frame, 2, kFrameSize);
+    if (_script) {
+        const auto script = _script;
+        lock.unlock();
+        return script(frame);
+    }
     auto& once = _onceReactions[code];
     if (!once.empty()) {
         Reaction reaction = std::move(once.front());
@@ -242,9 +256,13 @@ void FakeServer::apply(const Reaction& reaction) {
         return !_changed.wait_for(lock, pause, [this] { return _stopping || _closeRequested; });
     };
     if (!pauseFor(reaction.delay)) return;
-    for (std::size_t i = 0; i < reaction.chunks.size(); ++i) {
-        if (i > 0 && !pauseFor(reaction.pause)) return;
-        send(reaction.chunks[i]);
+    {
+        // A frame cut into chunks stays whole in the stream: trace words sent meanwhile wait.
+        std::lock_guard<std::mutex> writeLock(_writeMutex);
+        for (std::size_t i = 0; i < reaction.chunks.size(); ++i) {
+            if (i > 0 && !pauseFor(reaction.pause)) return;
+            sendLocked(reaction.chunks[i]);
+        }
     }
     if (reaction.closeAfter) endConnection(false);
 }

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <mutex>
@@ -26,7 +27,7 @@ constexpr std::uint8_t kSetConfigCode = 129;
 constexpr std::uint8_t kGetConfigCode = 130;
 
 struct Reaction {
-    std::vector<Bytes> chunks;                 // one send each, on a TCP_NODELAY socket
+    std::vector<Bytes> chunks;                 // one send each, on a TCP_NODELAY socket; nothing comes between them
     std::chrono::milliseconds pause{0};        // before every chunk but the first
     std::chrono::milliseconds delay{0};        // before the first chunk: a late answer
     bool closeAfter = false;                   // close the connection once the chunks are out
@@ -58,6 +59,8 @@ public:
 
     void setReaction(std::uint8_t code, Reaction reaction);      // for every later frame with that code
     void setReactionOnce(std::uint8_t code, Reaction reaction);  // for the next one only (queued)
+    // Decides the reaction to every later frame instead (on the serving thread, which answers in order).
+    void setScript(std::function<Reaction(const Bytes& frame)> script);
 
     bool waitForCommands(std::size_t count, std::chrono::milliseconds timeout);
     std::vector<Bytes> commands() const;  // the raw frames since the last clearCommands
@@ -74,6 +77,7 @@ public:
 private:
     void serve();
     void receive();
+    void sendLocked(const Bytes& bytes);  // the caller holds _writeMutex
     Reaction reactionFor(const Bytes& frame);
     void apply(const Reaction& reaction);
     bool waitFor(std::chrono::milliseconds timeout, bool (FakeServer::*condition)() const);
@@ -93,6 +97,7 @@ private:
     std::size_t _commandsWanted = 0;
     std::map<std::uint8_t, Reaction> _reactions;
     std::map<std::uint8_t, std::deque<Reaction>> _onceReactions;
+    std::function<Reaction(const Bytes& frame)> _script;
     Bytes _config;
     std::mutex _writeMutex;  // taken before _mutex
     mutable std::mutex _mutex;

@@ -9,7 +9,10 @@
 #include <time.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <utility>
@@ -61,6 +64,19 @@ inline bool waitForConnectionLost(int handle, std::chrono::milliseconds timeout)
         bool connected = true;
         return oltbIsConnected(handle, &connected) == 0 && !connected;
     }, timeout);
+}
+
+// Runs `body` on a thread of its own and ends the test program when it has not returned within `limit`: a hang then
+// fails at once, naming itself, instead of at the test's time limit.
+inline void mustReturnWithin(std::chrono::milliseconds limit, const char* what, const std::function<void()>& body) {
+    std::packaged_task<void()> task(body);
+    std::future<void> done = task.get_future();
+    std::thread runner(std::move(task));
+    if (done.wait_for(limit) != std::future_status::ready) {
+        std::fprintf(stderr, "HANG: %s did not return within %lld ms\n", what, static_cast<long long>(limit.count()));
+        std::abort();
+    }
+    runner.join();
 }
 
 // Reads with oltbRead until `wanted` events have arrived or a read fails; the events read so far.
