@@ -451,6 +451,11 @@ class Runner:
         source = SCRATCH / ("src" if kind == "release" else f"src-{kind}")
         build = Build(kind, source, SCRATCH / kind, self.arguments.jobs, float(self.arguments.test_timeout))
         changed = sync_tree(source)
+        # The Python package finds the libraries of the tree it was installed from in its build/release.
+        link = source / "build" / "release"
+        if kind == "release" and not link.is_symlink():
+            link.parent.mkdir(exist_ok=True)
+            link.symlink_to(build.directory)
         progress(f"mutants: {kind}: source copy in {source} ({changed} files updated)")
         started = time.monotonic()
         progress(f"mutants: {kind}: configuring and building the unmutated build in {build.directory}")
