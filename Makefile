@@ -15,6 +15,7 @@ help:
 	@echo "                 and write its report page out/demo.html"
 	@echo "make report-screenshot   the README's picture docs/report.png of out/demo.html, in headless Chromium"
 	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
+	@echo "make soak-monitor   oltb monitor for MONITOR_SECONDS (3600) against a simulator: memory must stay flat"
 	@echo "make build       the release build: library, tools, tests (build/release)"
 	@echo "make check       the release build and its tests"
 	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind, installation"
@@ -50,6 +51,19 @@ sim:
 
 sim-stop:
 	@bash scripts/sim.sh stop
+
+# oltb monitor for MONITOR_SECONDS against a simulator that is killed and started again every two minutes, with a
+# live page open, scrapes and a rotating save directory; once the history of MONITOR_HISTORY jobs (a job every
+# 0.62 s) is full, memory must stay flat (scripts/soak_monitor.py; figures in docs/performance.md).
+MONITOR_SECONDS ?= 3600
+MONITOR_HISTORY ?= 1000
+.PHONY: soak-monitor
+soak-monitor:
+	$(SETUP) build
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	/usr/bin/python3 scripts/soak_monitor.py --tool build/release/tools/oltb/oltb \
+		--simulator build/release/tools/oltb-sim/oltb-sim --seconds $(MONITOR_SECONDS) --history $(MONITOR_HISTORY)
 
 build:
 	$(SETUP) build

@@ -8,11 +8,15 @@ set -euo pipefail
 # report: what building oltb report needs: the charting library of its page (dygraphs), built into the tool so that
 # the installed tool needs nothing of it, and zlib, which packs the page's numbers. browser: chromium, for the test
 # that opens a report page in a real browser and for the README's screenshot of one, and poppler-utils (pdftoppm),
-# with which the test looks at the page printed to PDF. build: python3-venv, -pip,
+# with which the test looks at the page printed to PDF. monitor: the web server of oltb monitor (cpp-httplib, whose
+# compiled library pkg-config describes); monitor-test: a real Prometheus for its test (started by the test itself
+# on loopback, never as a service) and python3-websockets, with which the test drives Chromium. build: python3-venv, -pip,
 # -setuptools and -wheel let the Python test pip-install the package into a virtual environment, offline.
 declare -A needs=(
   [report]="libjs-dygraphs zlib1g-dev"
   [browser]="chromium poppler-utils"
+  [monitor]="libcpp-httplib-dev pkg-config"
+  [monitor-test]="prometheus python3-websockets"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev libgtest-dev binutils libhdf5-dev libdeflate-dev python3-numpy python3-pytest python3-h5py python3-venv python3-pip python3-setuptools python3-wheel"
   [m32]="g++-multilib pkg-config"
@@ -22,8 +26,8 @@ declare -A needs=(
   [mutants]="python3 ninja-build lld util-linux"
   [package]="dpkg-dev file pkg-config lintian"
 )
-needs[demo]="${needs[demo]} ${needs[report]}"
-needs[build]="${needs[build]} ${needs[report]} ${needs[browser]}"
+needs[demo]="${needs[demo]} ${needs[report]} ${needs[monitor]}"
+needs[build]="${needs[build]} ${needs[report]} ${needs[browser]} ${needs[monitor]} ${needs[monitor-test]}"
 needs[test]="${needs[build]}"
 needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"
@@ -55,5 +59,16 @@ else
 fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# Prometheus is for the tests, which start it themselves on loopback: the package must not start or enable its
+# system service (a policy that refuses service starts while installing, where the machine has none of its own).
+policy=""
+if [[ " ${missing[*]} " == *" prometheus "* && ! -e /usr/sbin/policy-rc.d ]]; then
+  policy=/usr/sbin/policy-rc.d
+  printf '#!/bin/sh\nexit 101\n' | $sudo tee "$policy" >/dev/null && $sudo chmod 755 "$policy"
+  trap '$sudo rm -f "$policy"' EXIT
+fi
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [ -n "$policy" ] && command -v systemctl >/dev/null; then
+  $sudo systemctl disable prometheus >/dev/null 2>&1 || true
+fi

@@ -1,0 +1,36 @@
+#include "tools/oltb/monitor/JobAnalyst.h"
+
+#include <exception>
+#include <memory>
+#include <string>
+
+namespace oltb::monitor {
+
+void JobAnalyst::run() {
+    while (std::optional<Job> job = _queue.pop()) {
+        auto capture = std::make_shared<JobCapture>();
+        capture->id = job->id;
+        capture->events = std::move(job->events);
+        // Converted here rather than on the reading thread, which must keep up with the card.
+        oltbToSignedPosition(capture->events.data(), static_cast<std::uint32_t>(capture->events.size()));
+        JobFigures figures;
+        try {
+            capture->result = analysis::analyze(capture->events, _options);
+            figures = figuresOf(capture->result);
+        } catch (const std::exception& error) {
+            figures.failure = std::string("the analysis failed: ") + error.what();
+            figures.events = capture->events.size();
+        }
+        figures.id = job->id;
+        figures.endedUtc = job->endedUtc;
+        figures.endedUnixSeconds = job->endedUnixSeconds;
+        if (_save != nullptr) {
+            const SaveOutcome saved = _save->save(job->info, capture->events, job->id, job->endedUtc);
+            figures.savedFile = saved.file;
+            _machine.setSaving(saved.failure, saved.bytes);
+        }
+        _machine.addJob(figures, std::move(capture));
+    }
+}
+
+}  // namespace oltb::monitor
