@@ -14,6 +14,7 @@ help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
 	@echo "                 and write its report page out/demo.html"
 	@echo "make report-screenshot   the README's picture docs/report.png of out/demo.html, in headless Chromium"
+	@echo "make monitor-screenshot  the README's picture docs/monitor.png of oltb monitor's live page"
 	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
 	@echo "make soak-monitor   oltb monitor for MONITOR_SECONDS (3600) against a simulator: memory must stay flat"
 	@echo "make build       the release build: library, tools, tests (build/release)"
@@ -41,6 +42,15 @@ demo:
 report-screenshot: demo
 	$(SETUP) browser
 	python3 tests/report/check_report_page.py --page out/demo.html --screenshot docs/report.png
+
+# The README's screenshot of oltb monitor's live page: its browser test, with a head that changes halfway.
+.PHONY: monitor-screenshot
+monitor-screenshot:
+	$(SETUP) build
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	/usr/bin/python3 tests/monitor/check_monitor.py page --tool build/release/tools/oltb/oltb \
+		--simulator build/release/tools/oltb-sim/oltb-sim --screenshot docs/monitor.png
 
 # The simulator in the background, for the README's examples: its output goes to build/sim.log.
 sim:

@@ -1,5 +1,6 @@
 #include "tools/oltb/monitor/JobAnalyst.h"
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@ void JobAnalyst::run() {
         // Converted here rather than on the reading thread, which must keep up with the card.
         oltbToSignedPosition(capture->events.data(), static_cast<std::uint32_t>(capture->events.size()));
         JobFigures figures;
+        const auto began = std::chrono::steady_clock::now();
         try {
             capture->result = analysis::analyze(capture->events, _options);
             figures = figuresOf(capture->result);
@@ -21,6 +23,7 @@ void JobAnalyst::run() {
             figures.failure = std::string("the analysis failed: ") + error.what();
             figures.events = capture->events.size();
         }
+        figures.analysisSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
         figures.id = job->id;
         figures.endedUtc = job->endedUtc;
         figures.endedUnixSeconds = job->endedUnixSeconds;

@@ -116,6 +116,7 @@ std::string toJson(const JobFigures& job, bool brief) {
                        ", \"jumps_unsettled\": " + std::to_string(job.unsettledJumps) +
                        ", \"lost_events\": " + std::to_string(job.lostEvents) +
                        ", \"warnings\": " + std::to_string(job.warnings.size()) +
+                       ", \"analysis_ms\": " + number(job.analysisSeconds * 1e3) +
                        ", \"saved\": " + analysis::jsonString(job.savedFile) +
                        ", \"failure\": " + analysis::jsonString(job.failure);
     if (brief) {

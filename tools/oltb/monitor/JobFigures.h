@@ -35,6 +35,7 @@ struct JobFigures {
     std::uint64_t lostEvents = 0;
     std::array<SettingFigures, 5> settings;
     std::vector<std::string> warnings;  // at most MaxWarnings, the last saying how many more there were
+    double analysisSeconds = 0;         // what the analysis took: it must stay below the time between jobs
     std::string savedFile;              // the job's capture in the save directory, or empty
     std::string failure;                // why the job has no figures (the analysis failed), or empty
 };

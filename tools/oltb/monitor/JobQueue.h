@@ -1,6 +1,7 @@
 // The jobs read between their labels, on their way from the reading thread to the analysing one. The reading thread
-// must never wait (the card's buffer would overflow meanwhile), so the queue is bounded and a job that finds it
-// full is dropped and counted, never blocked on: a few jobs of slack absorb one slow analysis.
+// must never wait (the card's buffer would overflow meanwhile), so a job that finds the queue full is dropped and
+// counted, never blocked on. The queue holds events up to a number of bytes: slack for many short jobs or a few
+// long ones while the analysis catches up (a busy machine, a long job), with memory bounded all the same.
 #pragma once
 
 #include "api/oltb.h"
@@ -26,14 +27,17 @@ struct Job {
 
 class JobQueue {
 public:
-    explicit JobQueue(std::size_t capacity) : _capacity(capacity) {}
+    explicit JobQueue(std::size_t capacityBytes) : _capacityBytes(capacityBytes) {}
 
-    // False when the queue is full or closed: the job is dropped.
+    // False when the queue is closed, or when it holds jobs and this one would take it past its bytes: the job is
+    // dropped. An empty queue takes any job, which is in memory already.
     bool push(Job&& job) {
         std::lock_guard<std::mutex> lock(_mutex);
-        if (_closed || _jobs.size() >= _capacity) {
+        const std::size_t bytes = job.events.size() * sizeof(oltbTraceEvent);
+        if (_closed || (!_jobs.empty() && _bytes + bytes > _capacityBytes)) {
             return false;
         }
+        _bytes += bytes;
         _jobs.push_back(std::move(job));
         _ready.notify_one();
         return true;
@@ -48,6 +52,7 @@ public:
         }
         Job job = std::move(_jobs.front());
         _jobs.pop_front();
+        _bytes -= job.events.size() * sizeof(oltbTraceEvent);
         return job;
     }
 
@@ -58,7 +63,8 @@ public:
     }
 
 private:
-    const std::size_t _capacity;
+    const std::size_t _capacityBytes;
+    std::size_t _bytes = 0;
     std::mutex _mutex;
     std::condition_variable _ready;
     std::deque<Job> _jobs;

@@ -104,6 +104,8 @@ std::string prometheusText(const MachineIdentity& identity, const MachineStatus&
     out.sample(job.endedUnixSeconds);
     out.family("oltb_job_duration_seconds", "gauge", "From the last job's start label to its end label.");
     out.sample(job.durationUs * SecondsPerUs);
+    out.family("oltb_analysis_seconds", "gauge", "What the last job's analysis took (keep it below the time between jobs).");
+    out.sample(job.analysisSeconds);
     out.family("oltb_tracking_error_seconds", "gauge",
                "How long the mirror runs behind the command at constant speed, per axis (last job).");
     out.sample(job.trackingErrorXUs, SecondsPerUs, head + ",axis=\"x\"");

@@ -22,8 +22,8 @@ namespace oltb::cli {
 
 namespace {
 
-// Jobs waiting for the analysis: slack for a slow one, while memory stays bounded by a few jobs.
-constexpr std::size_t QueuedJobs = 4;
+// Events of the jobs waiting for the analysis: 40 jobs of make demo's size.
+constexpr std::size_t QueuedBytes = 256u << 20;
 constexpr std::chrono::milliseconds InterruptPoll{100};
 
 }  // namespace
@@ -91,7 +91,7 @@ int runMonitor(const MonitorOptions& options) {
               << ", jobs between labels " << options.startLabel << " and " << options.endLabel << ")\n"
               << "live page " << url << "  metrics " << url << "metrics  (Ctrl-C ends it)" << std::endl;
 
-    monitor::JobQueue queue(QueuedJobs);
+    monitor::JobQueue queue(QueuedBytes);
     monitor::JobReader reader(reading, machine, queue);
     monitor::JobAnalyst analyst(analysisOptions, machine, queue, save.get());
     std::thread webThread, readerThread, analystThread;

@@ -20,7 +20,7 @@
   let status = null;
   let pinned = null;        // the job shown after a click on a trend; null: the last job
   const charts = new Map();
-  let report = { id: 0, shownAt: 0, timer: null };
+  const report = { id: 0, loading: false, shownAt: 0, timer: null };
   window.oltbMonitor = { charts, jobs: () => jobs };  // for scripts that drive the page (and its test)
 
   const text = (value, digits) => (value === null || value === undefined ? '–' : Number(value).toFixed(digits));
@@ -112,6 +112,7 @@
       ['edge dose', text(job.edge_dose_max, 2) + ' ×'],
       ['worst settle', text(job.settle_max_us, 1) + ' µs'],
       ['lost events', job.lost_events],
+      ['analysed in', text(job.analysis_ms, 0) + ' ms'],
     ];
     if (job.saved) rows.push(['saved as', job.saved]);
     if (job.failure) rows.push(['failure', job.failure]);
@@ -135,25 +136,30 @@
     });
   }
 
+  // The report of the last job, replaced as jobs come, but each one shown at least REPORT_EVERY_MS after it has
+  // loaded: on a busy computer a report may take longer to make and draw than the jobs take to come.
   function followReport() {
     const last = jobs.length > 0 ? jobs[jobs.length - 1].id : 0;
-    if ($('hold').checked || last === 0 || last === report.id || report.timer) return;
-    const wait = report.shownAt + REPORT_EVERY_MS - Date.now();
+    if ($('hold').checked || last === 0 || last === report.id || report.loading || report.timer) return;
     const load = () => {
       report.timer = null;
+      report.loading = true;
       report.id = jobs[jobs.length - 1].id;
-      report.shownAt = Date.now();
       $('report').src = '/report?job=' + report.id;
     };
+    const wait = report.shownAt + REPORT_EVERY_MS - Date.now();
     if (wait <= 0) load();
     else report.timer = setTimeout(load, wait);
   }
 
   $('report').addEventListener('load', () => {
+    report.loading = false;
+    report.shownAt = Date.now();
     try {  // the report is served by the monitor itself, so its height can be read
       const page = $('report').contentDocument.documentElement;
       $('report').style.height = Math.max(600, page.scrollHeight + 20) + 'px';
     } catch (error) { /* keep the height of the style */ }
+    followReport();
   });
   $('hold').addEventListener('change', followReport);
   $('follow').addEventListener('click', (event) => {
