@@ -43,7 +43,7 @@ public:
         return true;
     }
 
-    // The oldest job; waits for one. Nothing once the queue is closed and every job taken.
+    // The oldest job; waits for one. Nothing once the queue is closed.
     std::optional<Job> pop() {
         std::unique_lock<std::mutex> lock(_mutex);
         _ready.wait(lock, [&] { return _closed || !_jobs.empty(); });
@@ -56,10 +56,16 @@ public:
         return job;
     }
 
-    void close() {
+    // No job is taken after this; the jobs still waiting are dropped, so that the monitor ends within one analysis
+    // however far behind it is. Returns how many were dropped.
+    std::size_t close() {
         std::lock_guard<std::mutex> lock(_mutex);
         _closed = true;
+        const std::size_t dropped = _jobs.size();
+        _jobs.clear();
+        _bytes = 0;
         _ready.notify_all();
+        return dropped;
     }
 
 private:

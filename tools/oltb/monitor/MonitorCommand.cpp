@@ -104,15 +104,17 @@ int runMonitor(const MonitorOptions& options) {
     while (!interruptRequested()) {
         std::this_thread::sleep_for(InterruptPoll);
     }
-    // The reader first, so that no job comes after the analysis has ended; the jobs read are analysed and saved.
+    // The reader first, so that no job comes after the analysis has ended; the job being analysed is finished
+    // (and saved), those still waiting are not.
     reader.stop();
     readerThread.join();
-    queue.close();
+    const std::size_t dropped = queue.close();
     analystThread.join();
     machine.close();
     web.stop();
     webThread.join();
-    std::cout << "oltb monitor: stopped after " << machine.status().jobs << " jobs" << std::endl;
+    std::cout << "oltb monitor: stopped after " << machine.status().jobs << " jobs"
+              << (dropped > 0 ? " (" + std::to_string(dropped) + " read but not analysed)" : std::string()) << std::endl;
     return ExitSuccess;
 }
 
