@@ -22,8 +22,9 @@ namespace oltb::cli {
 
 namespace {
 
-// Events of the jobs waiting for the analysis: 40 jobs of make demo's size.
-constexpr std::size_t QueuedBytes = 256u << 20;
+// Events of the jobs waiting for the analysis: 10 jobs of make demo's size, slack for a moment of a busy computer;
+// a computer too slow for the jobs skips some whatever the slack.
+constexpr std::size_t QueuedBytes = 64u << 20;
 constexpr std::chrono::milliseconds InterruptPoll{100};
 
 }  // namespace

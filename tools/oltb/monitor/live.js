@@ -131,6 +131,9 @@
     const last = jobs.length > 0 && id === jobs[jobs.length - 1].id;
     pinned = last ? null : id;
     fetch('/jobs/' + id + '.json').then((response) => (response.ok ? response.json() : null)).then((job) => {
+      // Jobs that came meanwhile, or another click, have the panel now.
+      const wanted = pinned !== null ? pinned : jobs[jobs.length - 1].id;
+      if (id !== wanted) return;
       if (job) renderJob(job);
       else $('job-title').textContent = 'Job ' + id + ' is no longer in the history';
     });
