@@ -4,8 +4,9 @@
 A simulator in real time (a job every 0.62 s), a monitor that follows it with a save directory (rotating beyond
 its limit) and a live page open on /events, and a scraper reading /metrics, /jobs.json and /report every 10 s as a
 browser and Prometheus would. Every two minutes the simulator is killed and started again, so that the monitor's
-way back is soaked too. Once a minute it prints the monitor's resident memory, jobs and reconnects; at the end it
-compares the memory once the history has filled with the largest after it.
+way back is soaked too. Once a minute it prints the monitor's resident memory, jobs, reconnects and the median
+analysis time of the last 100 jobs; at the end it compares the memory once the history has filled with the
+largest after it.
 Exit 0 flat, 1 memory grew, 2 the monitor stopped or fell behind. Runs on 127.0.20.200 and .201.
 """
 import argparse, json, os, shutil, signal, subprocess, sys, tempfile, threading, time, urllib.request
@@ -66,15 +67,19 @@ def main():
             if monitor.poll() is not None:
                 failure = 'the monitor ended with %s' % monitor.returncode
                 break
-            status = json.loads(get('/jobs.json'))['status']
+            history = json.loads(get('/jobs.json'))
+            status = history['status']
+            analysis = sorted(job['analysis_ms'] for job in history['jobs'][-100:]) or [0]
             get('/metrics')
             get('/report')
             elapsed = time.time() - began
             samples.append((elapsed, resident_mb(monitor.pid), status['jobs']))
             if time.time() >= next_print:
                 print('%6.0f s  %7.1f MB  jobs %6d  skipped %4d  reconnects %3d  announced %6d  saved %5.1f MB'
-                      % (elapsed, samples[-1][1], status['jobs'], status['skipped_jobs'], status['reconnects'],
-                         counts['announced'], status['saved_bytes'] / 1048576.0), flush=True)
+                      '  analysis %4.0f ms' % (elapsed, samples[-1][1], status['jobs'], status['skipped_jobs'],
+                                               status['reconnects'], counts['announced'],
+                                               status['saved_bytes'] / 1048576.0, analysis[len(analysis) // 2]),
+                      flush=True)
                 next_print += 60
             if time.time() >= next_restart:
                 sim.kill()

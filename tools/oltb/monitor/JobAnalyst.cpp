@@ -1,5 +1,7 @@
 #include "tools/oltb/monitor/JobAnalyst.h"
 
+#include <malloc.h>
+
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -33,6 +35,10 @@ void JobAnalyst::run() {
             _machine.setSaving(saved.failure, saved.bytes);
         }
         _machine.addJob(figures, std::move(capture));
+        // The analysis of a job allocates and frees tens of MB on this thread, the next job's report on another;
+        // glibc keeps what each thread's arena once held. Handing the free pages back after each job keeps the
+        // monitor's memory what it holds, however long it runs.
+        malloc_trim(0);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "tools/oltb/report/PageData.h"
 
 #include <httplib.h>
+#include <malloc.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -154,6 +155,7 @@ struct WebServer::State {
                 "oltb monitor: " + options.source,
                 report::pageData(capture->events.data(), capture->events.size(), capture->result, options)));
             reportId = capture->id;
+            malloc_trim(0);  // as after an analysis (JobAnalyst.cpp): making the page freed as much on this thread
         }
         return reportPage;
     }
