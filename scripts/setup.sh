@@ -8,15 +8,11 @@ set -euo pipefail
 # report: what building oltb report needs: the charting library of its page (dygraphs), built into the tool so that
 # the installed tool needs nothing of it, and zlib, which packs the page's numbers. browser: chromium, for the test
 # that opens a report page in a real browser and for the README's screenshot of one, and poppler-utils (pdftoppm),
-# with which the test looks at the page printed to PDF. monitor: the web server of oltb monitor (cpp-httplib, whose
-# compiled library pkg-config describes); monitor-test: a real Prometheus for its test (started by the test itself
-# on loopback, never as a service) and python3-websockets, with which the test drives Chromium. build: python3-venv, -pip,
+# with which the test looks at the page printed to PDF. build: python3-venv, -pip,
 # -setuptools and -wheel let the Python test pip-install the package into a virtual environment, offline.
 declare -A needs=(
   [report]="libjs-dygraphs zlib1g-dev"
   [browser]="chromium poppler-utils"
-  [monitor]="libcpp-httplib-dev pkg-config"
-  [monitor-test]="prometheus python3-websockets"
   [demo]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev"
   [build]="cmake make g++ libconcurrentqueue-dev libcli11-dev nlohmann-json3-dev libgtest-dev binutils libhdf5-dev libdeflate-dev python3-numpy python3-pytest python3-h5py python3-venv python3-pip python3-setuptools python3-wheel"
   [m32]="g++-multilib pkg-config"
@@ -25,9 +21,16 @@ declare -A needs=(
   [bench]="libbenchmark-dev"
   [mutants]="python3 ninja-build lld util-linux"
   [package]="dpkg-dev file pkg-config lintian"
+  # monitor: the web server of oltb monitor (cpp-httplib, whose compiled library pkg-config describes). monitor-test:
+  # a real Prometheus for its test (started by the test itself on loopback, never as a service) and
+  # python3-websockets, with which the test drives Chromium.
+  [monitor]="libcpp-httplib-dev pkg-config"
+  [monitor-test]="prometheus python3-websockets"
 )
-needs[demo]="${needs[demo]} ${needs[report]} ${needs[monitor]}"
-needs[build]="${needs[build]} ${needs[report]} ${needs[browser]} ${needs[monitor]} ${needs[monitor-test]}"
+needs[demo]="${needs[demo]} ${needs[monitor]}"
+needs[build]="${needs[build]} ${needs[monitor]} ${needs[monitor-test]}"
+needs[demo]="${needs[demo]} ${needs[report]}"
+needs[build]="${needs[build]} ${needs[report]} ${needs[browser]}"
 needs[test]="${needs[build]}"
 needs[asan]="${needs[build]}"
 needs[tsan]="${needs[build]}"
