@@ -88,7 +88,8 @@ def floor(work):
             answer = json.loads(get('http://127.0.20.5:9090/api/v1/query?query=' + urllib.parse.quote(expression)))
         except OSError:
             return None  # not up yet
-        return {(s['metric']['machine'], s['metric'].get('axis')): float(s['value'][1]) for s in answer['data']['result']}
+        return {(s['metric']['machine'], s['metric'].get('axis')): float(s['value'][1])
+                for s in answer['data']['result']}
 
     errors = wait_for('Prometheus to have both machines', lambda: (lambda r: r if r and len(r) == 4 else None)(
         query('oltb_tracking_error_seconds')), 60)
@@ -139,8 +140,8 @@ def floor(work):
 
     # Addresses that cannot be listened on: one line and exit code 5 (2 for a malformed one).
     for listen, code, line in [('127.0.20.3:9496', 5, 'cannot listen on 127.0.20.3:9496: Address already in use'),
-                               ('192.0.2.1:9496', 5, 'cannot listen on 192.0.2.1:9496: Cannot assign requested address'),
-                               ('127.0.20.3', 2, "--listen wants ADDRESS:PORT")]:
+                               ('192.0.2.1:9496', 5, 'cannot listen on 192.0.2.1:9496: Cannot assign requested '),
+                               ('127.0.20.3', 2, '--listen wants ADDRESS:PORT')]:
         run = subprocess.run([args.tool, 'monitor', '127.0.20.1', '--start', '1', '--end', '2', '--listen', listen],
                              capture_output=True, text=True, timeout=30)
         assert run.returncode == code and run.stderr.startswith('oltb: ' + line) and run.stderr.count('\n') == 1, run

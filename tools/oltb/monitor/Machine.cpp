@@ -128,8 +128,8 @@ std::string Machine::statusJsonLocked() const {
         signals += (i == 0 ? "" : ", ") + analysis::jsonString(s.signals[i]);
     }
     signals += "]";
-    return "{\"machine\": " + analysis::jsonString(_identity.name) + ", \"host\": " + analysis::jsonString(_identity.host) +
-           ", \"head\": " + std::to_string(_identity.head) + ", \"start_label\": " +
+    return "{\"machine\": " + analysis::jsonString(_identity.name) +
+           ", \"host\": " + analysis::jsonString(_identity.host) + ", \"head\": " + std::to_string(_identity.head) + ", \"start_label\": " +
            std::to_string(_identity.startLabel) + ", \"end_label\": " + std::to_string(_identity.endLabel) +
            ", \"state\": " + analysis::jsonString(linkName(s.link)) + ", \"detail\": " +
            analysis::jsonString(s.linkDetail) + ", \"labels\": " + analysis::jsonString(s.labels) +

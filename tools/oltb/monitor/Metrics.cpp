@@ -104,7 +104,8 @@ std::string prometheusText(const MachineIdentity& identity, const MachineStatus&
     out.sample(job.endedUnixSeconds);
     out.family("oltb_job_duration_seconds", "gauge", "From the last job's start label to its end label.");
     out.sample(job.durationUs * SecondsPerUs);
-    out.family("oltb_analysis_seconds", "gauge", "What the last job's analysis took (keep it below the time between jobs).");
+    out.family("oltb_analysis_seconds", "gauge",
+               "What the last job's analysis took (keep it below the time between jobs).");
     out.sample(job.analysisSeconds);
     out.family("oltb_tracking_error_seconds", "gauge",
                "How long the mirror runs behind the command at constant speed, per axis (last job).");
@@ -126,7 +127,8 @@ std::string prometheusText(const MachineIdentity& identity, const MachineStatus&
     out.family("oltb_settle_max_seconds", "gauge",
                "The longest a jump of the last job took to settle in the band (predicted where it did not).");
     out.sample(job.settleMaxUs, SecondsPerUs, head);
-    out.family("oltb_jumps_unsettled", "gauge", "Jumps of the last job that had not settled when the next motion began.");
+    out.family("oltb_jumps_unsettled", "gauge",
+               "Jumps of the last job that had not settled when the next motion began.");
     out.sample(static_cast<double>(job.unsettledJumps), head);
     out.family("oltb_job_lost_events", "gauge", "Events the card's buffer dropped within the last job.");
     out.sample(static_cast<double>(job.lostEvents), head);

@@ -114,8 +114,8 @@ int runMonitor(const MonitorOptions& options) {
     machine.close();
     web.stop();
     webThread.join();
-    std::cout << "oltb monitor: stopped after " << machine.status().jobs << " jobs"
-              << (dropped > 0 ? " (" + std::to_string(dropped) + " read but not analysed)" : std::string()) << std::endl;
+    const std::string waiting = dropped > 0 ? " (" + std::to_string(dropped) + " read but not analysed)" : "";
+    std::cout << "oltb monitor: stopped after " << machine.status().jobs << " jobs" << waiting << std::endl;
     return ExitSuccess;
 }
 

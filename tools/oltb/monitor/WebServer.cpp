@@ -272,7 +272,8 @@ std::string whyNotBound(const ListenAddress& address) {
         }
         const int yes = 1;
         setsockopt(socketHandle, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        const bool bound = ::bind(socketHandle, entry->ai_addr, entry->ai_addrlen) == 0 && ::listen(socketHandle, 1) == 0;
+        const bool bound =
+            ::bind(socketHandle, entry->ai_addr, entry->ai_addrlen) == 0 && ::listen(socketHandle, 1) == 0;
         reason = bound ? "the address was taken meanwhile" : std::strerror(errno);
         ::close(socketHandle);
         break;

@@ -106,7 +106,8 @@
       ['duration', text(job.duration_us / 1000, 1) + ' ms, ' + job.events + ' events'],
       ['marks, jumps', job.marks + ', ' + job.jumps + (job.jumps_unsettled ? ' (' + job.jumps_unsettled +
         ' not settled)' : '')],
-      ['tracking error', 'X ' + text(job.tracking_error_us.x, 1) + ' µs   Y ' + text(job.tracking_error_us.y, 1) + ' µs'],
+      ['tracking error', 'X ' + text(job.tracking_error_us.x, 1) + ' µs   Y ' + text(job.tracking_error_us.y, 1) +
+        ' µs'],
       ['missing start', text(job.start_missing.median, 0) + ' units (worst ' + text(job.start_missing.max, 0) + ')'],
       ['missing end', text(job.end_missing.median, 0) + ' units (worst ' + text(job.end_missing.max, 0) + ')'],
       ['edge dose', text(job.edge_dose_max, 2) + ' ×'],
