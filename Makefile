@@ -17,8 +17,10 @@ help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
 	@echo "                 and write its report page out/demo.html"
 	@echo "make report-screenshot   the README's picture docs/report.png of out/demo.html, in headless Chromium"
+	@echo "make monitor-screenshot  the README's picture docs/monitor.png of oltb monitor's live page"
 	@echo "make sim         start oltb-sim in the background on $(SIM_ADDRESS) (make sim-stop ends it)"
 	@echo "make readme      run every command of the README in order, as one script (scripts/readme.sh)"
+	@echo "make soak-monitor   oltb monitor for MONITOR_SECONDS (3600) against a simulator: memory must stay flat"
 	@echo "make build       the release build: library, tools, tests (build/release)"
 	@echo "make check       the release build and its tests"
 	@echo "make test        everything CI runs: check, ASan+UBSan, TSan, 32-bit, fuzzing, valgrind, installation"
@@ -47,6 +49,15 @@ report-screenshot: demo
 	$(SETUP) browser
 	python3 tests/report/check_report_page.py --page out/demo.html --screenshot docs/report.png
 
+# The README's screenshot of oltb monitor's live page: its browser test, with a head that changes halfway.
+.PHONY: monitor-screenshot
+monitor-screenshot:
+	$(SETUP) build
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	/usr/bin/python3 tests/monitor/check_monitor.py page --tool build/release/tools/oltb/oltb \
+		--simulator build/release/tools/oltb-sim/oltb-sim --screenshot docs/monitor.png
+
 # The simulator in the background, for the README's examples: its output goes to build/sim.log.
 sim:
 	$(SETUP) demo
@@ -61,6 +72,19 @@ sim-stop:
 readme:
 	$(SETUP) readme
 	@bash scripts/readme.sh
+
+# oltb monitor for MONITOR_SECONDS against a simulator that is killed and started again every two minutes, with a
+# live page open, scrapes and a rotating save directory; once the history of MONITOR_HISTORY jobs (a job every
+# 0.62 s) is full, memory must stay flat (scripts/soak_monitor.py; figures in docs/performance.md).
+MONITOR_SECONDS ?= 3600
+MONITOR_HISTORY ?= 1000
+.PHONY: soak-monitor
+soak-monitor:
+	$(SETUP) build
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) --target oltb_tool oltb-sim
+	/usr/bin/python3 scripts/soak_monitor.py --tool build/release/tools/oltb/oltb \
+		--simulator build/release/tools/oltb-sim/oltb-sim --seconds $(MONITOR_SECONDS) --history $(MONITOR_HISTORY)
 
 build:
 	$(SETUP) build

@@ -24,7 +24,14 @@ declare -A needs=(
   [bench]="libbenchmark-dev"
   [mutants]="python3 ninja-build lld util-linux"
   [package]="dpkg-dev file pkg-config lintian"
+  # monitor: the web server of oltb monitor (cpp-httplib, whose compiled library pkg-config describes). monitor-test:
+  # a real Prometheus for its test (started by the test itself on loopback, never as a service) and
+  # python3-websockets, with which the test drives Chromium.
+  [monitor]="libcpp-httplib-dev pkg-config"
+  [monitor-test]="prometheus python3-websockets"
 )
+needs[demo]="${needs[demo]} ${needs[monitor]}"
+needs[build]="${needs[build]} ${needs[monitor]} ${needs[monitor-test]}"
 needs[demo]="${needs[demo]} ${needs[report]}"
 needs[build]="${needs[build]} ${needs[report]} ${needs[browser]} ${needs[viewers]}"
 needs[test]="${needs[build]}"
@@ -59,5 +66,16 @@ else
 fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# Prometheus is for the tests, which start it themselves on loopback: the package must not start or enable its
+# system service (a policy that refuses service starts while installing, where the machine has none of its own).
+policy=""
+if [[ " ${missing[*]} " == *" prometheus "* && ! -e /usr/sbin/policy-rc.d ]]; then
+  policy=/usr/sbin/policy-rc.d
+  printf '#!/bin/sh\nexit 101\n' | $sudo tee "$policy" >/dev/null && $sudo chmod 755 "$policy"
+  trap '$sudo rm -f "$policy"' EXIT
+fi
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [ -n "$policy" ] && command -v systemctl >/dev/null; then
+  $sudo systemctl disable prometheus >/dev/null 2>&1 || true
+fi

@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 namespace oltb::cli {
 
 struct ConfigOptions {
@@ -76,6 +80,22 @@ struct ConvertOptions {
     std::string output;
     VcdFormat vcd;
 };
+
+// oltb monitor (tools/oltb/monitor/): one machine watched job after job, for a browser and for Prometheus.
+struct MonitorOptions {
+    std::string host;
+    unsigned startLabel = 0, endLabel = 0;
+    std::string name;                       // in the page and the metrics; default: the host
+    std::string listen = "127.0.0.1:9496";  // ADDRESS:PORT of the page and the metrics
+    std::string saveDir;                    // empty: no capture is kept
+    double saveLimitMb = 1024;
+    std::size_t history = 1000;             // jobs whose figures are kept
+    std::string signals;                    // empty: the head's positions, Gate, LaserPower16 and Label
+    double maxWaitSeconds = 120;            // labels not seen this long are said on the page
+    AnalyzeOptions analysis;                // head, settle band and dose limit (input unused)
+};
+CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options);
+int runMonitor(const MonitorOptions& options);
 
 int runSignals();
 int runConfig(const ConfigOptions& options);

@@ -322,6 +322,9 @@ server, labels or start time for an .h5 file to keep. A failed or interrupted co
 Exit codes: 0 success, 2 usage error (also an input that is no capture of oltb: the message names the file and
 the line), 4 a file could not be read or written (missing, damaged HDF5), 130 interrupted, 1 unexpected failure.)");
 
+    MonitorOptions monitor;
+    CLI::App* monitorCommand = addMonitorCommand(app, monitor);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -360,6 +363,9 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
         }
         if (app.got_subcommand(convertCommand)) {
             return runConvert(convert);
+        }
+        if (app.got_subcommand(monitorCommand)) {
+            return runMonitor(monitor);
         }
         return runAcquire(acquire);
     } catch (const UsageError& error) {
