@@ -18,9 +18,7 @@ namespace {
 
 constexpr double SameUnits = 2.0;
 
-bool same(std::optional<double> a, std::optional<double> b) {
-    return a && b && std::abs(*a - *b) <= SameUnits;
-}
+bool same(std::optional<double> a, std::optional<double> b) { return a && b && std::abs(*a - *b) <= SameUnits; }
 
 template <typename T, typename Twins>
 std::vector<std::pair<std::size_t, std::size_t>> pair(const std::vector<T>& before, const std::vector<T>& after,
@@ -64,7 +62,9 @@ FigureChange change(std::string figure, std::string unit, std::optional<double> 
     const double difference = a - b;
     const bool alike = std::abs(difference) <= std::max(epsilon, 0.02 * std::max(std::abs(a), std::abs(b)));
     const std::string by = format(c.unit == "share" || c.unit == "dose" ? "%.2f" : "%.1f", std::abs(difference)) +
-                           (c.unit == "us" ? " µs" : c.unit == "units" ? " units" : "");
+                           (c.unit == "us"      ? " µs"
+                            : c.unit == "units" ? " units"
+                                                : "");
     if (alike) {
         c.verdict = kind.empty() ? "" : "the same";
         c.words = "the same";
@@ -72,23 +72,26 @@ FigureChange change(std::string figure, std::string unit, std::optional<double> 
     }
     c.words = (kind == "zero" ? (std::abs(a) < std::abs(b) ? "closer to 0 by " : "further from 0 by ")
                               : (difference < 0 ? (c.unit == "us" ? "shorter by " : "smaller by ")
-                                                : (c.unit == "us" ? "longer by " : "larger by "))) + by;
+                                                : (c.unit == "us" ? "longer by " : "larger by "))) +
+              by;
     if (kind == "smaller") {
         c.verdict = difference < 0 ? "better" : "worse";
     } else if (kind == "zero") {
         c.verdict = std::abs(a) < std::abs(b) ? "better" : "worse";
     } else if (kind == "dose") {
         const bool within = a <= 1.05 * limit, was = b <= 1.05 * limit;
-        c.verdict = within && !was ? "better" : !within && was ? "worse" : within ? "the same" : difference < 0 ? "better" : "worse";
+        c.verdict = within && !was   ? "better"
+                    : !within && was ? "worse"
+                    : within         ? "the same"
+                    : difference < 0 ? "better"
+                                     : "worse";
         c.words += within ? (was ? " (within the limit both times)" : " (within the limit now)")
                           : (was ? " (beyond the limit now)" : " (beyond the limit)");
     }
     return c;
 }
 
-std::string speedName(double unitsPerMs) {
-    return format("marks at %.0f units/ms", unitsPerMs);
-}
+std::string speedName(double unitsPerMs) { return format("marks at %.0f units/ms", unitsPerMs); }
 
 }  // namespace
 
@@ -107,15 +110,15 @@ Comparison compare(const Result& before, const Result& after) {
     });
     const auto unpaired = [](const char* what, std::size_t paired, std::size_t b, std::size_t a) {
         return paired == b && paired == a ? std::string()
-                                          : format("%zu of %zu %s before and %zu of %zu after have no twin; ", b - paired,
-                                                   b, what, a - paired, a);
+                                          : format("%zu of %zu %s before and %zu of %zu after have no twin; ",
+                                                   b - paired, b, what, a - paired, a);
     };
     result.jobDifference = unpaired("marks", result.marks.size(), before.marks.size(), after.marks.size()) +
                            unpaired("jumps", result.jumps.size(), before.jumps.size(), after.jumps.size());
     if (!result.jobDifference.empty()) {
-        result.jobDifference = "the traces hold different jobs: " +
-                               result.jobDifference.substr(0, result.jobDifference.size() - 2) +
-                               "; only the twins are compared";
+        result.jobDifference =
+            "the traces hold different jobs: " + result.jobDifference.substr(0, result.jobDifference.size() - 2) +
+            "; only the twins are compared";
     }
 
     // What changed on the card.
@@ -129,8 +132,10 @@ Comparison compare(const Result& before, const Result& after) {
     std::vector<FigureChange>& f = result.figures;
     f.push_back(change("tracking error X", "us", before.trackingErrorXUs, after.trackingErrorXUs, "smaller"));
     f.push_back(change("tracking error Y", "us", before.trackingErrorYUs, after.trackingErrorYUs, "smaller"));
-    f.push_back(change("following error X rms", "units", before.followingErrorX.rms, after.followingErrorX.rms, "smaller"));
-    f.push_back(change("following error Y rms", "units", before.followingErrorY.rms, after.followingErrorY.rms, "smaller"));
+    f.push_back(
+        change("following error X rms", "units", before.followingErrorX.rms, after.followingErrorX.rms, "smaller"));
+    f.push_back(
+        change("following error Y rms", "units", before.followingErrorY.rms, after.followingErrorY.rms, "smaller"));
     f.push_back(change("path deviation rms", "units", before.pathDeviation.rms, after.pathDeviation.rms, "smaller"));
     f.push_back(change("path deviation max", "units", before.pathDeviation.max, after.pathDeviation.max, "smaller"));
 
@@ -139,9 +144,12 @@ Comparison compare(const Result& before, const Result& after) {
     for (const auto& p : result.marks) {
         if (before.marks[p.first].speed) bySpeed[std::lround(*before.marks[p.first].speed / 10)].push_back(p);
     }
-    for (const auto& [speed, pairs] : bySpeed) {
+    for (const auto& entry : bySpeed) {  // not a structured binding: the lambdas below capture its parts
+        const auto& speed = entry.first;
+        const auto& pairs = entry.second;
         const std::string group = speedName(static_cast<double>(speed) * 10) + ": ";
-        const auto side = [&](const Result& r, bool later, const std::function<std::optional<double>(const Mark&)>& value) {
+        const auto side = [&](const Result& r, bool later,
+                              const std::function<std::optional<double>(const Mark&)>& value) {
             std::vector<double> values;
             for (const auto& p : pairs) {
                 if (const std::optional<double> v = value(r.marks[later ? p.second : p.first])) values.push_back(*v);
@@ -167,7 +175,9 @@ Comparison compare(const Result& before, const Result& after) {
             byLength[std::lround(before.jumps[p.first].length)].push_back(p);
         }
     }
-    for (const auto& [length, pairs] : byLength) {
+    for (const auto& entry : byLength) {  // not a structured binding: the lambdas below capture its parts
+        const auto& length = entry.first;
+        const auto& pairs = entry.second;
         const auto side = [&pairs](const Result& r, bool later, std::size_t& settled) {
             std::vector<double> times;
             settled = 0;
@@ -180,8 +190,8 @@ Comparison compare(const Result& before, const Result& after) {
         };
         std::size_t settledBefore = 0, settledAfter = 0;
         const std::optional<double> b = side(before, false, settledBefore), a = side(after, true, settledAfter);
-        FigureChange c = change(format("jumps of %ld units (%zu): settle time", length, pairs.size()), "us", b, a,
-                                "smaller");
+        FigureChange c =
+            change(format("jumps of %ld units (%zu): settle time", length, pairs.size()), "us", b, a, "smaller");
         if (settledBefore != settledAfter) {
             c.verdict = settledAfter > settledBefore ? "better" : "worse";
             c.words = format("settled %zu of %zu, before %zu", settledAfter, pairs.size(), settledBefore) +
@@ -196,7 +206,9 @@ Comparison compare(const Result& before, const Result& after) {
     for (const auto& p : result.corners) {
         byPoint[{std::lround(after.corners[p.second].x), std::lround(after.corners[p.second].y)}].push_back(p);
     }
-    for (const auto& [point, pairs] : byPoint) {
+    for (const auto& entry : byPoint) {  // not a structured binding: the lambdas below capture its parts
+        const auto& point = entry.first;
+        const auto& pairs = entry.second;
         const auto side = [&pairs](const Result& r, bool later, std::optional<double> Corner::*field) {
             std::vector<double> values;
             for (const auto& p : pairs) {
@@ -227,8 +239,8 @@ std::string toJson(const Comparison& comparison, const Result& before, const Res
             const FigureChange& c = list[i];
             json += std::string(i == 0 ? "\n  " : ",\n  ") + "{\"figure\": " + jsonString(c.figure) +
                     ", \"unit\": " + jsonString(c.unit) + ", \"before\": " + jsonNumber(c.before) +
-                    ", \"after\": " + jsonNumber(c.after) + ", \"verdict\": " +
-                    (c.verdict.empty() ? std::string("null") : jsonString(c.verdict)) +
+                    ", \"after\": " + jsonNumber(c.after) +
+                    ", \"verdict\": " + (c.verdict.empty() ? std::string("null") : jsonString(c.verdict)) +
                     ", \"words\": " + jsonString(c.words) + "}";
         }
         return json + "]";
@@ -236,7 +248,8 @@ std::string toJson(const Comparison& comparison, const Result& before, const Res
     const auto pairs = [](const std::vector<std::pair<std::size_t, std::size_t>>& list) {
         std::string json = "[";
         for (std::size_t i = 0; i < list.size(); ++i) {
-            json += (i == 0 ? "[" : ", [") + std::to_string(list[i].first) + ", " + std::to_string(list[i].second) + "]";
+            json +=
+                (i == 0 ? "[" : ", [") + std::to_string(list[i].first) + ", " + std::to_string(list[i].second) + "]";
         }
         return json + "]";
     };
