@@ -11,7 +11,7 @@ SETUP = @bash scripts/setup.sh
 
 .DEFAULT_GOAL := help
 .PHONY: help demo report-screenshot sim sim-stop readme build check test test-release test-asan test-tsan test-m32 test-valgrind fuzz fuzz-ci \
-	fuzz-build soak bench mutants install package test-install clean
+	fuzz-build soak bench mutants format format-check install package test-install clean
 
 help:
 	@echo "make demo        build oltb and oltb-sim, capture one marking job of the simulator to out/demo.csv, .vcd"
@@ -27,6 +27,7 @@ help:
 	@echo "make test-asan, test-tsan, test-m32, test-valgrind, fuzz-ci, test-install   one step of make test each"
 	@echo "make fuzz        each fuzz target for FUZZ_SECONDS (60)"
 	@echo "make soak        the interleaving explorer of the C interface for SECONDS (600), PRESET=release|asan|tsan"
+	@echo "make format      reformat the C and C++ files in the house style (.clang-format); make format-check checks"
 	@echo "make bench       the benchmarks, each figure beside its limit"
 	@echo "make mutants     the mutation check of the test suite (ONLY=filter for some mutants)"
 	@echo "make install     install library, header, pkg-config and CMake files, tools, manual pages and the Python"
@@ -98,10 +99,21 @@ check: build
 # Everything: the normal build, AddressSanitizer+UndefinedBehaviorSanitizer, ThreadSanitizer, the 32-bit library,
 # a short fuzzing run, the valgrind checks and the installation.
 test:
-	$(SETUP) build bench m32 fuzz valgrind package
-	$(MAKE) test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind test-install
+	$(SETUP) build bench m32 fuzz valgrind package format
+	$(MAKE) format-check test-release test-asan test-tsan test-m32 fuzz-ci test-valgrind test-install
 
 test-release: check
+
+# One house style for every C and C++ file (.clang-format): format-check lists the files that differ from it and
+# fails, format rewrites them.
+FORMATTED = git ls-files '*.cpp' '*.h' '*.c'
+format-check:
+	$(SETUP) format
+	@$(FORMATTED) | xargs clang-format --dry-run -Werror
+
+format:
+	$(SETUP) format
+	@$(FORMATTED) | xargs clang-format -i
 
 test-asan:
 	$(SETUP) asan

@@ -21,7 +21,8 @@ std::optional<double> medianOf(const std::vector<double>& values) {
 std::vector<double> speedsOf(const JobLayout& layout, bool inPolylines) {
     std::vector<double> speeds;
     for (std::size_t p = 0; p < layout.pieces.size(); ++p) {
-        if (layout.polylineOf[p].has_value() == inPolylines && !layout.pieces[p].cutAtStart && !layout.pieces[p].cutAtEnd) {
+        if (layout.polylineOf[p].has_value() == inPolylines && !layout.pieces[p].cutAtStart &&
+            !layout.pieces[p].cutAtEnd) {
             speeds.push_back(layout.pieces[p].speed * 1000);
         }
     }
@@ -48,16 +49,19 @@ void adviseLaserSettings(Result& result) {
     const double dose = result.maxEdgeDose;
     if (laserOn.suggested) {
         const DelayChoice& at = result.onChoices[result.onChoices.size() / 2];
-        laserOn.why = format("the gate opens when the mirror moves along the mark at 1/%g of the mark speed (edge dose %g)",
-                             dose, dose) +
-                      (at.missing ? format(", leaving %.0f units of the start unmarked", std::max(0.0, *at.missing)) : "");
+        laserOn.why =
+            format("the gate opens when the mirror moves along the mark at 1/%g of the mark speed (edge dose %g)", dose,
+                   dose) +
+            (at.missing ? format(", leaving %.0f units of the start unmarked", std::max(0.0, *at.missing)) : "");
     }
     if (laserOff.suggested) {
         const DelayChoice& at = result.offChoices[result.offChoices.size() / 2];
-        laserOff.why = format("the gate closes when the mirror slows below 1/%g of the mark speed or reaches the end "
-                              "point, whichever comes first",
-                              dose) +
-                       (at.missing ? format(", leaving %.0f units of the end unmarked", std::max(0.0, *at.missing)) : "");
+        laserOff.why =
+            format(
+                "the gate closes when the mirror slows below 1/%g of the mark speed or reaches the end "
+                "point, whichever comes first",
+                dose) +
+            (at.missing ? format(", leaving %.0f units of the end unmarked", std::max(0.0, *at.missing)) : "");
     }
     for (Setting* setting : {&laserOn, &laserOff}) {
         if (!setting->suggested && setting->why.empty()) {
@@ -73,10 +77,11 @@ void adviseLaserSettings(Result& result) {
         }
     }
     if (laserOn.suggested && laserOff.suggested && *laserOff.suggested < *laserOn.suggested) {
-        result.warnings.push_back(format("The suggested laser-off delay (%.0f µs) is shorter than the laser-on delay "
-                                         "(%.0f µs): a mark shorter than their difference would switch off "
-                                         "before it switches on.",
-                                         *laserOff.suggested, *laserOn.suggested));
+        result.warnings.push_back(
+            format("The suggested laser-off delay (%.0f µs) is shorter than the laser-on delay "
+                   "(%.0f µs): a mark shorter than their difference would switch off "
+                   "before it switches on.",
+                   *laserOff.suggested, *laserOn.suggested));
     }
 }
 
@@ -126,9 +131,10 @@ void adviseJumpDelay(Result& result) {
         if (!jump.settled && !jump.predictedSettleUs) atLeast = std::max(atLeast, jump.atLeastUs.value_or(0.0));
     }
     setting.suggested = roundUpToPeriod(std::max(2 * atLeast, atLeast + 500));
-    setting.why += format("not known yet: jumps did not settle within the %.0f µs they had, and the head's model "
-                          "cannot predict them; trace again with this longer jump delay to measure them",
-                          atLeast);
+    setting.why += format(
+        "not known yet: jumps did not settle within the %.0f µs they had, and the head's model "
+        "cannot predict them; trace again with this longer jump delay to measure them",
+        atLeast);
 }
 
 void adviseMarkAndPolygon(Result& result, const JobLayout& layout) {
@@ -142,12 +148,13 @@ void adviseMarkAndPolygon(Result& result, const JobLayout& layout) {
     }
     Setting& mark = result.settings.mark;
     mark.now = medianOf(markDelays);
-    const std::optional<double> off = result.settings.laserOff.suggested ? result.settings.laserOff.suggested
-                                                                          : result.settings.laserOff.now;
+    const std::optional<double> off =
+        result.settings.laserOff.suggested ? result.settings.laserOff.suggested : result.settings.laserOff.now;
     if (mark.now && off) {
         mark.suggested = roundUpToPeriod(std::max(0.0, *off));
-        mark.why = "the next jump may begin once the gate has closed (the laser-off delay); a longer mark delay only "
-                   "costs time, a shorter one pulls the end of the mark toward the jump";
+        mark.why =
+            "the next jump may begin once the gate has closed (the laser-off delay); a longer mark delay only "
+            "costs time, a shorter one pulls the end of the mark toward the jump";
     } else {
         mark.why = mark.now ? "the laser-off delay is not known" : "no polyline with a next motion";
     }
@@ -168,10 +175,11 @@ void adviseMarkAndPolygon(Result& result, const JobLayout& layout) {
         polygon.why = "no corners in the polylines";
     } else if (needed) {
         polygon.suggested = needed;
-        polygon.why = format("%zu of the corners are rounded by more than the band of %.0f units; this delay lets "
-                             "the mirror reach them, but it slows to a stop there with the laser on (a dot): "
-                             "keep the rounding if the part allows it",
-                             rounded, result.settleBandUnits);
+        polygon.why = format(
+            "%zu of the corners are rounded by more than the band of %.0f units; this delay lets "
+            "the mirror reach them, but it slows to a stop there with the laser on (a dot): "
+            "keep the rounding if the part allows it",
+            rounded, result.settleBandUnits);
     } else if (polygon.now) {
         polygon.suggested = polygon.now;
         polygon.why = format("the mirror passes every corner within the band of %.0f units", result.settleBandUnits);
@@ -194,10 +202,11 @@ void adviseSettings(Result& result, const JobLayout& layout) {
         tooSlow += mark.peakSpeed && *mark.peakSpeed < 1 / result.maxEdgeDose ? 1 : 0;
     }
     if (tooSlow > 0) {
-        result.warnings.push_back(format("%zu marks are too short for the mirror to reach 1/%g of the mark speed: they "
-                                         "take more than %g times the dose whatever the laser delays (a lower mark "
-                                         "speed or skywriting helps); the laser advice rests on the others.",
-                                         tooSlow, result.maxEdgeDose, result.maxEdgeDose));
+        result.warnings.push_back(
+            format("%zu marks are too short for the mirror to reach 1/%g of the mark speed: they "
+                   "take more than %g times the dose whatever the laser delays (a lower mark "
+                   "speed or skywriting helps); the laser advice rests on the others.",
+                   tooSlow, result.maxEdgeDose, result.maxEdgeDose));
     }
     if (tooShort > 0) {
         result.warnings.push_back(std::to_string(tooShort) +
@@ -210,10 +219,11 @@ void adviseSettings(Result& result, const JobLayout& layout) {
                                       servo->trackingFailure + " on " + axis + ".");
         }
         if (servo->fitRms && !servo->fitHolds) {
-            result.warnings.push_back(format("The model of the head does not hold on %s (it misses the mirror by "
-                                             "%.1f units rms against a following error of %.0f): settle times and "
-                                             "corner delays are as measured, not predicted.",
-                                             axis, *servo->fitRms, servo->followingRms.value_or(0.0)));
+            result.warnings.push_back(
+                format("The model of the head does not hold on %s (it misses the mirror by "
+                       "%.1f units rms against a following error of %.0f): settle times and "
+                       "corner delays are as measured, not predicted.",
+                       axis, *servo->fitRms, servo->followingRms.value_or(0.0)));
         }
     }
     if (!result.lostEvents.empty()) {

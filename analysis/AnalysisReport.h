@@ -13,7 +13,6 @@ namespace oltb::analysis {
 // The name of a signal by its event type, e.g. "Head0TxX"; without one, "type N".
 std::string signalLabel(int type);
 
-
 // The settings object {"laser_on_delay_us": {"now", "suggested", "why"}, ...} and the jump delay table.
 std::string settingsJson(const Settings& settings);
 std::string jumpDelayTableJson(const std::vector<JumpDelay>& table);

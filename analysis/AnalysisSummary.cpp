@@ -49,9 +49,7 @@ std::string us(std::optional<double> value, const char* pattern = "%.1f") {
     return value ? format(pattern, *value) : std::string("-");
 }
 
-std::string share(std::optional<double> value) {
-    return value ? format("%.2f", *value) : std::string("-");
-}
+std::string share(std::optional<double> value) { return value ? format("%.2f", *value) : std::string("-"); }
 
 std::string dose(std::optional<double> value) {
     if (!value) return "-";
@@ -84,7 +82,8 @@ void headSection(std::string& out, const Result& result, const Units& units, con
         if (!servo->naturalFrequencyHz) continue;
         std::string line = format("  model of %s: %.0f Hz, damping %.2f", axis, *servo->naturalFrequencyHz,
                                   servo->damping.value_or(0.0));
-        if (servo->driverFilterUs && *servo->driverFilterUs > 0.5) line += format(", driver filter %.0f µs", *servo->driverFilterUs);
+        if (servo->driverFilterUs && *servo->driverFilterUs > 0.5)
+            line += format(", driver filter %.0f µs", *servo->driverFilterUs);
         if (servo->maxAcceleration) line += format(", acceleration limit %.0f units/ms²", *servo->maxAcceleration);
         line += format("; misses the mirror by %.1f units rms (%s)\n", servo->fitRms.value_or(0.0),
                        servo->fitHolds ? "holds" : "does not hold: predictions are not made");
@@ -99,10 +98,11 @@ void headSection(std::string& out, const Result& result, const Units& units, con
 }
 
 void marksSection(std::string& out, const Result& result, const Units& units, std::size_t rows) {
-    out += format("\nMarks: %zu. Missing: how much of the mark the laser leaves out at its start or end (negative: it "
-                  "marks beyond);\n  speed: the mirror's along the mark when the gate switches, as a share of the mark "
-                  "speed (dose = 1 / speed)\n",
-                  result.marks.size());
+    out += format(
+        "\nMarks: %zu. Missing: how much of the mark the laser leaves out at its start or end (negative: it "
+        "marks beyond);\n  speed: the mirror's along the mark when the gate switches, as a share of the mark "
+        "speed (dose = 1 / speed)\n",
+        result.marks.size());
     out += "  " + right("#", 4) + right("gate on µs", 13) + right("length", 15) + right("speed", 15) +
            right("on delay", 10) + right("start missing", 15) + right("speed", 7) + right("off delay", 11) +
            right("end missing", 13) + right("speed", 7) + "\n";
@@ -125,10 +125,11 @@ void laserSection(std::string& out, const Result& result, const Units& units) {
     if (result.onChoices.empty()) {
         return;
     }
-    out += format("\nLaser delays for a largest edge dose of %g (--max-edge-dose): no point of a mark gets more than %g "
-                  "times\n  the dose of the mark's body. Other delays trade missing length against dose (median "
-                  "missing, largest dose\n  over the marks):\n",
-                  result.maxEdgeDose, result.maxEdgeDose);
+    out += format(
+        "\nLaser delays for a largest edge dose of %g (--max-edge-dose): no point of a mark gets more than %g "
+        "times\n  the dose of the mark's body. Other delays trade missing length against dose (median "
+        "missing, largest dose\n  over the marks):\n",
+        result.maxEdgeDose, result.maxEdgeDose);
     out += "  " + right("on delay µs", 13) + right("start missing", 15) + right("edge dose", 11) +
            right("off delay µs", 16) + right("end missing", 13) + right("edge dose", 11) + "\n";
     for (std::size_t i = 0; i < std::max(result.onChoices.size(), result.offChoices.size()); ++i) {
@@ -147,9 +148,9 @@ void laserSection(std::string& out, const Result& result, const Units& units) {
         out += line + (middle ? "   <- suggested" : "") + "\n";
     }
     for (const SpeedGroup& group : result.bySpeed) {
-        out += "  marks at " + units.speed(group.speed) + format(" (%zu): laser-on %s µs, laser-off %s µs\n",
-                                                                 group.marks, us(group.onDelayUs, "%.0f").c_str(),
-                                                                 us(group.offDelayUs, "%.0f").c_str());
+        out += "  marks at " + units.speed(group.speed) +
+               format(" (%zu): laser-on %s µs, laser-off %s µs\n", group.marks, us(group.onDelayUs, "%.0f").c_str(),
+                      us(group.offDelayUs, "%.0f").c_str());
     }
 }
 
@@ -172,7 +173,12 @@ void jumpsSection(std::string& out, const Result& result, const Units& units, st
         }
         out += "  " + right(std::to_string(i + 1), 4) + right(format("%.1f", jump.startUs), 13) +
                right(units.length(jump.length), 16) + right(us(jump.delayUs), 10) + right(settle, 18) +
-               right(jump.settled ? "yes" : jump.cutShort ? "(end)" : jump.atLeastUs ? "NO" : "-", 9) + "\n";
+               right(jump.settled     ? "yes"
+                     : jump.cutShort  ? "(end)"
+                     : jump.atLeastUs ? "NO"
+                                      : "-",
+                     9) +
+               "\n";
     }
     if (result.jumps.size() > rows) {
         out += format("  ... and %zu more (--json lists them all)\n", result.jumps.size() - rows);
@@ -193,7 +199,8 @@ void cornersSection(std::string& out, const Result& result, const Units& units, 
     if (result.corners.empty()) {
         return;
     }
-    out += format("\nCorners: %zu (rounding: the closest the mirror comes to the corner point)\n", result.corners.size());
+    out +=
+        format("\nCorners: %zu (rounding: the closest the mirror comes to the corner point)\n", result.corners.size());
     out += "  " + right("#", 4) + right("mark", 5) + right("at µs", 13) + right("angle", 7) + right("delay µs", 10) +
            right("rounding", 14) + right("dose", 6) + right("needs µs", 10) + "\n";
     for (std::size_t i = 0; i < result.corners.size() && i < rows; ++i) {
@@ -219,8 +226,7 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
     } else {
         out += "Lost events (overflow of the server's buffer; figures near them are less sure):";
         for (const auto& [type, count] : result.lostEvents) {
-            out += format(" %s %llu", signalLabel(type).c_str(),
-                          static_cast<unsigned long long>(count));
+            out += format(" %s %llu", signalLabel(type).c_str(), static_cast<unsigned long long>(count));
         }
         out += "\n";
     }
@@ -261,10 +267,9 @@ std::string toSummary(const Result& result, const SummaryOptions& options) {
 std::vector<std::string> suggestedChanges(const Result& result, double) {
     std::vector<std::string> items;
     const Settings& s = result.settings;
-    for (const auto& [name, setting] :
-         {std::pair{"Jump delay", &s.jump}, std::pair{"Laser-on delay", &s.laserOn},
-          std::pair{"Laser-off delay", &s.laserOff}, std::pair{"Mark delay", &s.mark},
-          std::pair{"Polygon delay", &s.polygon}}) {
+    for (const auto& [name, setting] : {std::pair{"Jump delay", &s.jump}, std::pair{"Laser-on delay", &s.laserOn},
+                                        std::pair{"Laser-off delay", &s.laserOff}, std::pair{"Mark delay", &s.mark},
+                                        std::pair{"Polygon delay", &s.polygon}}) {
         if (!setting->suggested) {
             continue;
         }

@@ -31,7 +31,8 @@ std::vector<Corner> measureCorners(const JobLayout& layout, const std::vector<In
             corner.atUs = before.endUs;
             corner.x = before.to.x;
             corner.y = before.to.y;
-            corner.angleDeg = std::acos(std::clamp(dot(before.endDirection, after.startDirection), -1.0, 1.0)) * 180 / Pi;
+            corner.angleDeg =
+                std::acos(std::clamp(dot(before.endDirection, after.startDirection), -1.0, 1.0)) * 180 / Pi;
             corner.delayUs = after.startUs - before.endUs;
             if (head.mirror.empty()) {
                 corners.push_back(corner);

@@ -47,8 +47,6 @@ inline std::string jsonString(const std::string& text) {
     return out + "\"";
 }
 
-inline std::string jsonBool(bool value) {
-    return value ? "true" : "false";
-}
+inline std::string jsonBool(bool value) { return value ? "true" : "false"; }
 
 }  // namespace oltb::analysis

@@ -70,9 +70,7 @@ void settle(Jump& jump, const HeadView& head, Vec2 target, double end, double ne
 
 }  // namespace
 
-double roundUpToPeriod(double us) {
-    return std::ceil(us / PeriodUs - 1e-9) * PeriodUs;
-}
+double roundUpToPeriod(double us) { return std::ceil(us / PeriodUs - 1e-9) * PeriodUs; }
 
 bool stateAt(const HeadView& head, double time, AxisState& x, AxisState& y) {
     Vec2 p, v;

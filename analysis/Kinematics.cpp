@@ -32,21 +32,19 @@ double slopeAt(const std::vector<double>& t, const std::vector<double>& v, std::
             power *= d;
         }
     }
-    const double det = s[0] * (s[2] * s[4] - s[3] * s[3]) - s[1] * (s[1] * s[4] - s[3] * s[2]) +
-                       s[2] * (s[1] * s[3] - s[2] * s[2]);
+    const double det =
+        s[0] * (s[2] * s[4] - s[3] * s[3]) - s[1] * (s[1] * s[4] - s[3] * s[2]) + s[2] * (s[1] * s[3] - s[2] * s[2]);
     if (!(std::abs(det) > 0)) {
         return 0.0;
     }
-    const double detB = s[0] * (r[1] * s[4] - s[3] * r[2]) - r[0] * (s[1] * s[4] - s[3] * s[2]) +
-                        s[2] * (s[1] * r[2] - r[1] * s[2]);
+    const double detB =
+        s[0] * (r[1] * s[4] - s[3] * r[2]) - r[0] * (s[1] * s[4] - s[3] * s[2]) + s[2] * (s[1] * r[2] - r[1] * s[2]);
     return detB / det;
 }
 
 }  // namespace
 
-double length(Vec2 a) {
-    return std::hypot(a.x, a.y);
-}
+double length(Vec2 a) { return std::hypot(a.x, a.y); }
 
 PathMotion::PathMotion(const Path& path) : _path(path) {
     const std::size_t n = path.size();

@@ -15,15 +15,13 @@ namespace {
 constexpr double LowestSpeedShare = 0.01;  // the dose of a mirror this slow or slower counts as 100 times: a dot
 constexpr int Bisections = 24;
 
-double doseOf(double speedShare) {
-    return 1 / std::max(speedShare, LowestSpeedShare);
-}
+double doseOf(double speedShare) { return 1 / std::max(speedShare, LowestSpeedShare); }
 
 struct Edges {
     Vec2 startPoint, startDirection, endPoint, endDirection;
     double commandStart = 0, commandEnd = 0;
     double nextMotion = 0;  // the command moves on (the next jump): the mirror's motion after it is not the mark's
-    double speed = 0;  // units/us
+    double speed = 0;       // units/us
 };
 
 // The first time in [from, to] at which `reached(t)` holds, found on the mirror's samples and refined between two
@@ -67,13 +65,13 @@ void bestTimes(Mark& mark, const Edges& e, const HeadView& head) {
     const double until = e.nextMotion + head.lagUs.value_or(0.0);
     // The fastest the mirror moves along the mark's start before the command moves on.
     double peak = -INFINITY;
-    for (std::size_t i = head.mirror.firstAtOrAfter(e.commandStart); i < head.mirror.size() && head.mirror.time(i) <= until;
-         ++i) {
+    for (std::size_t i = head.mirror.firstAtOrAfter(e.commandStart);
+         i < head.mirror.size() && head.mirror.time(i) <= until; ++i) {
         peak = std::max(peak, dot(head.mirror.velocityOf(i), e.startDirection));
     }
     if (std::isfinite(peak)) mark.peakSpeed = peak / e.speed;
-    const std::optional<double> on = firstTime(head.mirror, e.commandStart, until,
-                                               [&](Vec2, Vec2 v) { return dot(v, e.startDirection) >= enough; });
+    const std::optional<double> on =
+        firstTime(head.mirror, e.commandStart, until, [&](Vec2, Vec2 v) { return dot(v, e.startDirection) >= enough; });
     if (!on) {
         return;
     }
@@ -84,7 +82,8 @@ void bestTimes(Mark& mark, const Edges& e, const HeadView& head) {
     // Where the next motion began before that (a mark delay shorter than the laser-off delay), it pulled the mirror
     // away: what the mirror would have done had the command stayed at the end, the head's model tells.
     AxisState x, y;
-    if ((!off || *off > e.nextMotion) && e.nextMotion > std::max(e.commandEnd, *on) && stateAt(head, e.nextMotion, x, y)) {
+    if ((!off || *off > e.nextMotion) && e.nextMotion > std::max(e.commandEnd, *on) &&
+        stateAt(head, e.nextMotion, x, y)) {
         const std::optional<double> after =
             head.model->holdUntil(x, y, e.endPoint, 4 * head.lagUs.value_or(250) + 1000, ended);
         off = after ? std::optional<double>(e.nextMotion + *after) : std::nullopt;

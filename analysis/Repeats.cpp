@@ -40,11 +40,11 @@ std::string differs(const Result& first, const Result& run, std::size_t k) {
         const Mark& a = first.marks[m];
         const Mark& b = run.marks[m];
         if (!samePoint(a.startX, a.startY, b.startX, b.startY) || !samePoint(a.endX, a.endY, b.endX, b.endY)) {
-            return format("mark %zu of run %zu runs from (%.0f, %.0f) to (%.0f, %.0f), in run 1 from (%.0f, %.0f) to "
-                          "(%.0f, %.0f)",
-                          m + 1, k + 1, b.startX.value_or(0), b.startY.value_or(0), b.endX.value_or(0),
-                          b.endY.value_or(0), a.startX.value_or(0), a.startY.value_or(0), a.endX.value_or(0),
-                          a.endY.value_or(0));
+            return format(
+                "mark %zu of run %zu runs from (%.0f, %.0f) to (%.0f, %.0f), in run 1 from (%.0f, %.0f) to "
+                "(%.0f, %.0f)",
+                m + 1, k + 1, b.startX.value_or(0), b.startY.value_or(0), b.endX.value_or(0), b.endY.value_or(0),
+                a.startX.value_or(0), a.startY.value_or(0), a.endX.value_or(0), a.endY.value_or(0));
         }
     }
     for (std::size_t j = 0; j < run.jumps.size(); ++j) {
@@ -122,12 +122,10 @@ void collectFigures(Repeatability& repeats, double dose) {
               [j](const Result& r) { return r.jumps[j].settled ? r.jumps[j].settleUs : r.jumps[j].predictedSettleUs; });
     }
     for (std::size_t k = 0; k < first.corners.size(); ++k) {
-        c.add("corner " + std::to_string(k + 1) + " rounding", "units", larger, [k](const Result& r) {
-            return k < r.corners.size() ? r.corners[k].rounding : std::nullopt;
-        });
-        c.add("corner " + std::to_string(k + 1) + " edge dose", "dose", larger, [k](const Result& r) {
-            return k < r.corners.size() ? r.corners[k].edgeDose : std::nullopt;
-        });
+        c.add("corner " + std::to_string(k + 1) + " rounding", "units", larger,
+              [k](const Result& r) { return k < r.corners.size() ? r.corners[k].rounding : std::nullopt; });
+        c.add("corner " + std::to_string(k + 1) + " edge dose", "dose", larger,
+              [k](const Result& r) { return k < r.corners.size() ? r.corners[k].edgeDose : std::nullopt; });
     }
     c.add("lost events", "events", larger, [](const Result& r) {
         double lost = 0;
@@ -156,8 +154,8 @@ void chooseSettings(Repeatability& repeats) {
             return;
         }
         setting.suggested = (results[*run].settings.*which).suggested;
-        setting.why = format("%s in every run: run %zu decides it; ", meaning, *run + 1) +
-                      (results[*run].settings.*which).why;
+        setting.why =
+            format("%s in every run: run %zu decides it; ", meaning, *run + 1) + (results[*run].settings.*which).why;
     };
     decide(&Settings::laserOn, true, "the latest the mirror reaches 1/D of the mark speed");
     decide(&Settings::laserOff, false, "the earliest it slows below 1/D or reaches the end");
@@ -168,8 +166,8 @@ void chooseSettings(Repeatability& repeats) {
     repeats.jumpDelayTable = jumpDelayTable(jumps);
     if (!repeats.jumpDelayTable.empty() && repeats.jumpDelayTable.back().delayUs) {
         settings.jump.suggested = repeats.jumpDelayTable.back().delayUs;
-        settings.jump.why = format("covers every jump of all %zu runs with a margin of 10 %% (at least 5 µs)",
-                                   results.size());
+        settings.jump.why =
+            format("covers every jump of all %zu runs with a margin of 10 %% (at least 5 µs)", results.size());
     } else {
         decide(&Settings::jump, true, "a longer jump delay to measure with");
     }
@@ -271,18 +269,18 @@ Repeatability analyzeEach(const oltbTraceEvent* events, std::size_t count, std::
 }
 
 std::string toJson(const Repeatability& repeats, bool withRuns) {
-    std::string json = "{\"runs\": " + std::to_string(repeats.runs) + ", \"unclosed\": " +
-                       std::to_string(repeats.unclosed) + ",\n \"figures\": [";
+    std::string json = "{\"runs\": " + std::to_string(repeats.runs) +
+                       ", \"unclosed\": " + std::to_string(repeats.unclosed) + ",\n \"figures\": [";
     for (std::size_t i = 0; i < repeats.figures.size(); ++i) {
         const Spread& s = repeats.figures[i];
         json += std::string(i == 0 ? "\n  " : ",\n  ") + "{\"figure\": " + jsonString(s.figure) +
                 ", \"unit\": " + jsonString(s.unit) + ", \"runs\": " + std::to_string(s.runs) +
-                ", \"median\": " + jsonNumber(s.median) + ", \"min\": " + jsonNumber(s.min) + ", \"max\": " +
-                jsonNumber(s.max) + ", \"std\": " + jsonNumber(s.stddev) + ", \"worst_run\": " +
-                std::to_string(s.worstRun + 1) + "}";
+                ", \"median\": " + jsonNumber(s.median) + ", \"min\": " + jsonNumber(s.min) +
+                ", \"max\": " + jsonNumber(s.max) + ", \"std\": " + jsonNumber(s.stddev) +
+                ", \"worst_run\": " + std::to_string(s.worstRun + 1) + "}";
     }
-    json += "],\n \"settings\": " + settingsJson(repeats.settings) + ",\n \"jump_delay_table\": " +
-            jumpDelayTableJson(repeats.jumpDelayTable) + ",\n \"warnings\": [";
+    json += "],\n \"settings\": " + settingsJson(repeats.settings) +
+            ",\n \"jump_delay_table\": " + jumpDelayTableJson(repeats.jumpDelayTable) + ",\n \"warnings\": [";
     for (std::size_t i = 0; i < repeats.warnings.size(); ++i) {
         json += std::string(i == 0 ? "" : ", ") + jsonString(repeats.warnings[i]);
     }

@@ -37,10 +37,10 @@ struct Spread {
 
 struct Repeatability {
     std::size_t runs = 0;
-    std::size_t unclosed = 0;          // start labels whose end label the capture does not hold
-    std::vector<Result> results;       // one per run
+    std::size_t unclosed = 0;     // start labels whose end label the capture does not hold
+    std::vector<Result> results;  // one per run
     std::vector<Spread> figures;
-    Settings settings;                 // suggested so that they hold in every run
+    Settings settings;  // suggested so that they hold in every run
     std::vector<JumpDelay> jumpDelayTable;
     std::vector<std::string> warnings;
 };

@@ -16,18 +16,14 @@ constexpr double RoundingUnits = 2.5;
 // Pieces within this share of each other's speed move at one speed (rounding to whole units shows in the steps).
 constexpr double SameSpeedShare = 0.08;
 
-Vec2 stepOf(const Path& path, std::size_t j) {
-    return {path.x[j + 1] - path.x[j], path.y[j + 1] - path.y[j]};
-}
+Vec2 stepOf(const Path& path, std::size_t j) { return {path.x[j + 1] - path.x[j], path.y[j + 1] - path.y[j]}; }
 
 Vec2 unit(Vec2 v) {
     const double size = length(v);
     return size > 0 ? (1 / size) * v : Vec2{};
 }
 
-bool sameSpeed(double a, double b) {
-    return std::abs(a - b) <= SameSpeedShare * std::max(a, b);
-}
+bool sameSpeed(double a, double b) { return std::abs(a - b) <= SameSpeedShare * std::max(a, b); }
 
 Piece makePiece(const Path& path, std::size_t first, std::size_t last) {
     Piece piece;

@@ -18,25 +18,25 @@ struct Piece {
     std::size_t last = 0;
     double startUs = 0;
     double endUs = 0;
-    Vec2 from, to;              // the commanded points where it starts and ends
+    Vec2 from, to;                      // the commanded points where it starts and ends
     Vec2 startDirection, endDirection;  // unit vectors of its first and last steps
-    double speed = 0;           // units/us, of its full steps
-    double length = 0;          // along the path, units
-    bool cutAtStart = false;    // the trace begins while it moves (it may have begun earlier)
-    bool cutAtEnd = false;      // the trace ends while it moves
+    double speed = 0;                   // units/us, of its full steps
+    double length = 0;                  // along the path, units
+    bool cutAtStart = false;            // the trace begins while it moves (it may have begun earlier)
+    bool cutAtEnd = false;              // the trace ends while it moves
 };
 
 // One gate interval and the pieces its polyline consists of (none when the command stood still under the gate).
 struct Polyline {
-    std::size_t gate = 0;                  // index of the gate interval
+    std::size_t gate = 0;                   // index of the gate interval
     std::optional<std::size_t> firstPiece;  // pieces firstPiece..lastPiece
     std::size_t lastPiece = 0;
 };
 
 struct JobLayout {
-    std::vector<Piece> pieces;              // in time order
-    std::vector<Polyline> polylines;        // one per gate interval
-    std::vector<std::size_t> jumps;         // pieces that belong to no polyline
+    std::vector<Piece> pieces;                           // in time order
+    std::vector<Polyline> polylines;                     // one per gate interval
+    std::vector<std::size_t> jumps;                      // pieces that belong to no polyline
     std::vector<std::optional<std::size_t>> polylineOf;  // per piece, the polyline it belongs to
 };
 

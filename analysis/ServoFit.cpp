@@ -13,7 +13,7 @@ namespace oltb::analysis {
 namespace {
 
 constexpr double Infinity = std::numeric_limits<double>::infinity();
-constexpr std::size_t MaxFitSamples = 2400;   // per axis: more say nothing new about a few parameters
+constexpr std::size_t MaxFitSamples = 2400;  // per axis: more say nothing new about a few parameters
 constexpr std::size_t MaxWindowSamples = 250;
 constexpr unsigned MaxSubsteps = 16;
 constexpr double HoldHorizonUs = 50000;  // a mirror that needs longer to settle is not a working head
@@ -99,9 +99,7 @@ std::vector<double> nelderMead(const Objective& J, std::vector<double> start, co
     return points[index];
 }
 
-double axisOf(const Path& path, int axis, std::size_t i) {
-    return axis == 0 ? path.x[i] : path.y[i];
-}
+double axisOf(const Path& path, int axis, std::size_t i) { return axis == 0 ? path.x[i] : path.y[i]; }
 
 // The fitting data of one window: mirror samples first..last, the command at their times, the start velocity.
 struct Window {
@@ -150,7 +148,8 @@ double filterOutputAt(const AxisModel& model, const Path& commanded, int axis, d
     }
     // The last sample at or before `time` (the first one when there is none).
     const auto after = std::upper_bound(commanded.t.begin(), commanded.t.end(), time);
-    const std::size_t index = after == commanded.t.begin() ? 0 : static_cast<std::size_t>(after - commanded.t.begin()) - 1;
+    const std::size_t index =
+        after == commanded.t.begin() ? 0 : static_cast<std::size_t>(after - commanded.t.begin()) - 1;
     const auto commandAt = [&](std::size_t k, double t) {
         if (k + 1 >= n || !(commanded.t[k + 1] > commanded.t[k])) return axisOf(commanded, axis, k);
         const double f = std::clamp((t - commanded.t[k]) / (commanded.t[k + 1] - commanded.t[k]), 0.0, 1.0);
@@ -196,8 +195,8 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
         window.first = mirror.firstAtOrAfter(from);
         std::size_t last = window.first;
         double low = Infinity, high = -Infinity;
-        for (std::size_t i = window.first; i < actual.size() && actual.t[i] <= to && i < window.first + MaxWindowSamples;
-             ++i) {
+        for (std::size_t i = window.first;
+             i < actual.size() && actual.t[i] <= to && i < window.first + MaxWindowSamples; ++i) {
             if (i > window.first && actual.t[i] - actual.t[i - 1] > mirror.maxGap()) break;
             double u = 0;
             if (!command.at(actual.t[i], u)) break;
@@ -291,7 +290,9 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     // off the plateau finds a flat misfit where it no longer binds), so it moves in small steps only.
     const auto fitLoop = [&](double limitLog, bool limited, std::vector<double> from, double& value) {
         const std::vector<double> p = nelderMead(
-            [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], 0, limitLog}, false, limited)); },
+            [&](const std::vector<double>& q) {
+                return misfit(modelOf({q[0], q[1], 0, limitLog}, false, limited));
+            },
             {from[0], from[1]}, {0.2, 0.2}, value);
         return std::vector<double>{p[0], p[1], 0.0, limitLog};
     };
@@ -301,7 +302,9 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     if (canLimit) {
         bestParameters = fitLoop(observedLimit, true, start, best);
         const std::vector<double> p = nelderMead(
-            [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], 0, q[2]}, false, true)); },
+            [&](const std::vector<double>& q) {
+                return misfit(modelOf({q[0], q[1], 0, q[2]}, false, true));
+            },
             {bestParameters[0], bestParameters[1], observedLimit}, {0.05, 0.05, 0.01}, best);
         bestParameters = {p[0], p[1], 0.0, p[2]};
         limit = true;
@@ -320,7 +323,9 @@ AxisFit fitAxis(const Path& commanded, const PathMotion& mirror, int axis, const
     {
         double value = 0;
         std::vector<double> p = nelderMead(
-            [&](const std::vector<double>& q) { return misfit(modelOf({q[0], q[1], q[2], q[3]}, true, limit)); },
+            [&](const std::vector<double>& q) {
+                return misfit(modelOf({q[0], q[1], q[2], q[3]}, true, limit));
+            },
             {bestParameters[0] + 0.2, bestParameters[1], std::log(1 + 0.2 * lag), bestParameters[3]},
             {0.2, 0.2, 0.3, 0.01}, value);
         if (value < KeepIfBetter * best) {

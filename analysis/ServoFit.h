@@ -19,7 +19,7 @@ namespace oltb::analysis {
 struct AxisModel {
     double omegaPerUs = 0;  // natural frequency, rad/us
     double damping = 1;
-    double filterUs = 0;    // time constant of the driver filter, 0: none
+    double filterUs = 0;                                               // time constant of the driver filter, 0: none
     double maxAcceleration = std::numeric_limits<double>::infinity();  // units/us^2
 };
 
@@ -29,7 +29,7 @@ struct AxisFit {
     double followingRms = 0;  // mirror - command over the same stretches, units
     bool holds = false;
     bool accelerationLimited = false;  // the limit improved the fit: the trace shows it
-    std::string failure;      // why there is no model
+    std::string failure;               // why there is no model
 };
 
 // The state of one axis: position, velocity (units/us), driver filter output.

@@ -19,7 +19,7 @@ struct Corner {
 struct Plan {
     std::vector<Corner> corners;
     std::vector<std::pair<double, double>> gate;  // commanded start and end of each mark
-    std::vector<std::pair<double, int>> labels;    // 1 where a repeat of the job begins, 2 where it ends
+    std::vector<std::pair<double, int>> labels;   // 1 where a repeat of the job begins, 2 where it ends
     double end = 0;
 };
 
@@ -75,17 +75,17 @@ struct PathReader {
 
 void add(std::vector<oltbTraceEvent>& events, double time, oltbTraceEventType type, double value) {
     const double ticks = std::round(time * 64);
-    events.push_back({static_cast<std::uint64_t>(ticks), ticks / 64, type, false,
-                      static_cast<std::int32_t>(std::lround(value))});
+    events.push_back(
+        {static_cast<std::uint64_t>(ticks), ticks / 64, type, false, static_cast<std::int32_t>(std::lround(value))});
 }
 
 }  // namespace
 
 std::vector<Move> exampleJob() {
     return {
-        {-30000, -25000, 25000, 300, false}, {30000, -25000, 5000, 100, true},   {-10000, -10000, 25000, 300, false},
-        {10000, -10000, 5000, 0, true},      {10000, 10000, 5000, 0, true},      {-10000, 10000, 5000, 0, true},
-        {-10000, -10000, 5000, 100, true},   {20000, 20000, 25000, 120, false},  {30000, 35000, 2000, 100, true},
+        {-30000, -25000, 25000, 300, false}, {30000, -25000, 5000, 100, true},  {-10000, -10000, 25000, 300, false},
+        {10000, -10000, 5000, 0, true},      {10000, 10000, 5000, 0, true},     {-10000, 10000, 5000, 0, true},
+        {-10000, -10000, 5000, 100, true},   {20000, 20000, 25000, 120, false}, {30000, 35000, 2000, 100, true},
         {0, 0, 25000, 300, false},
     };
 }

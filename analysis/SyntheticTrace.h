@@ -22,16 +22,16 @@ struct Move {
 struct SyntheticSettings {
     int head = 0;
     double sampleUs = 10;
-    double delayUs = 237.3;          // the mirror's pure delay behind the command
-    double firstOrderUs = 0;         // > 0: then a first-order lag with this time constant
-    double naturalHz = 0;            // > 0: then a second-order lag with this natural frequency ...
-    double damping = 1;              // ... and damping
-    double laserOnOffsetUs = 0;      // gate on this long after the delayed command starts the mark
-    double laserOffOffsetUs = 0;     // gate off this long after the delayed command ends it
-    double leadUs = 500;             // at home before the job
-    unsigned repeats = 1;            // the job runs this many times back to back
+    double delayUs = 237.3;                             // the mirror's pure delay behind the command
+    double firstOrderUs = 0;                            // > 0: then a first-order lag with this time constant
+    double naturalHz = 0;                               // > 0: then a second-order lag with this natural frequency ...
+    double damping = 1;                                 // ... and damping
+    double laserOnOffsetUs = 0;                         // gate on this long after the delayed command starts the mark
+    double laserOffOffsetUs = 0;                        // gate off this long after the delayed command ends it
+    double leadUs = 500;                                // at home before the job
+    unsigned repeats = 1;                               // the job runs this many times back to back
     bool commanded = true, actual = true, gate = true;  // which signals the trace holds
-    bool labels = false;             // label 1 where each repeat of the job begins, 2 where it ends
+    bool labels = false;                                // label 1 where each repeat of the job begins, 2 where it ends
 };
 
 // The default job: a line, a square and a slow diagonal, each after a jump, and a jump home; the jump before the

@@ -78,8 +78,7 @@ Channels split(const oltbTraceEvent* events, std::size_t count, const HeadChanne
             channels.gateTraced = true;
         }
     }
-    std::stable_sort(changes.begin(), changes.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::stable_sort(changes.begin(), changes.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     // The trace holds the gate where it changes, so a first event that is already on is normally the edge itself;
     // only at the very start of the trace may the gate have been on before.
     bool on = false;
@@ -105,9 +104,7 @@ Channels split(const oltbTraceEvent* events, std::size_t count, const HeadChanne
     return channels;
 }
 
-std::string nameOf(int head, const char* channel) {
-    return "Head" + std::to_string(head) + channel;
-}
+std::string nameOf(int head, const char* channel) { return "Head" + std::to_string(head) + channel; }
 
 std::string joinNames(const std::vector<std::string>& names) {
     std::string text;
@@ -137,7 +134,8 @@ Windows fitWindows(const JobLayout& layout) {
         const double arrival = std::min(next, piece.endUs + 2000);
         const bool jump = !layout.polylineOf[p];
         const bool polylineStart = !jump && (p == 0 || layout.polylineOf[p - 1] != layout.polylineOf[p]);
-        const bool polylineEnd = !jump && (p + 1 == layout.pieces.size() || layout.polylineOf[p + 1] != layout.polylineOf[p]);
+        const bool polylineEnd =
+            !jump && (p + 1 == layout.pieces.size() || layout.polylineOf[p + 1] != layout.polylineOf[p]);
         if (jump || polylineStart) {
             windows.emplace_back(piece.startUs - 20, std::min(piece.startUs + 1500, jump ? arrival : piece.endUs));
         }
@@ -182,8 +180,12 @@ void describeServo(AxisServo& servo, const SteadyLag& lag, const AxisFit& fit) {
 
 std::shared_ptr<const HeadSeries> headSeries(const oltbTraceEvent* events, std::size_t count, const Result& result) {
     Channels channels = split(events, count, channelsOf(result.head));
-    HeadSeries series{std::move(channels.commandedX), std::move(channels.commandedY), std::move(channels.actualX),
-                      std::move(channels.actualY), {}, {}};
+    HeadSeries series{std::move(channels.commandedX),
+                      std::move(channels.commandedY),
+                      std::move(channels.actualX),
+                      std::move(channels.actualY),
+                      {},
+                      {}};
     if (result.trackingErrorXUs) {
         series.followingErrorX = followingErrorSeries(series.commandedX, series.actualX, *result.trackingErrorXUs);
     }
@@ -265,8 +267,8 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
 
     const std::string allPositions = joinNames({nameOf(options.head, "TxX"), nameOf(options.head, "TxY"),
                                                 nameOf(options.head, "RxX"), nameOf(options.head, "RxY")});
-    const bool allTraced = !channels.commandedX.empty() && !channels.commandedY.empty() &&
-                           !channels.actualX.empty() && !channels.actualY.empty();
+    const bool allTraced = !channels.commandedX.empty() && !channels.commandedY.empty() && !channels.actualX.empty() &&
+                           !channels.actualY.empty();
     if (options.keepSeries) {
         result.series = std::make_shared<const HeadSeries>(
             HeadSeries{channels.commandedX, channels.commandedY, channels.actualX, channels.actualY,
@@ -331,8 +333,9 @@ Result analyze(const oltbTraceEvent* events, std::size_t count, const Options& o
         result.suggestedOffDelayChangeUs = *result.settings.laserOff.suggested - *result.settings.laserOff.now;
     }
     if (head.model && head.model->spent()) {
-        result.warnings.push_back("The trace has more jumps and corners than the head's model predicts for in one "
-                                  "analysis: the later ones are as measured, not predicted.");
+        result.warnings.push_back(
+            "The trace has more jumps and corners than the head's model predicts for in one "
+            "analysis: the later ones are as measured, not predicted.");
     }
     if (mirror.empty()) {
         addMissing("laser edges and settle times", "they need the mirror's positions",

@@ -43,12 +43,12 @@ struct ErrorFigures {
 
 // One interval with the laser gate on, and the polyline it marked.
 struct Mark {
-    double startUs = 0;                  // gate on
-    double endUs = 0;                    // gate off
-    std::optional<double> length;        // of the polyline's commanded path, units
-    std::optional<double> speed;         // its commanded speed, units/ms
-    std::optional<double> commandStartUs, commandEndUs;  // its commanded motion
-    std::optional<double> startX, startY, endX, endY;    // its commanded start and end points
+    double startUs = 0;                                     // gate on
+    double endUs = 0;                                       // gate off
+    std::optional<double> length;                           // of the polyline's commanded path, units
+    std::optional<double> speed;                            // its commanded speed, units/ms
+    std::optional<double> commandStartUs, commandEndUs;     // its commanded motion
+    std::optional<double> startX, startY, endX, endY;       // its commanded start and end points
     std::optional<double> laserOnDelayUs, laserOffDelayUs;  // as the card has them: gate - commanded motion
     // Where the laser edges land, along the mark (units): > 0 that much of the start (end) is not marked; < 0 the
     // gate opened before the mirror reached the start point (stayed open after it passed the end point).
@@ -75,13 +75,13 @@ struct Mark {
 struct Jump {
     double startUs = 0;  // of the commanded motion
     double endUs = 0;
-    double length = 0;   // commanded path length, units
+    double length = 0;                              // commanded path length, units
     double fromX = 0, fromY = 0, toX = 0, toY = 0;  // its commanded start and target
-    std::optional<double> delayUs;      // until the commanded path moves again: the jump delay as the card has it
-    std::optional<double> settleUs;     // from the end of the command until the mirror entered the band for good
-    bool settled = false;               // ... and that before the next commanded motion began
-    bool cutShort = false;              // the trace ended before the next motion: not decided
-    std::optional<double> atLeastUs;    // not settled: it needs at least this long (the time the trace shows)
+    std::optional<double> delayUs;            // until the commanded path moves again: the jump delay as the card has it
+    std::optional<double> settleUs;           // from the end of the command until the mirror entered the band for good
+    bool settled = false;                     // ... and that before the next commanded motion began
+    bool cutShort = false;                    // the trace ended before the next motion: not decided
+    std::optional<double> atLeastUs;          // not settled: it needs at least this long (the time the trace shows)
     std::optional<double> predictedSettleUs;  // not settled: what the head's model predicts
     std::optional<double> distanceAtNext;     // mirror to target when the next motion began, units
 };
@@ -89,28 +89,28 @@ struct Jump {
 // Jumps of length up to `upToLength` need `delayUs` (with the margin); a jump longer than the last row uses it.
 struct JumpDelay {
     double upToLength = 0;
-    std::optional<double> delayUs;     // empty when a jump up to this length did not settle and none was predicted
-    std::optional<double> atLeastUs;   // the most that the jumps up to this length are known to need
-    bool predicted = false;            // the delay rests on a settle time predicted by the model
+    std::optional<double> delayUs;    // empty when a jump up to this length did not settle and none was predicted
+    std::optional<double> atLeastUs;  // the most that the jumps up to this length are known to need
+    bool predicted = false;           // the delay rests on a settle time predicted by the model
 };
 
 // A corner between two segments of a polyline.
 struct Corner {
     std::size_t mark = 0;
-    double atUs = 0;       // the command reaches the corner
-    double x = 0, y = 0;   // the corner point
-    double angleDeg = 0;   // change of direction: 0 straight on, 90 a right angle
-    double delayUs = 0;    // the command stands at the corner this long (the polygon delay)
-    std::optional<double> rounding;  // the closest the mirror comes to the corner point, units
-    std::optional<double> edgeDose;  // times the nominal dose where the mirror is slowest near the corner
+    double atUs = 0;                         // the command reaches the corner
+    double x = 0, y = 0;                     // the corner point
+    double angleDeg = 0;                     // change of direction: 0 straight on, 90 a right angle
+    double delayUs = 0;                      // the command stands at the corner this long (the polygon delay)
+    std::optional<double> rounding;          // the closest the mirror comes to the corner point, units
+    std::optional<double> edgeDose;          // times the nominal dose where the mirror is slowest near the corner
     std::optional<double> suggestedDelayUs;  // a polygon delay that brings the mirror within the band of it
 };
 
 struct AxisServo {
-    std::optional<double> trackingErrorUs;  // steady lag at constant speed
-    std::string trackingFailure;            // why there is none
+    std::optional<double> trackingErrorUs;                                               // steady lag at constant speed
+    std::string trackingFailure;                                                         // why there is none
     std::optional<double> naturalFrequencyHz, damping, driverFilterUs, maxAcceleration;  // units/ms^2
-    std::optional<double> fitRms, followingRms;  // units
+    std::optional<double> fitRms, followingRms;                                          // units
     bool fitHolds = false;
 };
 
@@ -158,8 +158,8 @@ struct Result {
     int head = 0;
     std::uint64_t events = 0;
     double durationUs = 0;
-    double settleBandUnits = 0;  // as given in the options
-    double maxEdgeDose = 0;      // as given in the options
+    double settleBandUnits = 0;       // as given in the options
+    double maxEdgeDose = 0;           // as given in the options
     bool errorsWhileMarking = false;  // false: the errors are over the whole trace (no gate traced or never on)
     std::optional<double> trackingErrorXUs, trackingErrorYUs;
     std::optional<double> pathTrackingErrorUs;  // both axes together: the lag used for the following error

@@ -20,8 +20,8 @@ constexpr double ShortestSteadyUs = 30;
 struct Stretch {
     std::size_t first = 0;  // commanded samples first..last
     std::size_t last = 0;
-    double slope = 0;       // units/us
-    double origin = 0;      // commanded value at t[first] on the fitted line
+    double slope = 0;   // units/us
+    double origin = 0;  // commanded value at t[first] on the fitted line
 };
 
 // Least-squares line through the commanded samples first..last.
@@ -91,8 +91,8 @@ SteadyLag steadyLag(const Series& commanded, const Series& actual) {
         result.failure = "never moves at constant speed";
         return result;
     }
-    double weighted = 0;   // sum of speed * (commanded - actual)
-    double weights = 0;    // sum of speed^2
+    double weighted = 0;  // sum of speed * (commanded - actual)
+    double weights = 0;   // sum of speed^2
     ForwardReader mirror(actual.t, actual.v, 4 * typicalSpacing(actual.t));
     for (const Stretch& stretch : stretches) {
         const double t0 = commanded.t[stretch.first];

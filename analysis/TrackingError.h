@@ -13,9 +13,9 @@ namespace oltb::analysis {
 
 struct SteadyLag {
     std::optional<double> lagUs;
-    std::string failure;         // why there is none
-    std::size_t stretches = 0;   // stretches of steady motion it was measured on
-    double steadyUs = 0;         // their time in all
+    std::string failure;        // why there is none
+    std::size_t stretches = 0;  // stretches of steady motion it was measured on
+    double steadyUs = 0;        // their time in all
 };
 
 // `commanded` and `actual` are the axis' samples in time order.

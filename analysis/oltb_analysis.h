@@ -33,10 +33,10 @@ OLTB_API int oltbAnalyzeToJson(const oltbTraceEvent* events, uint32_t count, int
 
 /** The settings of an analysis. */
 typedef struct {
-    int Head;                /**< the scan head, 0 or 1 */
-    double SettleBandUnits;  /**< a jump has settled once the mirror stays this close to its target, head units, > 0 */
-    double MaxEdgeDose;      /**< the most dose a mark's ends may take, in times the nominal, 1 to 100 */
-    int EachStartLabel;      /**< 0 to 65535: analyze every run between this label and EachEndLabel; -1: the whole */
+    int Head;               /**< the scan head, 0 or 1 */
+    double SettleBandUnits; /**< a jump has settled once the mirror stays this close to its target, head units, > 0 */
+    double MaxEdgeDose;     /**< the most dose a mark's ends may take, in times the nominal, 1 to 100 */
+    int EachStartLabel;     /**< 0 to 65535: analyze every run between this label and EachEndLabel; -1: the whole */
     int EachEndLabel;
 } oltbAnalysisOptions;
 

@@ -7,8 +7,7 @@
 
 namespace OLVEN::TALIX3::TraceBuffer {
 
-TraceBufferConnection::TraceBufferConnection(std::unique_ptr<TraceBufferClient> client)
-    : _client(std::move(client)) {}
+TraceBufferConnection::TraceBufferConnection(std::unique_ptr<TraceBufferClient> client) : _client(std::move(client)) {}
 TraceBufferConnection::~TraceBufferConnection() = default;
 
 Connections& Connections::Instance() {

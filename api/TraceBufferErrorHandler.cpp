@@ -18,9 +18,7 @@ void TraceBufferErrorHandler::ClearError() noexcept {
     _lastErrorText = EmptyText;
 }
 
-void TraceBufferErrorHandler::InsertError(const std::exception& e) noexcept {
-    InsertError(e.what());
-}
+void TraceBufferErrorHandler::InsertError(const std::exception& e) noexcept { InsertError(e.what()); }
 
 void TraceBufferErrorHandler::InsertError(const char* text) noexcept {
     try {

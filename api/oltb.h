@@ -311,15 +311,13 @@ OLTB_API int oltbSetConfig(int handle, const oltbTraceBufferConfig_Struct* confi
  * @param numberOfEvents receives the number of events written (0 when nothing arrived in time).
  * @return 0 / -1.
  */
-OLTB_API int oltbTryRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count,
-                         uint32_t* numberOfEvents);
+OLTB_API int oltbTryRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count, uint32_t* numberOfEvents);
 
 /**
  * As oltbTryRead, but nothing received within the read timeout is a failure (unless the timeout is 0):
  * "Nothing received from trace buffer server within the specified timeout". Blocks.
  */
-OLTB_API int oltbRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count,
-                      uint32_t* numberOfEvents);
+OLTB_API int oltbRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count, uint32_t* numberOfEvents);
 
 /**
  * Collects the events between the next label `startLabel` and the following label `endLabel` (plus those

@@ -51,16 +51,13 @@ OLTB_API int oltbSetConfig(int handle, const oltbTraceBufferConfig_Struct* confi
 OLTB_API int oltbTryRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count,
                          uint32_t* numberOfEvents) {
     return callWithConnection(
-        handle,
-        [&](TraceBufferConnection& entry) { *numberOfEvents = entry._client->TryRead(buffer, offset, count); },
+        handle, [&](TraceBufferConnection& entry) { *numberOfEvents = entry._client->TryRead(buffer, offset, count); },
         numberOfEvents);
 }
 
-OLTB_API int oltbRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count,
-                      uint32_t* numberOfEvents) {
+OLTB_API int oltbRead(int handle, oltbTraceEvent* buffer, uint32_t offset, uint32_t count, uint32_t* numberOfEvents) {
     return callWithConnection(
-        handle,
-        [&](TraceBufferConnection& entry) { *numberOfEvents = entry._client->Read(buffer, offset, count); },
+        handle, [&](TraceBufferConnection& entry) { *numberOfEvents = entry._client->Read(buffer, offset, count); },
         numberOfEvents);
 }
 

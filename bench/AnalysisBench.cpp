@@ -3,7 +3,7 @@
 // only sorts the same events into the four position channels, which every analysis has to do at least.
 // `oltb analyze` must reach 2e6 events/s with the file's parsing included; the analysis alone is budgeted at
 // 4e6 events/s or more, leaving the rest of the time to the parsing.
-#include "FigureReport.h"
+#include "bench/FigureReport.h"
 
 #include "analysis/SyntheticTrace.h"
 #include "analysis/TraceAnalysis.h"
@@ -17,8 +17,8 @@
 namespace oltb::bench {
 namespace {
 
-constexpr int kRepetitions = 5;
-constexpr std::size_t kEvents = 4'000'000;
+constexpr int Repetitions = 5;
+constexpr std::size_t Events = 4'000'000;
 
 std::vector<oltbTraceEvent> fourMillionEvents() {
     analysis::SyntheticSettings settings;
@@ -27,9 +27,9 @@ std::vector<oltbTraceEvent> fourMillionEvents() {
     settings.laserOnOffsetUs = -20;
     const std::vector<analysis::Move> job = analysis::exampleJob();
     const std::size_t perJob = analysis::syntheticTrace(settings, job).size();
-    settings.repeats = static_cast<unsigned>(kEvents / perJob + 1);
+    settings.repeats = static_cast<unsigned>(Events / perJob + 1);
     std::vector<oltbTraceEvent> events = analysis::syntheticTrace(settings, job);
-    events.resize(kEvents);
+    events.resize(Events);
     return events;
 }
 
@@ -38,8 +38,8 @@ void analyzeAll(benchmark::State& state, const std::vector<oltbTraceEvent>& even
         analysis::Result result = analysis::analyze(events);
         benchmark::DoNotOptimize(result.trackingErrorXUs);
     }
-    state.counters["events"] = benchmark::Counter(static_cast<double>(events.size() * state.iterations()),
-                                                  benchmark::Counter::kIsRate);
+    state.counters["events"] =
+        benchmark::Counter(static_cast<double>(events.size() * state.iterations()), benchmark::Counter::kIsRate);
 }
 
 void splitOnly(benchmark::State& state, const std::vector<oltbTraceEvent>& events) {
@@ -47,17 +47,26 @@ void splitOnly(benchmark::State& state, const std::vector<oltbTraceEvent>& event
         std::vector<double> channels[4];
         for (const oltbTraceEvent& event : events) {
             switch (event.Type) {
-            case oltbEventHead0TxX: channels[0].push_back(event.Value); break;
-            case oltbEventHead0TxY: channels[1].push_back(event.Value); break;
-            case oltbEventHead0RxX: channels[2].push_back(event.Value); break;
-            case oltbEventHead0RxY: channels[3].push_back(event.Value); break;
-            default: break;
+                case oltbEventHead0TxX:
+                    channels[0].push_back(event.Value);
+                    break;
+                case oltbEventHead0TxY:
+                    channels[1].push_back(event.Value);
+                    break;
+                case oltbEventHead0RxX:
+                    channels[2].push_back(event.Value);
+                    break;
+                case oltbEventHead0RxY:
+                    channels[3].push_back(event.Value);
+                    break;
+                default:
+                    break;
             }
         }
         benchmark::DoNotOptimize(channels[0].data());
     }
-    state.counters["events"] = benchmark::Counter(static_cast<double>(events.size() * state.iterations()),
-                                                  benchmark::Counter::kIsRate);
+    state.counters["events"] =
+        benchmark::Counter(static_cast<double>(events.size() * state.iterations()), benchmark::Counter::kIsRate);
 }
 
 // Collects the events/s of every run and prints one figure at the end.
@@ -90,7 +99,7 @@ int main(int argc, char** argv) {
     using namespace oltb::bench;
     benchmark::Initialize(&argc, argv);
     const std::vector<oltbTraceEvent> events = fourMillionEvents();
-    for (int repetition = 0; repetition < kRepetitions; ++repetition) {
+    for (int repetition = 0; repetition < Repetitions; ++repetition) {
         const std::string suffix = "#" + std::to_string(repetition);
         benchmark::RegisterBenchmark(("analysis.measured" + suffix).c_str(),
                                      [&](benchmark::State& state) { analyzeAll(state, events); })
@@ -101,7 +110,7 @@ int main(int argc, char** argv) {
             ->Unit(benchmark::kMillisecond)
             ->Iterations(2);
     }
-    std::printf("trace analysis, %zu events in memory, %d repetitions each\n", events.size(), kRepetitions);
+    std::printf("trace analysis, %zu events in memory, %d repetitions each\n", events.size(), Repetitions);
     Reporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

@@ -4,7 +4,7 @@
 // receive of the client.
 #pragma once
 
-#include "SignalSelection.h"
+#include "tools/oltb-sim/SignalSelection.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -14,9 +14,9 @@ namespace oltb::bench {
 
 using Block = std::vector<std::byte>;
 
-constexpr std::size_t kReceiveBlockBytes = 16384;
+constexpr std::size_t ReceiveBlockBytes = 16384;
 // Where a stream starts on the card clock: a few periods in, so that time-base words carry real values.
-constexpr std::uint64_t kStreamStartTick = 1000000000ULL / 640 * 640;
+constexpr std::uint64_t StreamStartTick = 1000000000ULL / 640 * 640;
 
 struct TraceStream {
     std::vector<Block> blocks;
@@ -25,7 +25,7 @@ struct TraceStream {
 };
 
 // All twelve head channels, every signal the marking job drives, and labels.
-oltbsim::SignalSelection everythingTheJobDrives();
+oltb::sim::SignalSelection everythingTheJobDrives();
 
 // Spi0Rx words counting 0, 1, 2, ..., one every 64 ticks: one event per word.
 TraceStream counterStream(std::size_t words);

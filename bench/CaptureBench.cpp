@@ -8,8 +8,8 @@
 //     (1.2 million events/s), captured into an HDF5 file for 32 s: CPU time of the tool's process (both its threads
 //     and the library's reader) per second of trace from its 2nd to its 32nd second, and its resident memory every
 //     2 s. The limit is a plain recv loop draining the same stream from a second simulator for 10 s.
-#include "BenchStreams.h"
-#include "FigureReport.h"
+#include "bench/BenchStreams.h"
+#include "bench/FigureReport.h"
 #include "tests/support/ChildProcess.h"
 
 #include "api/oltb.h"
@@ -38,17 +38,17 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr const char* kMaxRateAddress = "127.0.2.4";
-constexpr const char* kCardRateAddress = "127.0.2.5";
-constexpr const char* kCardRateDrainAddress = "127.0.2.6";
-constexpr int kMaxRatePasses = 2;
-constexpr double kMaxRateSeconds = 4;
-constexpr double kLibrarySeconds = 3;
-constexpr double kCardRateSeconds = 32;
-constexpr double kCardRateSettleSeconds = 2;
-constexpr double kDrainSeconds = 10;
+constexpr const char* MaxRateAddress = "127.0.2.4";
+constexpr const char* CardRateAddress = "127.0.2.5";
+constexpr const char* CardRateDrainAddress = "127.0.2.6";
+constexpr int MaxRatePasses = 2;
+constexpr double MaxRateSeconds = 4;
+constexpr double LibrarySeconds = 3;
+constexpr double CardRateSeconds = 32;
+constexpr double CardRateSettleSeconds = 2;
+constexpr double DrainSeconds = 10;
 // Every signal the marking job drives, all twelve head channels and the labels.
-constexpr const char* kJobSignals =
+constexpr const char* JobSignals =
     "Conf1,PortA,PortLaserOut0,PortLaserOut1,Gate,StartMark,Label,LaserPower16,LaserPower8,LaserPower4,LaserPower2,"
     "LaserPower1,LaserPower0_16,LaserPower0_8,LaserPower0_4,LaserPower0_2,LaserPower0_1,LaserPower1_16,"
     "LaserPower1_8,LaserPower1_4,LaserPower1_2,LaserPower1_1";
@@ -115,10 +115,10 @@ std::string mebibytes(const std::vector<long>& samples) {
 }
 
 struct ToolRun {
-    double seconds = -1;          // launch to exit
-    std::uint64_t events = 0;     // written, as the summary counts them
-    std::vector<long> resident;   // KiB, sampled while it ran
-    double cpuPercent = -1;       // over the measured stretch, when asked for
+    double seconds = -1;         // launch to exit
+    std::uint64_t events = 0;    // written, as the summary counts them
+    std::vector<long> resident;  // KiB, sampled while it ran
+    double cpuPercent = -1;      // over the measured stretch, when asked for
 };
 
 // Runs `oltb capture` to its end, sampling its memory every `every` and its CPU time at `from` and `to` s.
@@ -160,7 +160,8 @@ ToolRun runCapture(const std::vector<std::string>& arguments, Clock::duration ev
         return run;
     }
     run.events = totalOfSummary(tool.standardOutput());
-    if (cpuFrom >= 0 && cpuTo >= cpuFrom && wallTo > wallFrom) run.cpuPercent = 100 * (cpuTo - cpuFrom) / (wallTo - wallFrom);
+    if (cpuFrom >= 0 && cpuTo >= cpuFrom && wallTo > wallFrom)
+        run.cpuPercent = 100 * (cpuTo - cpuFrom) / (wallTo - wallFrom);
     return run;
 }
 
@@ -173,19 +174,19 @@ double readThroughLibrary(const char* address) {
     if (oltbSetReadTimeout(handle, 2000) == 0 && oltbStart(handle) == 0) {
         std::uint64_t events = 0;
         const Clock::time_point begin = Clock::now();
-        while (secondsSince(begin) < kLibrarySeconds) {
+        while (secondsSince(begin) < LibrarySeconds) {
             std::uint32_t count = 0;
             if (oltbTryRead(handle, buffer.data(), 0, 4096, &count) != 0) break;
             events += count;
         }
-        if (secondsSince(begin) >= kLibrarySeconds) rate = static_cast<double>(events) / secondsSince(begin);
+        if (secondsSince(begin) >= LibrarySeconds) rate = static_cast<double>(events) / secondsSince(begin);
     }
     oltbDisconnect(handle);
     return rate;
 }
 
 bool measureMaximumRate(const std::filesystem::path& directory) {
-    testing::Simulator simulator(kMaxRateAddress, {"--max-rate"});
+    testing::Simulator simulator(MaxRateAddress, {"--max-rate"});
     if (!simulator.ready()) {
         std::fprintf(stderr, "oltb-sim: %s\n", simulator.standardError().c_str());
         return false;
@@ -194,19 +195,19 @@ bool measureMaximumRate(const std::filesystem::path& directory) {
         const std::string path = (directory / (std::string("max-rate.") + extension)).string();
         RatePair pair;
         std::vector<long> resident;
-        for (int pass = 0; pass < kMaxRatePasses; ++pass) {
-            const ToolRun run = runCapture({"capture", kMaxRateAddress, "--signals", "all", "--duration",
-                                            std::to_string(kMaxRateSeconds), "--quiet", "-o", path},
+        for (int pass = 0; pass < MaxRatePasses; ++pass) {
+            const ToolRun run = runCapture({"capture", MaxRateAddress, "--signals", "all", "--duration",
+                                            std::to_string(MaxRateSeconds), "--quiet", "-o", path},
                                            500ms);
             std::filesystem::remove(path);
-            const double library = readThroughLibrary(kMaxRateAddress);
+            const double library = readThroughLibrary(MaxRateAddress);
             if (run.seconds <= 0 || library <= 0) return false;
             pair.measured.push_back(static_cast<double>(run.events) / run.seconds);
             pair.limit.push_back(library);
-            if (pass == kMaxRatePasses - 1) resident = run.resident;
+            if (pass == MaxRatePasses - 1) resident = run.resident;
         }
-        const std::string note = std::string("resident every 0.5 s: ") + mebibytes(resident) +
-                                 "; target >= 6e6 events/s";
+        const std::string note =
+            std::string("resident every 0.5 s: ") + mebibytes(resident) + "; target >= 6e6 events/s";
         printFigure(std::string("capture --signals all, max rate, ") + extension, pair, "events/s",
                     "library reading only", "events/s", note);
     }
@@ -220,8 +221,9 @@ double drainAtCardRate() {
     sockaddr_in server{};
     server.sin_family = AF_INET;
     server.sin_port = htons(9495);
-    inet_pton(AF_INET, kCardRateDrainAddress, &server.sin_addr);
-    if (descriptor < 0 || connect(descriptor, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0) return -1;
+    inet_pton(AF_INET, CardRateDrainAddress, &server.sin_addr);
+    if (descriptor < 0 || connect(descriptor, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0)
+        return -1;
     const auto selection = everythingTheJobDrives().toPayload();
     std::array<std::uint8_t, 19> setConfig{0x4D, 129};
     std::copy(selection.begin(), selection.end(), setConfig.begin() + 2);
@@ -236,11 +238,11 @@ double drainAtCardRate() {
         for (;;) {
             if (recv(descriptor, buffer, sizeof buffer, 0) <= 0) break;
             const double now = secondsSince(begin);
-            if (cpuFrom < 0 && now >= kCardRateSettleSeconds) {
+            if (cpuFrom < 0 && now >= CardRateSettleSeconds) {
                 cpuFrom = ownCpuSeconds();
                 wallFrom = now;
             }
-            if (now >= kDrainSeconds) {
+            if (now >= DrainSeconds) {
                 percent = 100 * (ownCpuSeconds() - cpuFrom) / (now - wallFrom);
                 break;
             }
@@ -251,16 +253,16 @@ double drainAtCardRate() {
 }
 
 bool measureCardRate(const std::filesystem::path& directory) {
-    testing::Simulator toolSide(kCardRateAddress, {});
-    testing::Simulator drainSide(kCardRateDrainAddress, {});
+    testing::Simulator toolSide(CardRateAddress, {});
+    testing::Simulator drainSide(CardRateDrainAddress, {});
     if (!toolSide.ready() || !drainSide.ready()) {
         std::fprintf(stderr, "oltb-sim: %s%s\n", toolSide.standardError().c_str(), drainSide.standardError().c_str());
         return false;
     }
     const std::string path = (directory / "card-rate.h5").string();
-    const ToolRun run = runCapture({"capture", kCardRateAddress, "--signals", kJobSignals, "--duration",
-                                    std::to_string(kCardRateSeconds), "--quiet", "-o", path},
-                                   2s, kCardRateSettleSeconds, kCardRateSeconds);
+    const ToolRun run = runCapture({"capture", CardRateAddress, "--signals", JobSignals, "--duration",
+                                    std::to_string(CardRateSeconds), "--quiet", "-o", path},
+                                   2s, CardRateSettleSeconds, CardRateSeconds);
     const auto bytes = std::filesystem::exists(path) ? std::filesystem::file_size(path) : 0;
     std::filesystem::remove(path);
     const double drain = drainAtCardRate();
@@ -268,7 +270,7 @@ bool measureCardRate(const std::filesystem::path& directory) {
     RatePair pair{{run.cpuPercent}, {drain}};
     char note[200];
     std::snprintf(note, sizeof note, "%.3g events/s, %.2f bytes/event; resident every 2 s: %s",
-                  static_cast<double>(run.events) / kCardRateSeconds,
+                  static_cast<double>(run.events) / CardRateSeconds,
                   run.events > 0 ? static_cast<double>(bytes) / static_cast<double>(run.events) : 0.0,
                   mebibytes(run.resident).c_str());
     printFigure("capture into HDF5 at the card's rate, CPU", pair, "% of core", "plain recv drain", "% of core", note);

@@ -5,9 +5,9 @@
 //   - the cost of re-sorting: words whose event lands among the samples of the word before, against the same
 //     words in order.
 // Each measured thing and its limit run back to back, five times over; one line per figure gives the medians.
-#include "BenchStreams.h"
-#include "FigureReport.h"
-#include "MemoryBlockSource.h"
+#include "bench/BenchStreams.h"
+#include "bench/FigureReport.h"
+#include "bench/MemoryBlockSource.h"
 
 #include "events/TraceDecoder.h"
 #include "events/TraceWordsInline.h"
@@ -27,10 +27,10 @@ namespace {
 using OLVEN::TALIX3::TraceBuffer::TraceDecoder;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kRepetitions = 5;
-constexpr double kMinSecondsPerRun = 0.25;
-constexpr unsigned kReadBufferEvents = 4096;  // an application's oltbRead buffer
-constexpr double kEventsPerPair = 33;          // 32 samples of the 1-bit word and one Spi0Rx event
+constexpr int Repetitions = 5;
+constexpr double MinSecondsPerRun = 0.25;
+constexpr unsigned ReadBufferEvents = 4096;  // an application's oltbRead buffer
+constexpr double EventsPerPair = 33;         // 32 samples of the 1-bit word and one Spi0Rx event
 
 double secondsBetween(Clock::time_point begin, Clock::time_point end) {
     return std::chrono::duration<double>(end - begin).count();
@@ -39,7 +39,7 @@ double secondsBetween(Clock::time_point begin, Clock::time_point end) {
 // One block per iteration, timed alone: the copy that installs it (the reader thread's work) stays outside.
 void decodeBlocks(benchmark::State& state, const TraceStream& stream) {
     TraceDecoder decoder;
-    std::vector<oltbTraceEvent> events(kReadBufferEvents);
+    std::vector<oltbTraceEvent> events(ReadBufferEvents);
     std::size_t next = 0;
     double words = 0;
     double records = 0;
@@ -51,7 +51,7 @@ void decodeBlocks(benchmark::State& state, const TraceStream& stream) {
         const Block& block = stream.blocks[next++];
         decoder.takeBlock(Block(block));
         const Clock::time_point begin = Clock::now();
-        while (decoder.hasUndecodedBytes()) records += decoder.splitAndUnpack(events.data(), 0, kReadBufferEvents);
+        while (decoder.hasUndecodedBytes()) records += decoder.splitAndUnpack(events.data(), 0, ReadBufferEvents);
         benchmark::ClobberMemory();
         state.SetIterationTime(secondsBetween(begin, Clock::now()));
         words += static_cast<double>(block.size() / 8);
@@ -62,7 +62,7 @@ void decodeBlocks(benchmark::State& state, const TraceStream& stream) {
 
 // The limit: each word only split into its fields and written as a record, into the same 4096-record buffer.
 void splitFieldsOnly(benchmark::State& state, const TraceStream& stream) {
-    std::vector<oltbTraceEvent> events(kReadBufferEvents);
+    std::vector<oltbTraceEvent> events(ReadBufferEvents);
     oltbTraceEvent* const first = events.data();
     oltbTraceEvent* const last = first + events.size();
     Block block;
@@ -108,13 +108,12 @@ void acquireJob(benchmark::State& state, const TraceStream& stream) {
 void readJob(benchmark::State& state, const TraceStream& stream) {
     MemoryBlockSource source(stream.blocks);
     TraceDecoder decoder;
-    std::vector<oltbTraceEvent> buffer(kReadBufferEvents);
+    std::vector<oltbTraceEvent> buffer(ReadBufferEvents);
     double events = 0;
     for (auto _ : state) {
         source.rewind();
         decoder.clear();
-        while (decoder.TryRead(source, buffer.data(), 0, kReadBufferEvents, 0) > 0 || !source.exhausted()) {
-        }
+        while (decoder.TryRead(source, buffer.data(), 0, ReadBufferEvents, 0) > 0 || !source.exhausted()) {}
         benchmark::ClobberMemory();
         events += static_cast<double>(stream.events);
     }
@@ -175,7 +174,7 @@ private:
         std::vector<double> nanoseconds;
         for (std::size_t i = 0; i < std::min(pair.measured.size(), pair.limit.size()); ++i) {
             if (pair.measured[i] > 0 && pair.limit[i] > 0) {
-                nanoseconds.push_back(kEventsPerPair * (1 / pair.measured[i] - 1 / pair.limit[i]) * 1e9);
+                nanoseconds.push_back(EventsPerPair * (1 / pair.measured[i] - 1 / pair.limit[i]) * 1e9);
             }
         }
         char text[64];
@@ -210,35 +209,34 @@ int main(int argc, char** argv) {
     const std::vector<Pair> pairs = {
         {"decode.spi32", [&](auto& s) { decodeBlocks(s, counter); }, [&](auto& s) { splitFieldsOnly(s, counter); },
          true},
-        {"decode.bit1", [&](auto& s) { decodeBlocks(s, alternating); },
-         [&](auto& s) { splitFieldsOnly(s, counter); }, true},
+        {"decode.bit1", [&](auto& s) { decodeBlocks(s, alternating); }, [&](auto& s) { splitFieldsOnly(s, counter); },
+         true},
         {"decode.job", [&](auto& s) { decodeBlocks(s, job); }, [&](auto& s) { splitFieldsOnly(s, counter); }, true},
-        {"acquire.job", [&](auto& s) { acquireJob(s, acquisition); }, [&](auto& s) { readJob(s, acquisition); },
-         false},
+        {"acquire.job", [&](auto& s) { acquireJob(s, acquisition); }, [&](auto& s) { readJob(s, acquisition); }, false},
         {"resort.pairs", [&](auto& s) { decodeBlocks(s, overlapping); }, [&](auto& s) { decodeBlocks(s, inOrder); },
          true},
     };
-    for (int repetition = 0; repetition < kRepetitions; ++repetition) {
+    for (int repetition = 0; repetition < Repetitions; ++repetition) {
         for (const Pair& pair : pairs) {
             for (const auto& [role, function] : {std::pair{".measured", pair.measured}, {".limit", pair.limit}}) {
                 const std::string name = pair.key + role + "#" + std::to_string(repetition);
                 auto* registered = benchmark::RegisterBenchmark(name.c_str(), function);
-                registered->MinTime(kMinSecondsPerRun);
+                registered->MinTime(MinSecondsPerRun);
                 if (pair.blockTimed) registered->UseManualTime();
             }
         }
     }
 
-    std::printf("decoding core, 16 KiB blocks in memory, %d repetitions each\n", kRepetitions);
+    std::printf("decoding core, 16 KiB blocks in memory, %d repetitions each\n", Repetitions);
     FigureReporter reporter({
-        {"decode.spi32", "decode core, Spi0Rx (32-bit, 1 event/word)", "words", "words/s", "bare field split",
-         "words", "words/s", "target >= 3e8 words/s and ratio >= 0.55"},
+        {"decode.spi32", "decode core, Spi0Rx (32-bit, 1 event/word)", "words", "words/s", "bare field split", "words",
+         "words/s", "target >= 3e8 words/s and ratio >= 0.55"},
         {"decode.bit1", "decode core, Gate (1-bit, 32 changes/word)", "records", "events/s", "bare field split",
          "records", "records/s", "target >= 4.5e8 events/s"},
         {"decode.job", "decode core, marking job, every signal", "words", "words/s", "bare field split", "words",
          "words/s", "mixed widths, labels, re-sorts", "records", "events/s"},
-        {"acquire.job", "acquisition, job labels 1..2 (in memory)", "events", "events/s", "reading the same",
-         "events", "events/s", "both copy each block once, as the reader thread does"},
+        {"acquire.job", "acquisition, job labels 1..2 (in memory)", "events", "events/s", "reading the same", "events",
+         "events/s", "both copy each block once, as the reader thread does"},
         {"resort.pairs", "re-sort: 1 event among 16 samples, per pair", "records", "events/s", "same words in order",
          "records", "events/s", "33 events and one re-sort per pair"},
     });

@@ -3,7 +3,7 @@
 // allocates nothing once it runs.
 #pragma once
 
-#include "BenchStreams.h"
+#include "bench/BenchStreams.h"
 
 #include "events/BlockSource.h"
 

@@ -9,8 +9,8 @@
 //     sampled over the whole measurement on one connection;
 //   - the memory of a backlog: the counter at the card's rate (1.2 million words/s) left unread for 5 s, then read
 //     out after a Stop, cleared, and dropped with the connection; resident memory against the bytes waiting.
-#include "BenchStreams.h"
-#include "FigureReport.h"
+#include "bench/BenchStreams.h"
+#include "bench/FigureReport.h"
 #include "tests/support/ChildProcess.h"
 
 #include "api/oltb.h"
@@ -37,19 +37,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kMaxRateAddress = "127.0.2.1";
-constexpr const char* kCardRateAddress = "127.0.2.2";
-constexpr const char* kCardRateDrainAddress = "127.0.2.3";
-constexpr const char* kBacklogAddress = "127.0.2.7";
-constexpr int kMaxRatePasses = 5;
-constexpr int kCardRateRounds = 3;
-constexpr auto kMaxRateWarmUp = std::chrono::milliseconds(250);
-constexpr auto kMaxRateMeasured = std::chrono::milliseconds(1500);
-constexpr auto kCardRateSettle = std::chrono::milliseconds(500);
-constexpr auto kCardRateMeasured = std::chrono::seconds(3);
-constexpr auto kPollPeriod = std::chrono::milliseconds(10);
-constexpr std::uint32_t kReadBufferEvents = 4096;
-constexpr std::size_t kReceiveBytes = 16384;
+constexpr const char* MaxRateAddress = "127.0.2.1";
+constexpr const char* CardRateAddress = "127.0.2.2";
+constexpr const char* CardRateDrainAddress = "127.0.2.3";
+constexpr const char* BacklogAddress = "127.0.2.7";
+constexpr int MaxRatePasses = 5;
+constexpr int CardRateRounds = 3;
+constexpr auto MaxRateWarmUp = std::chrono::milliseconds(250);
+constexpr auto MaxRateMeasured = std::chrono::milliseconds(1500);
+constexpr auto CardRateSettle = std::chrono::milliseconds(500);
+constexpr auto CardRateMeasured = std::chrono::seconds(3);
+constexpr auto PollPeriod = std::chrono::milliseconds(10);
+constexpr std::uint32_t ReadBufferEvents = 4096;
+constexpr std::size_t ReceiveBytes = 16384;
 
 double secondsSince(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
@@ -120,7 +120,7 @@ private:
 // The receive buffer starts on a page, like the library's: loopback throughput halves when it starts a few bytes
 // into one.
 struct alignas(4096) DrainBuffer {
-    std::array<char, kReceiveBytes> bytes;
+    std::array<char, ReceiveBytes> bytes;
 };
 
 // A plain TCP connection to a simulator that asks for the stream with command frames (0x4D, code, 17 payload
@@ -132,8 +132,8 @@ public:
         server.sin_family = AF_INET;
         server.sin_port = htons(9495);
         inet_pton(AF_INET, address, &server.sin_addr);
-        _connected = _descriptor >= 0 &&
-                     connect(_descriptor, reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0;
+        _connected =
+            _descriptor >= 0 && connect(_descriptor, reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0;
     }
     ~PlainDrain() {
         if (_descriptor >= 0) close(_descriptor);
@@ -165,26 +165,26 @@ private:
     std::unique_ptr<DrainBuffer> _buffer = std::make_unique<DrainBuffer>();
 };
 
-constexpr std::uint8_t kStartCommand = 17;
-constexpr std::uint8_t kSetConfigCommand = 129;
+constexpr std::uint8_t StartCommand = 17;
+constexpr std::uint8_t SetConfigCommand = 129;
 
 // ---- reading at full speed -----------------------------------------------------------------------------------
 
 // Events per second read through the library from the counter stream; -1 after a wrong value or a failure.
 double readCounterThroughLibrary() {
-    const int handle = oltbConnect(kMaxRateAddress);
+    const int handle = oltbConnect(MaxRateAddress);
     if (handle < 0) {
         std::fprintf(stderr, "connect: %s\n", lastError().c_str());
         return -1;
     }
-    std::vector<oltbTraceEvent> buffer(kReadBufferEvents);
+    std::vector<oltbTraceEvent> buffer(ReadBufferEvents);
     std::uint32_t expected = 0;
     double rate = -1;
     if (oltbSetReadTimeout(handle, 5000) == 0 && oltbStart(handle) == 0) {
-        MeasuredWindow window(kMaxRateWarmUp, kMaxRateMeasured);
+        MeasuredWindow window(MaxRateWarmUp, MaxRateMeasured);
         for (bool intact = true; intact;) {
             std::uint32_t count = 0;
-            if (oltbRead(handle, buffer.data(), 0, kReadBufferEvents, &count) != 0) {
+            if (oltbRead(handle, buffer.data(), 0, ReadBufferEvents, &count) != 0) {
                 std::fprintf(stderr, "read: %s\n", lastError().c_str());
                 break;
             }
@@ -207,20 +207,20 @@ double readCounterThroughLibrary() {
 
 // Words per second of the same stream through a plain recv loop; -1 on a failure.
 double drainCounterWithRecv() {
-    PlainDrain drain(kMaxRateAddress);
-    MeasuredWindow window(kMaxRateWarmUp, kMaxRateMeasured);
-    if (!drain.sendCommand(kStartCommand) || !drain.drain(window)) return -1;
+    PlainDrain drain(MaxRateAddress);
+    MeasuredWindow window(MaxRateWarmUp, MaxRateMeasured);
+    if (!drain.sendCommand(StartCommand) || !drain.drain(window)) return -1;
     return window.perSecond() / 8;
 }
 
 bool measureMaximumRate() {
-    testing::Simulator simulator(kMaxRateAddress, {"--counter", "--max-rate"});
+    testing::Simulator simulator(MaxRateAddress, {"--counter", "--max-rate"});
     if (!simulator.ready()) {
         std::fprintf(stderr, "oltb-sim: %s\n", simulator.standardError().c_str());
         return false;
     }
     RatePair pair;
-    for (int pass = 0; pass < kMaxRatePasses; ++pass) {
+    for (int pass = 0; pass < MaxRatePasses; ++pass) {
         const double library = readCounterThroughLibrary();
         const double drain = drainCounterWithRecv();
         if (library < 0 || drain < 0) return false;
@@ -261,21 +261,21 @@ struct CardRatePhase {
 // reader thread is idle while the plain drain is measured.
 CardRatePhase readAtCardRate(int handle, ReadingPattern pattern) {
     const bool polling = pattern == ReadingPattern::pollEvery10Ms;
-    std::vector<oltbTraceEvent> buffer(kReadBufferEvents);
+    std::vector<oltbTraceEvent> buffer(ReadBufferEvents);
     CardRatePhase phase;
     if (oltbSetReadTimeout(handle, polling ? 0 : 2000) != 0 || oltbStart(handle) != 0) return phase;
-    MeasuredWindow window(kCardRateSettle, kCardRateMeasured);
+    MeasuredWindow window(CardRateSettle, CardRateMeasured);
     Clock::time_point nextPoll = Clock::now();
     for (;;) {
         std::uint32_t count = 0;
-        if (oltbRead(handle, buffer.data(), 0, kReadBufferEvents, &count) != 0) {
+        if (oltbRead(handle, buffer.data(), 0, ReadBufferEvents, &count) != 0) {
             std::fprintf(stderr, "card rate: %s\n", lastError().c_str());
             oltbStop(handle);
             return phase;
         }
         if (!window.add(count)) break;
-        if (polling && count < kReadBufferEvents) {
-            nextPoll += kPollPeriod;
+        if (polling && count < ReadBufferEvents) {
+            nextPoll += PollPeriod;
             std::this_thread::sleep_until(nextPoll);
         }
     }
@@ -290,26 +290,27 @@ struct DrainPhase {
 };
 
 DrainPhase drainAtCardRate() {
-    PlainDrain drain(kCardRateDrainAddress);
+    PlainDrain drain(CardRateDrainAddress);
     const auto selection = everythingTheJobDrives().toPayload();
     std::array<std::uint8_t, 17> payload{};
     std::copy(selection.begin(), selection.end(), payload.begin());
-    MeasuredWindow window(kCardRateSettle, kCardRateMeasured);
+    MeasuredWindow window(CardRateSettle, CardRateMeasured);
     const double cpuBefore = processCpuSeconds();
-    if (!drain.sendCommand(kSetConfigCommand, payload) || !drain.sendCommand(kStartCommand) || !drain.drain(window)) {
+    if (!drain.sendCommand(SetConfigCommand, payload) || !drain.sendCommand(StartCommand) || !drain.drain(window)) {
         return {};
     }
     return {window.cpuPercent(), 1e6 * (processCpuSeconds() - cpuBefore) / static_cast<double>(drain.receives())};
 }
 
 bool measureCardRate() {
-    testing::Simulator librarySide(kCardRateAddress, {});
-    testing::Simulator drainSide(kCardRateDrainAddress, {});
+    testing::Simulator librarySide(CardRateAddress, {});
+    testing::Simulator drainSide(CardRateDrainAddress, {});
     if (!librarySide.ready() || !drainSide.ready()) {
-        std::fprintf(stderr, "oltb-sim: %s%s\n", librarySide.standardError().c_str(), drainSide.standardError().c_str());
+        std::fprintf(stderr, "oltb-sim: %s%s\n", librarySide.standardError().c_str(),
+                     drainSide.standardError().c_str());
         return false;
     }
-    const int handle = oltbConnect(kCardRateAddress);
+    const int handle = oltbConnect(CardRateAddress);
     const oltbTraceBufferConfig_Struct config = everySignalOfTheJob();
     if (handle < 0 || oltbSetConfig(handle, &config) != 0) {
         std::fprintf(stderr, "card rate: %s\n", lastError().c_str());
@@ -322,7 +323,7 @@ bool measureCardRate() {
     std::vector<long> resident = {residentKiB()};
     const Clock::time_point begin = Clock::now();
     bool ok = true;
-    for (int round = 0; round < kCardRateRounds && ok; ++round) {
+    for (int round = 0; round < CardRateRounds && ok; ++round) {
         const CardRatePhase waitingPhase = readAtCardRate(handle, ReadingPattern::waitForEachBlock);
         const DrainPhase drainPhase = drainAtCardRate();
         const double drainPercent = drainPhase.cpuPercent;
@@ -365,9 +366,9 @@ long backlogKiB(int handle, double seconds, long baseline) {
 }
 
 bool measureBacklogMemory() {
-    testing::Simulator simulator(kBacklogAddress, {"--counter", "--counter-rate", "1200000"});
+    testing::Simulator simulator(BacklogAddress, {"--counter", "--counter-rate", "1200000"});
     const long baseline = residentKiB();
-    const int handle = oltbConnect(kBacklogAddress);
+    const int handle = oltbConnect(BacklogAddress);
     oltbTraceBufferConfig_Struct config;
     oltbInitConfig(&config);
     config.Spi0Rx = true;
@@ -376,11 +377,11 @@ bool measureBacklogMemory() {
         return false;
     }
     const long waiting = backlogKiB(handle, 5, baseline);
-    std::vector<oltbTraceEvent> buffer(kReadBufferEvents);
+    std::vector<oltbTraceEvent> buffer(ReadBufferEvents);
     std::uint64_t words = 0;
     oltbStop(handle);
     oltbSetReadTimeout(handle, 0);
-    for (std::uint32_t count = 1; count > 0 && oltbRead(handle, buffer.data(), 0, kReadBufferEvents, &count) == 0;) {
+    for (std::uint32_t count = 1; count > 0 && oltbRead(handle, buffer.data(), 0, ReadBufferEvents, &count) == 0;) {
         words += count;
     }
     const long readOut = residentKiB() - baseline;
@@ -390,11 +391,12 @@ bool measureBacklogMemory() {
     const long beforeDisconnect = backlogKiB(handle, 5, baseline);
     oltbDisconnect(handle);
     const long disconnected = residentKiB() - baseline;
-    std::printf("%-44s %.1f MiB waiting took %.1f MiB resident (%.3f times); back to +%.1f MiB after reading it, "
-                "+%.1f MiB after a Clear (of %.1f), +%.1f MiB after a Disconnect (of %.1f)\n",
-                "backlog at the card's rate, 5 s unread", static_cast<double>(words) * 8 / 1048576, waiting / 1024.0,
-                static_cast<double>(waiting) * 1024 / (static_cast<double>(words) * 8), readOut / 1024.0,
-                cleared / 1024.0, beforeClear / 1024.0, disconnected / 1024.0, beforeDisconnect / 1024.0);
+    std::printf(
+        "%-44s %.1f MiB waiting took %.1f MiB resident (%.3f times); back to +%.1f MiB after reading it, "
+        "+%.1f MiB after a Clear (of %.1f), +%.1f MiB after a Disconnect (of %.1f)\n",
+        "backlog at the card's rate, 5 s unread", static_cast<double>(words) * 8 / 1048576, waiting / 1024.0,
+        static_cast<double>(waiting) * 1024 / (static_cast<double>(words) * 8), readOut / 1024.0, cleared / 1024.0,
+        beforeClear / 1024.0, disconnected / 1024.0, beforeDisconnect / 1024.0);
     std::fflush(stdout);
     return true;
 }

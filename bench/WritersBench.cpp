@@ -3,9 +3,9 @@
 // outputs in batches of 4096 to a CSV, a VCD and an HDF5 file in the page cache, from creating the file to closing
 // it. The limit is write(2) of as many bytes as the file got, a megabyte at a time, to another file in the same
 // directory: what writing the bytes alone costs. Each format and its limit run back to back, five times over.
-#include "BenchStreams.h"
-#include "FigureReport.h"
-#include "MemoryBlockSource.h"
+#include "bench/BenchStreams.h"
+#include "bench/FigureReport.h"
+#include "bench/MemoryBlockSource.h"
 
 #include "events/TraceDecoder.h"
 #include "tools/oltb/Outputs.h"
@@ -30,23 +30,23 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using OLVEN::TALIX3::TraceBuffer::TraceDecoder;
 
-constexpr int kRepetitions = 5;
-constexpr double kTraceSeconds = 1.5;
-constexpr std::size_t kBatchEvents = 4096;
-constexpr std::size_t kWriteBytes = std::size_t{1} << 20;
+constexpr int Repetitions = 5;
+constexpr double TraceSeconds = 1.5;
+constexpr std::size_t BatchEvents = 4096;
+constexpr std::size_t WriteBytes = std::size_t{1} << 20;
 
 double secondsSince(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
 // The events of the job as the tool gets them from the library.
 std::vector<oltbTraceEvent> capturedEvents() {
-    const TraceStream stream = markingJobStream(kTraceSeconds);
+    const TraceStream stream = markingJobStream(TraceSeconds);
     MemoryBlockSource source(stream.blocks);
     TraceDecoder decoder;
     std::vector<oltbTraceEvent> events(stream.events);
     std::size_t count = 0;
     while (count < events.size()) {
         const unsigned read = decoder.TryRead(source, events.data(), static_cast<unsigned>(count),
-                                              static_cast<unsigned>(std::min(kBatchEvents, events.size() - count)), 0);
+                                              static_cast<unsigned>(std::min(BatchEvents, events.size() - count)), 0);
         if (read == 0 && source.exhausted()) break;
         count += read;
     }
@@ -80,8 +80,8 @@ double writeThroughOutputs(const std::string& path, const cli::SeriesInfo& info,
     cli::Outputs outputs({path});
     outputs.open();
     outputs.begin(info);
-    for (std::size_t first = 0; first < events.size(); first += kBatchEvents) {
-        outputs.write(events.data() + first, std::min(kBatchEvents, events.size() - first));
+    for (std::size_t first = 0; first < events.size(); first += BatchEvents) {
+        outputs.write(events.data() + first, std::min(BatchEvents, events.size() - first));
     }
     outputs.finish();
     return secondsSince(begin);
@@ -89,7 +89,7 @@ double writeThroughOutputs(const std::string& path, const cli::SeriesInfo& info,
 
 // Seconds to create a file and write(2) `bytes` into it a megabyte at a time, then close it; -1 on a failure.
 double writeBytes(const std::string& path, std::size_t bytes) {
-    static const std::vector<char> buffer(kWriteBytes, 'x');
+    static const std::vector<char> buffer(WriteBytes, 'x');
     std::filesystem::remove(path);
     const Clock::time_point begin = Clock::now();
     const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -139,7 +139,7 @@ int main(int argc, char** argv) {
         std::uintmax_t bytes = 0;
         try {
             writeThroughOutputs(path, info, events);  // a first pass that sizes the page cache and the allocator
-            for (int repetition = 0; repetition < kRepetitions; ++repetition) {
+            for (int repetition = 0; repetition < Repetitions; ++repetition) {
                 const double seconds = writeThroughOutputs(path, info, events);
                 bytes = fs::file_size(path);
                 const double limitSeconds = writeBytes(plain, bytes);

@@ -33,7 +33,8 @@ int main(int argc, char** argv) {
         total += count;
     }
     clock_gettime(CLOCK_MONOTONIC, &end);
-    printf("%.6g\n", (double)total / ((double)(end.tv_sec - begin.tv_sec) + 1e-9 * (double)(end.tv_nsec - begin.tv_nsec)));
+    printf("%.6g\n",
+           (double)total / ((double)(end.tv_sec - begin.tv_sec) + 1e-9 * (double)(end.tv_nsec - begin.tv_nsec)));
     oltbDisconnect(handle);
     return 0;
 }

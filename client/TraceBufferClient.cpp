@@ -12,9 +12,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
@@ -66,8 +66,7 @@ std::vector<std::byte> newBlockStorage(std::size_t capacity) {
 // Sleeps the whole pause even when signals interrupt it.
 void pauseMs(long milliseconds) noexcept {
     timespec remaining{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-    while (::nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
-    }
+    while (::nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {}
 }
 
 }  // namespace
@@ -109,9 +108,7 @@ void TraceBufferClient::QueueBlockSource::trimAfterBacklog() noexcept {
     }
 }
 
-bool TraceBufferClient::QueueBlockSource::isConnected() const {
-    return _client._connected.load();
-}
+bool TraceBufferClient::QueueBlockSource::isConnected() const { return _client._connected.load(); }
 
 void TraceBufferClient::QueueBlockSource::recycle(std::vector<std::byte>&& usedBlock) {
     // Only storage the reader could fill without growing it and copy into fast is worth keeping.
@@ -122,9 +119,7 @@ void TraceBufferClient::QueueBlockSource::recycle(std::vector<std::byte>&& usedB
     }
 }
 
-bool TraceBufferClient::QueueBlockSource::restartRequested() {
-    return _client._restartRequested.exchange(false);
-}
+bool TraceBufferClient::QueueBlockSource::restartRequested() { return _client._restartRequested.exchange(false); }
 
 // ---- construction -------------------------------------------------------------------------------------------
 
@@ -275,17 +270,11 @@ void TraceBufferClient::discardQueuedBlocks() noexcept {
     }
 }
 
-void TraceBufferClient::wakeWaitingRead() {
-    _queue.enqueue(std::vector<std::byte>());
-}
+void TraceBufferClient::wakeWaitingRead() { _queue.enqueue(std::vector<std::byte>()); }
 
-bool TraceBufferClient::isSocketOpen() const noexcept {
-    return _connected.load();
-}
+bool TraceBufferClient::isSocketOpen() const noexcept { return _connected.load(); }
 
-bool TraceBufferClient::isRunning() const noexcept {
-    return _running.load();
-}
+bool TraceBufferClient::isRunning() const noexcept { return _running.load(); }
 
 // ---- reader thread ------------------------------------------------------------------------------------------
 
@@ -400,13 +389,13 @@ void TraceBufferClient::passOn(const std::byte* first, std::size_t count) {
 std::size_t TraceBufferClient::receiveMore(ReceiveBuffer& buffer, std::size_t offset) {
     const kissnet::recv_result received = _socket->recv(buffer.bytes, offset);
     switch (received.status) {
-    case kissnet::recv_status::received:
-        return received.count;
-    case kissnet::recv_status::wouldBlock:
-        return 0;
-    case kissnet::recv_status::closed:
-    case kissnet::recv_status::failed:
-        break;
+        case kissnet::recv_status::received:
+            return received.count;
+        case kissnet::recv_status::wouldBlock:
+            return 0;
+        case kissnet::recv_status::closed:
+        case kissnet::recv_status::failed:
+            break;
     }
     throw std::runtime_error(ClientMessages::ReadFailed);
 }
@@ -453,8 +442,7 @@ unsigned TraceBufferClient::Read(oltbTraceEvent* events, unsigned start, unsigne
     return _decoder.Read(_blockSource, events, start, count, readTimeoutMs());
 }
 
-AcquiredEvents TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel,
-                                          AcquiredEvents storage) {
+AcquiredEvents TraceBufferClient::Acquire(unsigned short startLabel, unsigned short endLabel, AcquiredEvents storage) {
     const std::lock_guard<std::mutex> readLock(_readMutex);
     return _decoder.Acquire(_blockSource, startLabel, endLabel, readTimeoutMs(), std::move(storage));
 }
@@ -463,9 +451,7 @@ void TraceBufferClient::ToSignedPosition(oltbTraceEvent* events, unsigned int co
     TraceDecoder::ToSignedPosition(events, count);
 }
 
-int TraceBufferClient::readTimeoutMs() const noexcept {
-    return _readTimeoutMs.load(std::memory_order_relaxed);
-}
+int TraceBufferClient::readTimeoutMs() const noexcept { return _readTimeoutMs.load(std::memory_order_relaxed); }
 
 void TraceBufferClient::setReadTimeoutMs(int timeoutMs) noexcept {
     _readTimeoutMs.store(timeoutMs, std::memory_order_relaxed);

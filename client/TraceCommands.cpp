@@ -1,8 +1,8 @@
 // The command channel: one 19-byte frame per command, then up to 3000 ms of waiting for the response frame that
 // the reader thread hands over. Start, Stop and Clear control tracing.
+#include "client/TraceCommands.h"
 #include "client/ClientMessages.h"
 #include "client/TraceBufferClient.h"
-#include "client/TraceCommands.h"
 
 #include <algorithm>
 #include <array>

@@ -46,7 +46,8 @@ int wait_until_writable(int fd, long timeout_ms) noexcept {
     pollfd watched{fd, POLLOUT, 0};
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         const int ready = ::poll(&watched, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
         if (ready == -1 && errno == EINTR) {
             continue;

@@ -44,8 +44,8 @@ AcquiredEvents TraceDecoder::Acquire(BlockSource& source, unsigned short startLa
             batchCount += splitAndUnpack(batch, batchCount, _AcquireBatchSize - batchCount);
         }
         if (batchCount < _AcquireBatchSize) {
-            batchCount = fillFromSource(source, batch, batchCount, _AcquireBatchSize - batchCount, batchCount,
-                                        readTimeoutMs);
+            batchCount =
+                fillFromSource(source, batch, batchCount, _AcquireBatchSize - batchCount, batchCount, readTimeoutMs);
         }
         if (batchCount == 0) {
             if (readTimeoutMs != 0) throw std::runtime_error(EventMessages::NothingReceived);

@@ -13,14 +13,15 @@
 namespace OLVEN::TALIX3::TraceBuffer {
 
 struct Signal {
-    const char* name;      // e.g. "Head0TxX", as the configuration record's field and the event type
-    unsigned group;        // 0 .. 3
+    const char* name;  // e.g. "Head0TxX", as the configuration record's field and the event type
+    unsigned group;    // 0 .. 3
     oltbTraceEventType type;
     unsigned bitsPerSample;
     bool oltbTraceBufferConfig_Struct::*flag;
 };
 
-#define OLTB_SIGNAL(group, name, bits) Signal{#name, group, oltbEvent##name, bits, &oltbTraceBufferConfig_Struct::name}
+#define OLTB_SIGNAL(group, name, bits) \
+    Signal { #name, group, oltbEvent##name, bits, &oltbTraceBufferConfig_Struct::name }
 
 inline constexpr std::array<Signal, 63> Signals = {{
     OLTB_SIGNAL(0, PortA, 16),

@@ -23,24 +23,24 @@ void TraceDecoder::ToSignedPosition(oltbTraceEvent* events, unsigned int count) 
     for (unsigned int index = 0; index < count; ++index) {
         oltbTraceEvent& event = events[index];
         switch (event.Type) {
-        case oltbEventHead0TxY:
-        case oltbEventHead0TxZ:
-        case oltbEventHead0RxY:
-        case oltbEventHead0RxZ:
-        case oltbEventHead1TxY:
-        case oltbEventHead1TxZ:
-        case oltbEventHead1RxY:
-        case oltbEventHead1RxZ:
-            event.Value = toSignedPositionValue(static_cast<std::uint32_t>(event.Value));
-            break;
-        case oltbEventHead0TxX:
-        case oltbEventHead0RxX:
-        case oltbEventHead1TxX:
-        case oltbEventHead1RxX:
-            event.Value = -toSignedPositionValue(static_cast<std::uint32_t>(event.Value));
-            break;
-        default:
-            break;
+            case oltbEventHead0TxY:
+            case oltbEventHead0TxZ:
+            case oltbEventHead0RxY:
+            case oltbEventHead0RxZ:
+            case oltbEventHead1TxY:
+            case oltbEventHead1TxZ:
+            case oltbEventHead1RxY:
+            case oltbEventHead1RxZ:
+                event.Value = toSignedPositionValue(static_cast<std::uint32_t>(event.Value));
+                break;
+            case oltbEventHead0TxX:
+            case oltbEventHead0RxX:
+            case oltbEventHead1TxX:
+            case oltbEventHead1RxX:
+                event.Value = -toSignedPositionValue(static_cast<std::uint32_t>(event.Value));
+                break;
+            default:
+                break;
         }
     }
 }

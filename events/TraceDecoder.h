@@ -67,8 +67,7 @@ public:
     // Delivers pending samples, then the current block, then blocks from `source`, waiting at most
     // `readTimeoutMs` for the first (0: never wait, negative: no limit). Throws
     // "No connection to trace buffer server established." and "buffer may not be null".
-    unsigned TryRead(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count,
-                     int readTimeoutMs);
+    unsigned TryRead(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count, int readTimeoutMs);
     // As TryRead; 0 events is a failure ("Nothing received from trace buffer server within the specified
     // timeout") unless readTimeoutMs is 0.
     unsigned Read(BlockSource& source, oltbTraceEvent* events, unsigned start, unsigned count, int readTimeoutMs);

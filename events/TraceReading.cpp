@@ -42,22 +42,21 @@ inline unsigned storeFullWidthRun(const TraceWordClock& clock, std::uint64_t& la
     // neither late nor behind out[-1] exactly when its relative stamp reaches this floor. Within the run the floor
     // is the relative stamp of the word before.
     std::uint64_t floor = std::max(lastRelative, lastTimestamp > timeBase ? lastTimestamp - timeBase : 0);
-    const std::size_t room = std::min(static_cast<std::size_t>(limit - cursor) / WordBytes,
-                                      static_cast<std::size_t>(end - out));
+    const std::size_t room =
+        std::min(static_cast<std::size_t>(limit - cursor) / WordBytes, static_cast<std::size_t>(end - out));
     const std::byte* const first = cursor;
     const std::byte* const runLimit = cursor + room * WordBytes;
     oltbTraceEvent* event = out;
     for (; cursor != runLimit; cursor += WordBytes, ++event) {
         const std::uint64_t word = loadLittleEndianWord(cursor);
-        const auto type =
-            static_cast<unsigned>((word & TraceDecoder::_eventTypeMask) >> TraceDecoder::_eventTypeShift);
+        const auto type = static_cast<unsigned>((word & TraceDecoder::_eventTypeMask) >> TraceDecoder::_eventTypeShift);
         const std::uint64_t relative = word & TraceDecoder::_timestampMask;  // a 32-bit sample is not moved
         if (BitsPerSample[type] != TraceDecoder::_numPayloadBits || relative < floor) break;
         floor = relative;
         const std::uint64_t timestamp = relative + timeBase;
         event->Timestamp = timestamp;
-        event->Time = static_cast<double>(static_cast<std::int64_t>(timestamp - origin)) *
-                      TraceDecoder::_TicksPerMicroSecond;
+        event->Time =
+            static_cast<double>(static_cast<std::int64_t>(timestamp - origin)) * TraceDecoder::_TicksPerMicroSecond;
         event->Type = static_cast<oltbTraceEventType>(type);
         event->Overflow = (word & TraceDecoder::_overflowMask) != 0;
         event->Value = static_cast<std::int32_t>(static_cast<std::uint32_t>(word >> TraceDecoder::_payloadShift));

@@ -51,7 +51,8 @@ inline constexpr std::uint64_t TimeBaseUnit = std::uint64_t{1} << TraceDecoder::
 // The bare fields of a word: 24-bit stamp, type, overflow flag, payload. Time is left alone.
 inline void splitFields(std::uint64_t word, oltbTraceEvent& event) noexcept {
     event.Timestamp = word & TraceDecoder::_timestampMask;
-    event.Type = static_cast<oltbTraceEventType>((word & TraceDecoder::_eventTypeMask) >> TraceDecoder::_eventTypeShift);
+    event.Type =
+        static_cast<oltbTraceEventType>((word & TraceDecoder::_eventTypeMask) >> TraceDecoder::_eventTypeShift);
     event.Overflow = (word & TraceDecoder::_overflowMask) != 0;
     event.Value = static_cast<std::int32_t>(static_cast<std::uint32_t>(word >> TraceDecoder::_payloadShift));
 }
@@ -71,8 +72,8 @@ inline bool decodeWord(TraceWordClock& clock, std::uint64_t word, oltbTraceEvent
     if (bits == 0) {  // one test on the common path for both rare cases
         if (event.Type != oltbEventTimeBase) throwUnsupportedType(event.Type);
         clock.previousTimeBase = clock.timeBase;
-        clock.timeBase =
-            static_cast<std::uint64_t>(static_cast<std::int64_t>(event.Value) * static_cast<std::int64_t>(TimeBaseUnit));
+        clock.timeBase = static_cast<std::uint64_t>(static_cast<std::int64_t>(event.Value) *
+                                                    static_cast<std::int64_t>(TimeBaseUnit));
         clock.lastRelativeTimestamp = 0;
         // Stamps seen before the first time-base word belong to the period before the one it opens: an origin
         // taken there moves into that period, and an unset origin becomes that period's start.
@@ -97,8 +98,8 @@ inline bool decodeWord(TraceWordClock& clock, std::uint64_t word, oltbTraceEvent
 
 // Stores the samples of a decoded word at `out`, advancing it, while out < outEnd; the rest goes to the pending
 // store, which is emptied first. Returns the number stored at `out`.
-inline unsigned storeSamples(const oltbTraceEvent& event, unsigned bits, oltbTraceEvent*& out,
-                             oltbTraceEvent* outEnd, oltbTraceEvent* pending, std::uint32_t& pendingCount) {
+inline unsigned storeSamples(const oltbTraceEvent& event, unsigned bits, oltbTraceEvent*& out, oltbTraceEvent* outEnd,
+                             oltbTraceEvent* pending, std::uint32_t& pendingCount) {
     pendingCount = 0;
     if (bits == TraceDecoder::_numPayloadBits) {
         *out++ = event;

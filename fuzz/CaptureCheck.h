@@ -3,7 +3,7 @@
 // back, values their signals carry. A refusal must be one short printable line that names the file.
 #pragma once
 
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include "tools/oltb/CaptureReader.h"
 #include "tools/oltb/Errors.h"
@@ -36,7 +36,9 @@ inline std::string fuzzFile(const std::string& name, const std::string& bytes) {
 }
 
 inline bool sameEvents(const std::vector<oltbTraceEvent>& first, const std::vector<oltbTraceEvent>& second) {
-    const auto fields = [](const oltbTraceEvent& e) { return std::tuple(e.Timestamp, e.Time, e.Type, e.Overflow, e.Value); };
+    const auto fields = [](const oltbTraceEvent& e) {
+        return std::tuple(e.Timestamp, e.Time, e.Type, e.Overflow, e.Value);
+    };
     return std::equal(first.begin(), first.end(), second.begin(), second.end(),
                       [&](const oltbTraceEvent& a, const oltbTraceEvent& b) { return fields(a) == fields(b); });
 }
@@ -49,8 +51,7 @@ inline void checkRefusal(const std::string& message, const std::string& path) {
 // The events of the capture at `path` (read from `source`, or as the tool reads it); false when it was refused,
 // and then why in `refusal`.
 template <typename Source>
-bool readWholeCapture(const std::string& path, std::vector<oltbTraceEvent>& events, std::string& refusal,
-                      Source open) {
+bool readWholeCapture(const std::string& path, std::vector<oltbTraceEvent>& events, std::string& refusal, Source open) {
     using namespace oltb::cli;
     try {
         const auto reader = open(path);

@@ -1,6 +1,6 @@
 // Fuzz target: any bytes as a CSV capture, read as oltb reads one (CaptureCheck.h). What the reader accepts,
 // written again by the CSV writer and read back, is the same series.
-#include "CaptureCheck.h"
+#include "fuzz/CaptureCheck.h"
 
 #include "tools/oltb/CsvWriter.h"
 

@@ -3,7 +3,7 @@
 // there. The file is read as oltb reads one (CaptureCheck.h), in a child process; unchanged, it reads back as
 // written. Unless HDF5 failed on it there, it is read again in this process, where the fuzzer sees the reader's
 // paths, with the same outcome.
-#include "CaptureCheck.h"
+#include "fuzz/CaptureCheck.h"
 
 #include "tools/oltb/H5Writer.h"
 
@@ -31,7 +31,8 @@ const std::string& writtenCapture() {
         for (std::uint64_t tick = 0; tick < 5000; ++tick) {
             const double time = static_cast<double>(tick) / 64;
             writer.write({tick, time, oltbEventHead0TxX, tick == 7, -static_cast<std::int32_t>(tick)});
-            if (tick % 100 == 0) writer.write({tick, time, oltbEventGate, false, static_cast<std::int32_t>(tick / 100 % 2)});
+            if (tick % 100 == 0)
+                writer.write({tick, time, oltbEventGate, false, static_cast<std::int32_t>(tick / 100 % 2)});
             if (tick % 1000 == 0) writer.write({tick, time, oltbEventLabel, false, 65535});
         }
         writer.finish();
@@ -52,7 +53,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string path = fuzzFile("capture.h5", file);
     std::vector<oltbTraceEvent> events, again;
     std::string refusal, refusedAgain;
-    const auto asTheToolReads = [](const std::string& name) { return std::make_unique<oltb::cli::CaptureReader>(name); };
+    const auto asTheToolReads = [](const std::string& name) {
+        return std::make_unique<oltb::cli::CaptureReader>(name);
+    };
     const bool read = readWholeCapture(path, events, refusal, asTheToolReads);
     FUZZ_CHECK(size >= 4 || (read && events.size() == SeriesEvents));
     if (refusal.find("HDF5 failed on it") != std::string::npos) {

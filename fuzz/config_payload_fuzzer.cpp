@@ -1,7 +1,7 @@
 // Fuzz target: a GetConfig response payload of any length and content, decoded into the configuration record and
 // encoded back. Under 17 bytes decoding must fail with "Illegal message length"; otherwise the record takes the
 // version from byte 0 and exactly the defined bits of the four masks, which the encoded payload carries again.
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include "client/TraceConfiguration.h"
 

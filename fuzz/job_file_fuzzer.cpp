@@ -1,6 +1,6 @@
 // Fuzz target: any text as a job file of the simulator. The parser takes it as commands within their ranges, each
 // with its line, or refuses it with one short printable line naming the file and the line.
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include "tools/oltb-sim/JobFile.h"
 
@@ -8,12 +8,12 @@
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace oltbsim;
+    using namespace oltb::sim;
     try {
         const JobProgram job = parseJob(std::string(reinterpret_cast<const char*>(data), size), "fuzz.job");
         for (const JobCommand& command : job.commands) {
             FUZZ_CHECK(command.line >= 1 && std::isfinite(command.value));
-            FUZZ_CHECK(std::abs(command.x) <= kFieldLimitUnits && std::abs(command.y) <= kFieldLimitUnits);
+            FUZZ_CHECK(std::abs(command.x) <= FieldLimitUnits && std::abs(command.y) <= FieldLimitUnits);
         }
     } catch (const JobFileError& error) {
         const std::string message = error.what();

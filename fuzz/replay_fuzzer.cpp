@@ -1,13 +1,13 @@
 // Fuzz target: any rows after the CSV header as a capture served by oltb-sim --replay, with every signal selected.
 // A capture the replay's check accepts is served once and then ends, in at most two words per event, and the
 // words' ticks never go back.
-#include "CaptureCheck.h"
+#include "fuzz/CaptureCheck.h"
 
 #include "tools/oltb-sim/ReplayStream.h"
 #include "tools/oltb/CsvWriter.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace oltbsim;
+    using namespace oltb::sim;
     const std::string path = fuzzFile("replay.csv", std::string(oltb::cli::CsvWriter::Header) + "\n" +
                                                         std::string(reinterpret_cast<const char*>(data), size));
     ReplayCapture capture;
@@ -22,12 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ReplayStream stream(capture, false, 0);
     stream.start(640000, all);
     std::vector<std::uint64_t> words;
-    for (int round = 0; round < 1000 && !stream.exhausted(); ++round) stream.generate(kNoHorizon, 4096, words);
+    for (int round = 0; round < 1000 && !stream.exhausted(); ++round) stream.generate(NoHorizon, 4096, words);
     FUZZ_CHECK(stream.exhausted() && words.size() <= 2 * capture.events + 2);
     std::uint64_t timeBase = 0, last = 0;
     for (const std::uint64_t word : words) {
         const std::uint64_t type = (word >> 24) & 0x7F;
-        if (type == kTimeBaseType) {
+        if (type == TimeBaseType) {
             timeBase = (word >> 32) << 24;
             continue;
         }

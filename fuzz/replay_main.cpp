@@ -1,7 +1,7 @@
 // Replays fuzz inputs without libFuzzer: feeds every file named on the command line, and every file in every
 // directory named there, to the target's LLVMFuzzerTestOneInput. So the corpus runs as an ordinary test in every
 // build, whatever the compiler; a failing check aborts the program after naming the input.
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -34,7 +34,8 @@ int main(int argc, char** argv) {
                 return 1;
             }
             // Exactly the file's bytes on the heap, so that a sanitizer build sees any read past them.
-            const std::vector<std::uint8_t> input((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            const std::vector<std::uint8_t> input((std::istreambuf_iterator<char>(in)),
+                                                  std::istreambuf_iterator<char>());
             std::cerr << "replaying " << file.string() << " (" << input.size() << " bytes)\n";
             LLVMFuzzerTestOneInput(input.data(), input.size());
             ++replayed;

@@ -2,7 +2,7 @@
 // frame lies inside the data and has the shape 4D 4D 4D 4D | L | L payload bytes | B2 B2; it is the first one where
 // a word may begin, or, when there is none, the first one anywhere, and then no frame may still be completing;
 // without a frame, the outcome tells whether the data ends in the beginning of one that the next receive may complete.
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include "client/ResponseFrameScanner.h"
 
@@ -42,19 +42,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t inp
         if (shape == -1) firstIncomplete = start;
     }
     switch (scan.outcome) {
-    case ResponseScanOutcome::frameFound:
-        FUZZ_CHECK(scan.headerStart == (firstAtWord < size ? firstAtWord : firstComplete));
-        FUZZ_CHECK(firstAtWord < size || firstIncomplete == size);
-        FUZZ_CHECK(scan.frameEnd == scan.headerStart + scan.payloadLength + 7 && scan.frameEnd <= size);
-        FUZZ_CHECK(scan.payloadStart == scan.headerStart + 5 && data[scan.headerStart + 4] == scan.payloadLength);
-        break;
-    case ResponseScanOutcome::maybeFrameStart:
-        FUZZ_CHECK(firstAtWord == size && firstIncomplete < size);
-        FUZZ_CHECK(scan.candidateStart == std::min(firstIncomplete, firstComplete));
-        break;
-    case ResponseScanOutcome::noFrame:
-        FUZZ_CHECK(firstComplete == size && firstIncomplete == size);
-        break;
+        case ResponseScanOutcome::frameFound:
+            FUZZ_CHECK(scan.headerStart == (firstAtWord < size ? firstAtWord : firstComplete));
+            FUZZ_CHECK(firstAtWord < size || firstIncomplete == size);
+            FUZZ_CHECK(scan.frameEnd == scan.headerStart + scan.payloadLength + 7 && scan.frameEnd <= size);
+            FUZZ_CHECK(scan.payloadStart == scan.headerStart + 5 && data[scan.headerStart + 4] == scan.payloadLength);
+            break;
+        case ResponseScanOutcome::maybeFrameStart:
+            FUZZ_CHECK(firstAtWord == size && firstIncomplete < size);
+            FUZZ_CHECK(scan.candidateStart == std::min(firstIncomplete, firstComplete));
+            break;
+        case ResponseScanOutcome::noFrame:
+            FUZZ_CHECK(firstComplete == size && firstIncomplete == size);
+            break;
     }
     return 0;
 }

@@ -1,6 +1,6 @@
 // Fuzz target: any bytes a client sends to the simulator, through a session on one end of a socket pair whose
 // other end sends them and goes. The session answers the frames among them and ends when the client has gone.
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include "tools/oltb-sim/CounterStream.h"
 #include "tools/oltb-sim/Session.h"
@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace oltbsim;
+    using namespace oltb::sim;
     int ends[2];
     FUZZ_CHECK(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
     const int buffer = 1 << 20;

@@ -7,7 +7,7 @@
 //   bytes 12..15  array counts, bytes 16..19 array offsets (0..31), used in turn
 // Each array holds exactly offset + count events, so a write past it is a heap overflow; the slots next to the ones
 // a call reports must still hold the pattern they were filled with.
-#include "FuzzCheck.h"
+#include "fuzz/FuzzCheck.h"
 
 #include "events/EventMessages.h"
 #include "events/TraceDecoder.h"
@@ -46,7 +46,9 @@ public:
         _emptyWaits = 0;
         return !endsWhenUsedUp || !usedUp();
     }
-    bool usedUp() const { return _next == _blocks.size() && !_decoder.hasUndecodedBytes() && _decoder.pendingCount() == 0; }
+    bool usedUp() const {
+        return _next == _blocks.size() && !_decoder.hasUndecodedBytes() && _decoder.pendingCount() == 0;
+    }
     bool endsWhenUsedUp = false;
 
 private:
@@ -104,9 +106,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool oneBlock = std::all_of(lengths, lengths + 8, [](std::uint8_t l) { return l == 0; });
     std::vector<std::vector<std::byte>> blocks;
     for (std::size_t position = 20, i = 0; position < size; ++i) {
-        const std::size_t length = oneBlock ? size - position
-                                            : std::min<std::size_t>(size - position,
-                                                                    lengths[i % 8] << std::min((data[0] >> 2) & 7U, 6U));
+        const std::size_t length =
+            oneBlock ? size - position
+                     : std::min<std::size_t>(size - position, lengths[i % 8] << std::min((data[0] >> 2) & 7U, 6U));
         const auto* first = reinterpret_cast<const std::byte*>(data + position);
         blocks.emplace_back(first, first + length);
         position += length;
@@ -137,7 +139,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         } catch (const std::runtime_error& error) {
             const std::string text = error.what();
             if (text == Messages::NoConnection) return 0;
-            FUZZ_CHECK(isUnsupportedType(text) || text == Messages::EndLabelBeforeStart || text == Messages::NothingReceived);
+            FUZZ_CHECK(isUnsupportedType(text) || text == Messages::EndLabelBeforeStart ||
+                       text == Messages::NothingReceived);
         }
         FUZZ_CHECK(decoder.pendingCount() <= 32);
     }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that one make target needs, and only those that are missing; does nothing when all
 # are present. Usage: scripts/setup.sh TARGET... (demo, report, browser, viewers, build, test, readme, asan, tsan, m32,
-# fuzz, valgrind, bench, mutants, package).
+# fuzz, valgrind, bench, mutants, package, format).
 # Needs root or sudo only when something is missing; without either it stops with the command to run.
 set -euo pipefail
 
@@ -21,6 +21,7 @@ declare -A needs=(
   [m32]="g++-multilib pkg-config"
   [fuzz]="clang libclang-rt-14-dev"
   [valgrind]="valgrind"
+  [format]="clang-format"
   [bench]="libbenchmark-dev"
   [mutants]="python3 ninja-build lld util-linux"
   [package]="dpkg-dev file pkg-config lintian"

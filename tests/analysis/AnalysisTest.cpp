@@ -102,29 +102,30 @@ TEST_P(Heads, FiguresFollowTheHeadsPhysics) {
     }
     for (std::size_t row = 0; row < result.jumpDelayTable.size(); ++row) {
         const JumpDelay& r = result.jumpDelayTable[row];
-        EXPECT_EQ(r.delayUs.has_value(), std::all_of(result.jumps.begin(), result.jumps.end(), [&](const Jump& j) {
-            return j.cutShort || j.length > r.upToLength || j.settled || j.predictedSettleUs;
-        })) << "a row is known when every jump up to its length settled or was predicted";
+        EXPECT_EQ(r.delayUs.has_value(), std::all_of(result.jumps.begin(), result.jumps.end(),
+                                                     [&](const Jump& j) {
+                                                         return j.cutShort || j.length > r.upToLength || j.settled ||
+                                                                j.predictedSettleUs;
+                                                     }))
+            << "a row is known when every jump up to its length settled or was predicted";
         if (row > 0 && r.delayUs && result.jumpDelayTable[row - 1].delayUs) {
             EXPECT_GE(*r.delayUs, *result.jumpDelayTable[row - 1].delayUs) << "a row covers the shorter jumps too";
         }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Synthetic, Heads,
-                         ::testing::Values(Head{"delay", 237.3, 0, 0, 1, 0, 0, {true, true, false, false}},
-                                           Head{"delay, laser early and late", 100.0, 0, 0, 1, -100, 100,
-                                                {true, true, true, false}},
-                                           Head{"delay, laser late and early", 180.0, 0, 0, 1, 53.4, -41.2,
-                                                {true, true, false, false}},
-                                           Head{"first-order lag", 40.0, 60, 0, 1, 0, 0, {true, true, false, false}},
-                                           Head{"second-order loop", 0, 0, 900, 0.7, 0, 0,
-                                                {false, false, false, false}}),
-                         [](const auto& test) {
-                             std::string name = test.param.name;
-                             for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Synthetic, Heads,
+    ::testing::Values(Head{"delay", 237.3, 0, 0, 1, 0, 0, {true, true, false, false}},
+                      Head{"delay, laser early and late", 100.0, 0, 0, 1, -100, 100, {true, true, true, false}},
+                      Head{"delay, laser late and early", 180.0, 0, 0, 1, 53.4, -41.2, {true, true, false, false}},
+                      Head{"first-order lag", 40.0, 60, 0, 1, 0, 0, {true, true, false, false}},
+                      Head{"second-order loop", 0, 0, 900, 0.7, 0, 0, {false, false, false, false}}),
+    [](const auto& test) {
+        std::string name = test.param.name;
+        for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+        return name;
+    });
 
 // Runs of one job side by side and one after the other: pairs found by the commanded points, a change told better or
 // worse, a run of another job refused.

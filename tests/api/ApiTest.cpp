@@ -54,7 +54,8 @@ TEST(ErrorStore, BufferTooSmallLosesTheText) {
     const std::pair<int, std::string> cases[] = {
         {15, ""}, {22, ""}, {23, "Error buffer too small"}, {40, "Error buffer too small"}, {41, fortyCharacters}};
     for (const auto& [size, expected] : cases) {
-        OLVEN::TALIX3::TraceBuffer::TraceBufferErrorHandler::getThreadLocalInstance().InsertError(fortyCharacters.c_str());
+        OLVEN::TALIX3::TraceBuffer::TraceBufferErrorHandler::getThreadLocalInstance().InsertError(
+            fortyCharacters.c_str());
         EXPECT_EQ(takeLastErrorInto(size), expected) << size;
         EXPECT_EQ(oltbGetLastErrorLen(), 0);
     }
@@ -100,12 +101,10 @@ TEST(HandleChecks, EveryFunctionReportsIllegalHandlesAndNullOutParameters) {
     EXPECT_EQ(takeLastError(), "Illegal handle.");
     EXPECT_EQ(oltbConnect(nullptr), -1);
     EXPECT_EQ(takeLastError(), "basic_string::_M_construct null not valid");
-    const std::function<int()> nullOut[] = {[] { return oltbIsConnected(-1, nullptr); },
-                                            [] { return oltbGetReadTimeout(-1, nullptr); },
-                                            [] { return oltbGetConfig(987654, nullptr); },
-                                            [] { return oltbAcquire(987654, 1, 2, nullptr); },
-                                            [] { return oltbInitConfig(nullptr); },
-                                            [] { return oltbToSignedPosition(nullptr, 3); }};
+    const std::function<int()> nullOut[] = {
+        [] { return oltbIsConnected(-1, nullptr); },   [] { return oltbGetReadTimeout(-1, nullptr); },
+        [] { return oltbGetConfig(987654, nullptr); }, [] { return oltbAcquire(987654, 1, 2, nullptr); },
+        [] { return oltbInitConfig(nullptr); },        [] { return oltbToSignedPosition(nullptr, 3); }};
     for (const auto& call : nullOut) {
         EXPECT_EQ(call(), -1);
         EXPECT_EQ(takeLastError(), "Out parameter is a null pointer!") << "checked before the handle";
@@ -120,13 +119,16 @@ TEST(NoConnection, InitConfigAndPositions) {
     const auto* flags = reinterpret_cast<const unsigned char*>(&config.PortA);
     EXPECT_TRUE(std::all_of(flags, flags + 63, [](unsigned char flag) { return flag == 0; }));
 
-    const std::pair<uint32_t, int32_t> values[] = {{0, 0}, {0x7FFFF, 524287}, {0x80000, -524288}, {0xFFFFF, -1},
-                                                   {0xFFF80000, -524288}, {0x00100000, 0}, {0x12345678, 0x45678}};
+    const std::pair<uint32_t, int32_t> values[] = {
+        {0, 0},          {0x7FFFF, 524287},    {0x80000, -524288}, {0xFFFFF, -1}, {0xFFF80000, -524288},
+        {0x00100000, 0}, {0x12345678, 0x45678}};
     for (const auto& [raw, expected] : values) EXPECT_EQ(oltbToSignedPositionVal(raw), expected) << std::hex << raw;
 
     oltbTraceEvent events[4] = {};
-    const std::pair<oltbTraceEventType, uint32_t> raw[] = {
-        {oltbEventHead0TxY, 0x80000}, {oltbEventHead1RxX, 0x00001}, {oltbEventHead0TxX, 0xFFFFFFFF}, {oltbEventDac0, 0xFFFFF}};
+    const std::pair<oltbTraceEventType, uint32_t> raw[] = {{oltbEventHead0TxY, 0x80000},
+                                                           {oltbEventHead1RxX, 0x00001},
+                                                           {oltbEventHead0TxX, 0xFFFFFFFF},
+                                                           {oltbEventDac0, 0xFFFFF}};
     for (int i = 0; i < 4; ++i) {
         events[i].Type = raw[i].first;
         events[i].Value = static_cast<int32_t>(raw[i].second);
@@ -150,7 +152,7 @@ TEST(Connection, ReadTimeoutAndConfigurationRoundTrip) {
     ASSERT_EQ(oltbGetReadTimeout(handle, &timeout), 0);
     EXPECT_EQ(timeout, -5) << "stored unchanged";
 
-    server.setReactionOnce(kGetConfigCode, Reaction::payload(Bytes(16, 0xFF)));
+    server.setReactionOnce(GetConfigCode, Reaction::payload(Bytes(16, 0xFF)));
     oltbTraceBufferConfig_Struct config;
     std::memset(&config, 0x5A, sizeof(config));
     const oltbTraceBufferConfig_Struct before = config;

@@ -1,12 +1,11 @@
 /* A C99 program against the shared library: the header compiles as strict C, the record layouts are the
  * documented ones (also in the 32-bit build), and the error text is handed out. Exit code 0 means success. */
-#include "oltb.h"
 #include "c_check.h"
+#include "oltb.h"
 
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
-
 
 static void checkLayouts(void) {
     /* Timestamp and Time are 8 bytes; on 32-bit x86 they are only 4-byte aligned inside records. */

@@ -4,21 +4,21 @@
  * acquires one run of the simulated marking job between labels 1 and 2, converts the positions and compares them
  * with the job, and checks the numbering of handles. Last it connects again, starts tracing and returns from main
  * with that connection open: the library ends it by itself at process exit. Exit code 0 means success. */
-#include "oltb.h"
 #include "c_check.h"
+#include "oltb.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 /* For calls the rest of a step depends on: reports the library's error text as well. */
-#define REQUIRE_CALL(call)                                                                             \
-    do {                                                                                               \
-        if ((call) != 0) {                                                                             \
-            fprintf(stderr, "%s:%d: %s failed: %s\n", __FILE__, __LINE__, #call, lastErrorText());   \
-            ++failures;                                                                                \
-            return;                                                                                    \
-        }                                                                                              \
+#define REQUIRE_CALL(call)                                                                         \
+    do {                                                                                           \
+        if ((call) != 0) {                                                                         \
+            fprintf(stderr, "%s:%d: %s failed: %s\n", __FILE__, __LINE__, #call, lastErrorText()); \
+            ++failures;                                                                            \
+            return;                                                                                \
+        }                                                                                          \
     } while (0)
 
 static const char* lastErrorText(void) {
@@ -27,7 +27,6 @@ static const char* lastErrorText(void) {
     oltbGetLastError(text, (int)sizeof(text));
     return text;
 }
-
 
 /* ---- the checks ----------------------------------------------------------------------------------------- */
 

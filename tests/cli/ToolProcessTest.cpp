@@ -78,7 +78,8 @@ TEST(ToolProcess, AcquireWritesTheEventsTheCInterfaceReturnsForTheSameJob) {
     const ToolResult tool = runTool({"acquire", "127.0.0.60", "--start", "1", "--end", "2", "--signals", DemoSignals,
                                      "-o", path("job.csv"), "-o", path("job.vcd"), "--quiet"});
     ASSERT_EQ(tool.exitCode, 0) << tool.err;
-    EXPECT_NE(tool.out.find("events written to " + path("job.csv") + ", " + path("job.vcd")), std::string::npos) << tool.out;
+    EXPECT_NE(tool.out.find("events written to " + path("job.csv") + ", " + path("job.vcd")), std::string::npos)
+        << tool.out;
     const std::vector<oltbTraceEvent> expected = acquireThroughCInterface("127.0.0.60");
     ASSERT_GT(expected.size(), 1000U);
     const auto rows = csvRows(readFile(path("job.csv")));
@@ -89,8 +90,9 @@ TEST(ToolProcess, AcquireWritesTheEventsTheCInterfaceReturnsForTheSameJob) {
         char time[40];
         std::snprintf(time, sizeof time, "%.6f", expected[i].Time);
         const std::vector<std::string> row = {rows[i + 1][1], rows[i + 1][3], rows[i + 1][4], rows[i + 1][5]};
-        ASSERT_EQ(row, (std::vector<std::string>{time, std::to_string(expected[i].Type), std::to_string(expected[i].Value),
-                                                 expected[i].Overflow ? "1" : "0"})) << "row " << i + 1;
+        ASSERT_EQ(row, (std::vector<std::string>{time, std::to_string(expected[i].Type),
+                                                 std::to_string(expected[i].Value), expected[i].Overflow ? "1" : "0"}))
+            << "row " << i + 1;
         if (expected[i].Type == oltbEventGate &&
             (gateChanges.empty() || gateChanges.back().back() != static_cast<char>('0' + expected[i].Value))) {
             gateChanges.push_back(std::to_string(std::llround(expected[i].Time * 64) * 15625) + ":" +
@@ -117,7 +119,8 @@ TEST(ToolProcess, AcquireWritesTheEventsTheCInterfaceReturnsForTheSameJob) {
     const ToolResult line = runTool({"acquire", "127.0.0.60", "--start", "10", "--end", "11", "--signals", "Gate", "-o",
                                      path("line.vcd"), "--quiet"});
     ASSERT_EQ(line.exitCode, 0) << line.err;
-    EXPECT_NE(readFile(path("line.vcd")).find("\n#200000000\n"), std::string::npos) << "the gate comes 200 us after label 10";
+    EXPECT_NE(readFile(path("line.vcd")).find("\n#200000000\n"), std::string::npos)
+        << "the gate comes 200 us after label 10";
 }
 
 TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingCompleteRows) {
@@ -129,8 +132,8 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     EXPECT_EQ(csvRows(limited.out).at(1).at(1), "0.000000") << "time 0 is the first event, as in the VCD";
     EXPECT_NE(limited.err.find("1000 events written to standard output"), std::string::npos) << limited.err;
 
-    ChildProcess capture(OLTB_TOOL_PATH, {"capture", "127.0.0.61", "--signals", DemoSignals, "-o", path("c.csv"),
-                                          "-o", path("c.vcd")});
+    ChildProcess capture(OLTB_TOOL_PATH,
+                         {"capture", "127.0.0.61", "--signals", DemoSignals, "-o", path("c.csv"), "-o", path("c.vcd")});
     waitUntil([] { return readFile(path("c.csv")).size() > 20000; }, 10s);
     capture.sendSignal(SIGINT);
     ASSERT_EQ(capture.waitForExit(10s), 0) << capture.standardError();
@@ -149,7 +152,7 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
 
     // Standard output closes early: the file beside it is finished with every row read.
     ChildProcess piped("/bin/bash", {"-c", std::string(OLTB_TOOL_PATH) + " capture 127.0.0.61 --events 50000 -o - -o " +
-                                           path("beside.csv") + " | head -c 100 >/dev/null"});
+                                               path("beside.csv") + " | head -c 100 >/dev/null"});
     EXPECT_EQ(piped.waitForExit(30s), 0);
     const std::string beside = readFile(path("beside.csv"));
     EXPECT_GT(csvRows(beside).size(), 100U);
@@ -167,7 +170,8 @@ TEST(ToolProcess, CaptureEndsAtItsLimitOnInterruptOrWhenTheServerGoesKeepingComp
     const ToolResult lost = runTool({"capture", "127.0.0.66", "--signals", DemoSignals, "-o", path("lost.csv")});
     EXPECT_EQ(lost.exitCode, 3);
     EXPECT_NE(lost.err.find("oltb: reading (127.0.0.66): No connection to trace buffer server established."),
-              std::string::npos) << lost.err;
+              std::string::npos)
+        << lost.err;
     const std::size_t kept = csvRows(readFile(path("lost.csv"))).size() - 1;
     EXPECT_GT(kept, 1000U);
     EXPECT_NE(lost.out.find(std::to_string(kept) + " events written to"), std::string::npos) << lost.out;
@@ -185,7 +189,9 @@ TEST(ToolProcess, H5CapturesEndedByInterruptOrLostServerConvertBackToTheirCsv) {
     waitUntil([] { return readFile(path("i.csv")).size() > 20000; }, 10s);
     interrupted.sendSignal(SIGINT);
     ASSERT_EQ(interrupted.waitForExit(10s), 0) << interrupted.standardError();
-    EXPECT_EQ(runTool({"capture", "127.0.0.63", "--signals", DemoSignals, "-o", path("l.h5"), "-o", path("l.csv")}).exitCode, 3);
+    EXPECT_EQ(
+        runTool({"capture", "127.0.0.63", "--signals", DemoSignals, "-o", path("l.h5"), "-o", path("l.csv")}).exitCode,
+        3);
     for (const std::string name : {"i", "l"}) {
         const std::string csv = readFile(path(name + ".csv"));
         EXPECT_GT(csvRows(csv).size(), 100U) << name;
@@ -201,7 +207,8 @@ TEST(ToolProcess, H5CapturesEndedByInterruptOrLostServerConvertBackToTheirCsv) {
     std::ofstream(path("damaged.h5")) << "\x89HDF\r\n\x1a\n" << std::string(600, '\x07');
     const ToolResult damaged = runTool({"convert", path("damaged.h5"), path("d.csv")});
     EXPECT_EQ(damaged.exitCode, 4);
-    EXPECT_NE(damaged.err.find("oltb: cannot read " + path("damaged.h5") + ": opening the file: "), std::string::npos) << damaged.err;
+    EXPECT_NE(damaged.err.find("oltb: cannot read " + path("damaged.h5") + ": opening the file: "), std::string::npos)
+        << damaged.err;
     EXPECT_FALSE(std::filesystem::exists(path("d.csv")));
 }
 // Per signal, the ticks from the file's first event, the values and the overflow flags of a CSV capture.
@@ -248,7 +255,8 @@ TEST(ToolProcess, ReplayedCaptureIsCapturedAgainWithTheSameEvents) {
     const std::pair<std::string, std::string> refused[] = {
         {"damaged.h5", "cannot read " + path("damaged.h5") + ": opening the file: "},
         {"foreign.csv", path("foreign.csv") + ": line 1: not a capture written by oltb"},
-        {"wide.csv", path("wide.csv") + ": line 3: not a row of an oltb capture: value 2 does not fit the 1 bit of Gate"}};
+        {"wide.csv",
+         path("wide.csv") + ": line 3: not a row of an oltb capture: value 2 does not fit the 1 bit of Gate"}};
     for (const auto& [file, text] : refused) {
         ChildProcess simulator(OLTB_SIM_PATH, {"--address", "127.0.0.79", "--replay", path(file)});
         EXPECT_EQ(simulator.waitForExit(10s), 1) << file;
@@ -262,13 +270,14 @@ TEST(ToolProcess, ReplayedCaptureIsCapturedAgainWithTheSameEvents) {
 TEST(ToolProcess, InterruptedAcquisitionStopsTheTraceAndWritesNothing) {
     ChildProcess simulator(OLTB_SIM_PATH, {"-a", "127.0.0.67", "--verbose"});  // its log shows the commands
     ASSERT_TRUE(simulator.waitForText("oltb-sim listening on 127.0.0.67:9495", 10s));
-    ChildProcess acquire(OLTB_TOOL_PATH, {"acquire", "127.0.0.67", "--start", "3", "--end", "4", "--timeout", "1",
-                                          "-o", path("i.csv")});
+    ChildProcess acquire(
+        OLTB_TOOL_PATH, {"acquire", "127.0.0.67", "--start", "3", "--end", "4", "--timeout", "1", "-o", path("i.csv")});
     ASSERT_TRUE(simulator.waitForText("command Start (0x11)", 10s, true)) << simulator.standardError();
     acquire.sendSignal(SIGINT);
     EXPECT_EQ(acquire.waitForExit(10s), 130);
     EXPECT_NE(acquire.standardError().find("acquisition interrupted before the end label; nothing written"),
-              std::string::npos) << acquire.standardError();
+              std::string::npos)
+        << acquire.standardError();
     EXPECT_FALSE(std::filesystem::exists(path("i.csv")));
     ASSERT_TRUE(simulator.waitForText("disconnected", 5s, true));
     const std::string log = simulator.standardError();
@@ -288,43 +297,58 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     const std::pair<std::vector<std::string>, std::pair<int, std::string>> cases[] = {
         {{"acquire", "127.0.0.64", "--start", "2", "--end", "1", "-q", "-o", path("x.csv")},
          {3, "oltb: end label 1 came before start label 2 (Expected start label but got end label!)\n"}},
-        {{"capture", "127.0.0.69", "--events", "5"}, {3, "oltb: Could not connect to the tracebuffer server on address 127.0.0.69. "}},
-        {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "-s", "Nope"}, {2, "oltb: unknown signal 'Nope' (see: oltb signals)\n"}},
+        {{"capture", "127.0.0.69", "--events", "5"},
+         {3, "oltb: Could not connect to the tracebuffer server on address 127.0.0.69. "}},
+        {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "-s", "Nope"},
+         {2, "oltb: unknown signal 'Nope' (see: oltb signals)\n"}},
         {{"capture", "127.0.0.69", "-o", path("trace.txt")}, {2, "unknown format"}},
-        {{"capture", "127.0.0.69", "-o", path("missing/dir/trace.csv")}, {4, "oltb: cannot create " + path("missing/dir/trace.csv")}},
+        {{"capture", "127.0.0.69", "-o", path("missing/dir/trace.csv")},
+         {4, "oltb: cannot create " + path("missing/dir/trace.csv")}},
         {{}, {2, "oltb: A subcommand is required\noltb: see oltb --help\n"}},
         {{"frob", "127.0.0.69"}, {2, "oltb: unknown command 'frob'\noltb: see oltb --help\n"}},
         {{"capture", "127.0.0.69", "--duration", "1", "--events", "5"}, {2, "\noltb: see oltb capture --help\n"}},
         {{"capture", "127.0.0.69", "--duration", "nan"}, {2, "--duration: must be a positive number of seconds"}},
-        {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "--timeout", "nan"}, {2, "--timeout: must be a positive"}},
+        {{"acquire", "127.0.0.69", "--start", "1", "--end", "2", "--timeout", "nan"},
+         {2, "--timeout: must be a positive"}},
         {{"acquire", "127.0.0.69", "--start", "65536", "--end", "2"}, {2, ""}},
         {{"config", "127.0.0.69", "--all", "--none"}, {2, ""}},
-        {{"convert", path("foreign.csv"), path("f.vcd")}, {2, path("foreign.csv") + ": line 1: not a capture written by oltb"}},
-        {{"convert", path("row.csv"), path("f.csv")}, {2, path("row.csv") + ": line 3: not a row of an oltb capture: value is"}},
+        {{"convert", path("foreign.csv"), path("f.vcd")},
+         {2, path("foreign.csv") + ": line 1: not a capture written by oltb"}},
+        {{"convert", path("row.csv"), path("f.csv")},
+         {2, path("row.csv") + ": line 3: not a row of an oltb capture: value is"}},
         {{"convert", path("row.csv"), path("row.csv")}, {2, "output '" + path("row.csv") + "' is the capture to read"}},
         {{"convert", path("f.vcd"), path("f.csv")}, {2, "cannot be read back"}},
-        {{"convert", path("missing.csv"), path("f.csv")}, {4, "oltb: cannot read " + path("missing.csv") + ": No such file"}},
+        {{"convert", path("missing.csv"), path("f.csv")},
+         {4, "oltb: cannot read " + path("missing.csv") + ": No such file"}},
         {{"report", path("foreign.csv"), "-o", path("f.html")}, {2, "line 1: not a capture written by oltb"}},
         {{"report", path("row.csv"), "-o", path("row.csv")}, {2, "the report would replace its own capture"}},
         {{"report", path("row.csv"), "-o", scratchDirectory() + "/./row.csv"}, {2, "would replace its own capture"}},
         {{"report", path("row.csv"), "-o", path("row-link.csv")}, {2, "would replace its own capture"}},
-        {{"capture", "127.0.0.69", "-o", path("c.h5"), "-o", scratchDirectory() + "/../" +
-          std::filesystem::path(scratchDirectory()).filename().string() + "/c.h5"}, {2, "are one file"}},
+        {{"capture", "127.0.0.69", "-o", path("c.h5"), "-o",
+          scratchDirectory() + "/../" + std::filesystem::path(scratchDirectory()).filename().string() + "/c.h5"},
+         {2, "are one file"}},
         {{"convert", path("unsorted.csv"), path("f.csv")},
          {2, "unsorted.csv: line 3: not a row of an oltb capture: time_us 0.500000 is earlier than the 1.000000"}},
-        {{"convert", path("inf.csv"), path("f.csv")}, {2, "inf.csv: line 2: not a row of an oltb capture: time_us is not a finite"}},
-        {{"convert", path("long.csv"), path("f.csv")}, {2, "long.csv: line 2: not a row of an oltb capture: time_us 1"}},
-        {{"convert", path("label.csv"), path("f.csv")}, {2, "label.csv: line 2: not a row of an oltb capture: value 70000 does not fit the 16 bits of Label"}},
-        {{"convert", path("negative.csv"), path("f.csv")}, {2, "negative.csv: line 2: not a row of an oltb capture: value -1 does not fit"}},
-        {{"convert", path("dos.csv"), path("f.vcd")}, {2, "dos.csv: line 1: not a capture written by oltb: it begins with 'time,value\\xEF'"}},
+        {{"convert", path("inf.csv"), path("f.csv")},
+         {2, "inf.csv: line 2: not a row of an oltb capture: time_us is not a finite"}},
+        {{"convert", path("long.csv"), path("f.csv")},
+         {2, "long.csv: line 2: not a row of an oltb capture: time_us 1"}},
+        {{"convert", path("label.csv"), path("f.csv")},
+         {2, "label.csv: line 2: not a row of an oltb capture: value 70000 does not fit the 16 bits of Label"}},
+        {{"convert", path("negative.csv"), path("f.csv")},
+         {2, "negative.csv: line 2: not a row of an oltb capture: value -1 does not fit"}},
+        {{"convert", path("dos.csv"), path("f.vcd")},
+         {2, "dos.csv: line 1: not a capture written by oltb: it begins with 'time,value\\xEF'"}},
         {{"analyze", path("zero.csv")}, {4, "cannot read " + path("zero.csv") + ": not a regular file"}},
         {{"report", path("missing.csv"), "-o", path("f.html")}, {4, "oltb: cannot read " + path("missing.csv")}},
     };
     std::ofstream(path("foreign.csv")) << "time,value\n1,2\n";
-    const std::pair<std::string, std::string> edited[] = {
-        {"unsorted", "1,1.0,Gate,22,1,0\n2,0.5,Gate,22,0,0"}, {"inf", "1,inf,Gate,22,1,0"},
-        {"long", "1," + std::string(300, '1') + ",Gate,22,1,0"}, {"label", "1,0,Label,126,70000,0"},
-        {"negative", "1,0,Label,126,-1,0"}, {"dos", ""}};
+    const std::pair<std::string, std::string> edited[] = {{"unsorted", "1,1.0,Gate,22,1,0\n2,0.5,Gate,22,0,0"},
+                                                          {"inf", "1,inf,Gate,22,1,0"},
+                                                          {"long", "1," + std::string(300, '1') + ",Gate,22,1,0"},
+                                                          {"label", "1,0,Label,126,70000,0"},
+                                                          {"negative", "1,0,Label,126,-1,0"},
+                                                          {"dos", ""}};
     for (const auto& [name, rows] : edited) {
         std::ofstream(path(name + ".csv")) << (name == "dos" ? "time,value\xEF\r\n" : CsvHeader + "\n" + rows + "\n");
     }
@@ -378,14 +402,15 @@ TEST(ToolProcess, FilesThatCannotBeWrittenAreNotReportedAsWritten) {
     ASSERT_TRUE(simulator.ready());
     const auto limited = [](int kilobytes, const std::string& outputs) {
         ChildProcess tool("/bin/bash", {"-c", "ulimit -f " + std::to_string(kilobytes) + "; exec " + OLTB_TOOL_PATH +
-                                              " capture 127.0.11.12 --events 20000 -q " + outputs});
+                                                  " capture 127.0.11.12 --events 20000 -q " + outputs});
         const int exitCode = tool.waitForExit(30s);
         return ToolResult{exitCode, tool.standardOutput(), tool.standardError()};
     };
     const ToolResult csv = limited(300, "-o " + path("big.csv") + " -o " + path("small.h5"));
     EXPECT_EQ(csv.exitCode, 4);
     EXPECT_NE(csv.err.find("cannot write " + path("big.csv") + ": File too large; it keeps what was written"),
-              std::string::npos) << csv.err;
+              std::string::npos)
+        << csv.err;
     EXPECT_NE(csv.out.find("20000 events written to " + path("small.h5") + "\n"), std::string::npos) << csv.out;
     const std::string rows = readFile(path("big.csv"));
     ASSERT_FALSE(rows.empty());

@@ -78,7 +78,8 @@ TEST(SignalList, SelectsNamesAndGroupsInAnyCaseInTableOrderOnceAndRejectsTheRest
     EXPECT_STREQ(outputFormatOf("DEMO.CSV").extension, ".csv");
     EXPECT_STREQ(outputFormatOf("-").extension, ".csv");
     EXPECT_STREQ(outputFormatOf("a.b/trace.Vcd").extension, ".vcd");
-    for (const char* path : {"trace.txt", ".vcd", "trace.vcd.gz"}) EXPECT_THROW(outputFormatOf(path), UsageError) << path;
+    for (const char* path : {"trace.txt", ".vcd", "trace.vcd.gz"})
+        EXPECT_THROW(outputFormatOf(path), UsageError) << path;
 }
 
 TEST(CsvWriter, WritesHeaderThenOneExactRowPerEvent) {
@@ -130,7 +131,8 @@ TEST(VcdWriter, WritesEachChangeAtItsTimeInPicoseconds) {
 TEST(VcdWriter, ForSigrokKeepsOneBitSignalsAtMicrosecondsStartingFromTheValuesKnown) {
     std::ostringstream out;
     VcdWriter writer(out, parseSignalList("Head0TxX,Gate,PortLaserOut0"), true, VcdTimeZero::FirstEvent,
-                     VcdFormat{0, true}, {eventOf(900, -1.0, oltbEventGate, 1), eventOf(990, -0.1, oltbEventHead0TxX, 7)});
+                     VcdFormat{0, true},
+                     {eventOf(900, -1.0, oltbEventGate, 1), eventOf(990, -0.1, oltbEventHead0TxX, 7)});
     writer.write(eventOf(1000, 0.0, oltbEventHead0TxX, 5));
     writer.write(eventOf(1031, 0.484375, oltbEventPortLaserOut0, 1));  // 0.48 us: at 0
     writer.write(eventOf(1032, 0.5, oltbEventGate, 0));                // 0.5 us: at 1
@@ -138,10 +140,14 @@ TEST(VcdWriter, ForSigrokKeepsOneBitSignalsAtMicrosecondsStartingFromTheValuesKn
     writer.finish();
     const std::string text = out.str();
     EXPECT_NE(text.find("  times are rounded to the nearest 1 us; changes closer than that share a time, the last one "
-                        "holds.\n  time 0 is tick 1000"), std::string::npos) << text;
-    EXPECT_NE(text.find("  for sigrok, which reads 1-bit signals only, left out: Head0TxX.\n$end\n$timescale 1 us $end\n"
-                        "$scope module oltb $end\n$var wire 1 ! PortLaserOut0 $end\n$var wire 1 \" Gate $end\n$upscope"),
-              std::string::npos) << text;
+                        "holds.\n  time 0 is tick 1000"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(
+        text.find("  for sigrok, which reads 1-bit signals only, left out: Head0TxX.\n$end\n$timescale 1 us $end\n"
+                  "$scope module oltb $end\n$var wire 1 ! PortLaserOut0 $end\n$var wire 1 \" Gate $end\n$upscope"),
+        std::string::npos)
+        << text;
     EXPECT_EQ(text.substr(text.find("#0\n")), "#0\n$dumpvars\nx!\n1\"\n$end\n1!\n#1\n0\"\n1\"\n#2\n");
     EXPECT_EQ(writer.eventsSkipped(), 0U) << "the signals left out are named, not warned of";
     EXPECT_EQ(writer.endTime(), 2U);
@@ -172,11 +178,14 @@ TEST(H5Capture, ReadsBackTheSeriesInTheOrderWrittenWithItsDescription) {
     CaptureReader reader(path);
     std::vector<oltbTraceEvent> read(series.size() + 1);
     std::size_t count = 0;
-    while (const std::size_t batch = reader.read(read.data() + count, std::min<std::size_t>(1000, read.size() - count))) {
+    while (const std::size_t batch =
+               reader.read(read.data() + count, std::min<std::size_t>(1000, read.size() - count))) {
         count += batch;
     }
     ASSERT_EQ(count, series.size());
-    const auto fields = [](const oltbTraceEvent& e) { return std::tuple(e.Timestamp, e.Time, e.Type, e.Overflow, e.Value); };
+    const auto fields = [](const oltbTraceEvent& e) {
+        return std::tuple(e.Timestamp, e.Time, e.Type, e.Overflow, e.Value);
+    };
     for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(fields(read[i]), fields(series[i])) << "event " << i;
     EXPECT_EQ(namesOf(reader.info().signals), (std::vector<std::string>{"Gate", "Head0TxX", "Spi0Rx", "Label"}));
     EXPECT_EQ(std::tie(reader.info().host, reader.info().startTimeUtc), std::tie(info.host, info.startTimeUtc));

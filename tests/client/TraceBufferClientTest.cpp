@@ -60,7 +60,7 @@ Bytes spiWord(std::uint32_t timestamp, std::uint32_t value) { return makeWord(ol
 struct Connection {
     explicit Connection(const std::string& address) : server(address), client(address) {
         EXPECT_TRUE(server.waitForCommands(2, 1s));
-        EXPECT_EQ(server.commandCodes(), (std::vector<std::uint8_t>{kStopCode, kGetConfigCode}));
+        EXPECT_EQ(server.commandCodes(), (std::vector<std::uint8_t>{StopCode, GetConfigCode}));
         server.clearCommands();
     }
     FakeServer server;
@@ -88,8 +88,9 @@ TEST(TraceCommands, FramesOnTheWire) {
 TEST(TraceBufferClient, RetriesTwiceThenGivesUpWhenNothingListens) {
     StreamCapture output(std::cout);
     const auto started = Clock::now();
-    EXPECT_EQ(failureOf([] { TraceBufferClient client("127.0.0.14"); }),
-              "Could not connect to the tracebuffer server on address 127.0.0.14. unable to create connectable socket!");
+    EXPECT_EQ(
+        failureOf([] { TraceBufferClient client("127.0.0.14"); }),
+        "Could not connect to the tracebuffer server on address 127.0.0.14. unable to create connectable socket!");
     EXPECT_EQ(output.text(), "Connection failed, retry\nConnection failed, retry\n");
     EXPECT_GE(Clock::now() - started, 400ms) << "two pauses of 200 ms between the three refused attempts";
     EXPECT_LT(Clock::now() - started, 2s);
@@ -100,19 +101,21 @@ TEST(TraceBufferClient, RetriesTwiceThenGivesUpWhenNothingListens) {
 TEST(TraceBufferClient, DropsTraceDataWhileNotStartedExceptAroundAResponse) {
     FakeServer server("127.0.0.16");
     TraceBufferClient client("127.0.0.16");
-    server.setReaction(kStopCode, Reaction{{concat({slice(spiWord(100, 1), 4, 8), spiWord(200, 2), responseFrame({}),
-                                                    spiWord(300, 3)})}});
+    server.setReaction(
+        StopCode,
+        Reaction{{concat({slice(spiWord(100, 1), 4, 8), spiWord(200, 2), responseFrame({}), spiWord(300, 3)})}});
     server.send(slice(spiWord(100, 1), 0, 4));
     std::this_thread::sleep_for(200ms);  // nothing shows that a block was dropped: let the reader receive it
     client.Stop();
-    EXPECT_EQ(readValues(client, 2), (std::vector<std::int32_t>{2, 3})) << "had the first word been kept, it would come first";
+    EXPECT_EQ(readValues(client, 2), (std::vector<std::int32_t>{2, 3}))
+        << "had the first word been kept, it would come first";
 }
 
 TEST(TraceBufferClient, CompletesAResponseSplitInsideItsHeader) {
     FakeServer server("127.0.0.23");
     TraceBufferClient client("127.0.0.23");
     const Bytes frame = responseFrame(configPayload(9, 0x1, 0, 0, 0));
-    server.setReaction(kGetConfigCode, Reaction{{slice(frame, 0, 2), slice(frame, 2, frame.size())}, 50ms});
+    server.setReaction(GetConfigCode, Reaction{{slice(frame, 0, 2), slice(frame, 2, frame.size())}, 50ms});
     const oltbTraceBufferConfig_Struct received = client.GetConfig();
     EXPECT_EQ(received.Version, 9U);
     EXPECT_TRUE(received.PortA);
@@ -136,18 +139,20 @@ TEST(TraceCommands, ClearRestartsOnlyARunningTrace) {
     Connection c("127.0.0.19");
     // Trace bytes behind a response are queued even while not started; a Clear of a client that is not started
     // sends nothing and leaves them to be read.
-    c.server.setReactionOnce(kStopCode, Reaction{{concat({responseFrame({}), spiWord(100, 1)})}});
+    c.server.setReactionOnce(StopCode, Reaction{{concat({responseFrame({}), spiWord(100, 1)})}});
     c.client.Stop();
     c.client.Clear();
     EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{1}));
     // Started: Stop, then Start, and what was received but not read is gone, also a word the Stop's answer cut.
     c.client.Start();
-    c.server.setReactionOnce(kStopCode, Reaction{{concat({responseFrame({}), spiWord(200, 2), slice(spiWord(250, 5), 0, 4)}),
-                                                  concat({slice(spiWord(250, 5), 4, 8), spiWord(260, 6)})}, 100ms});
+    c.server.setReactionOnce(StopCode,
+                             Reaction{{concat({responseFrame({}), spiWord(200, 2), slice(spiWord(250, 5), 0, 4)}),
+                                       concat({slice(spiWord(250, 5), 4, 8), spiWord(260, 6)})},
+                                      100ms});
     c.client.Clear();
     c.server.send(spiWord(300, 3));
     EXPECT_EQ(readValues(c.client, 1), (std::vector<std::int32_t>{3}));
-    EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{kStopCode, kStartCode, kStopCode, kStartCode}));
+    EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{StopCode, StartCode, StopCode, StartCode}));
 }
 
 // A Stop that times out leaves the client started, a Start that times out leaves it not started. The late answer
@@ -158,17 +163,17 @@ TEST(TraceCommands, CommandWithoutResponseTimesOutAndKeepsTheStartedState) {
     std::thread stopCase([&] {
         Connection c("127.0.0.17");
         c.client.Start();
-        c.server.setReactionOnce(kStopCode, late);
+        c.server.setReactionOnce(StopCode, late);
         EXPECT_EQ(failureOf([&] { c.client.Stop(); }), Timeout);
         c.client.Clear();  // started: Stop and Start go out
-        EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{kStartCode, kStopCode, kStopCode, kStartCode}));
+        EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{StartCode, StopCode, StopCode, StartCode}));
     });
     Connection c("127.0.0.18");
-    c.server.setReactionOnce(kStartCode, late);
+    c.server.setReactionOnce(StartCode, late);
     EXPECT_EQ(failureOf([&] { c.client.Start(); }), Timeout);
     c.client.Clear();  // not started: nothing goes out
     c.client.Start();  // not started: goes out again
-    EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{kStartCode, kStartCode}));
+    EXPECT_EQ(c.server.commandCodes(), (std::vector<std::uint8_t>{StartCode, StartCode}));
     stopCase.join();
 }
 

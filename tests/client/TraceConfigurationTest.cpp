@@ -39,20 +39,23 @@ TEST(ConfigPayload, EachFlagTravelsInItsOwnBit) {
             flag(all, group.firstFlag + k) = 1;
             Bytes expected(17, 0);
             expected[0] = 6;
-            for (unsigned i = 0; i < 4; ++i) expected[group.offset + i] = static_cast<std::uint8_t>((1U << group.bits[k]) >> (8 * i));
+            for (unsigned i = 0; i < 4; ++i)
+                expected[group.offset + i] = static_cast<std::uint8_t>((1U << group.bits[k]) >> (8 * i));
             const auto encoded = encodeConfigPayload(config);
             EXPECT_EQ(Bytes(reinterpret_cast<const std::uint8_t*>(encoded.data()),
                             reinterpret_cast<const std::uint8_t*>(encoded.data()) + encoded.size()),
-                      expected) << "flag " << group.firstFlag + k;
+                      expected)
+                << "flag " << group.firstFlag + k;
             const oltbTraceBufferConfig_Struct decoded = decodeConfigPayload({encoded.begin(), encoded.end()});
             EXPECT_EQ(decoded.Version, 6U);
             EXPECT_EQ(std::memcmp(&decoded.PortA, &config.PortA, 63), 0) << "flag " << group.firstFlag + k;
         }
     }
     const auto encoded = encodeConfigPayload(all);  // Version 0 in the record
-    EXPECT_EQ(Bytes(reinterpret_cast<const std::uint8_t*>(encoded.data()),
-                    reinterpret_cast<const std::uint8_t*>(encoded.data()) + encoded.size()),
-              (Bytes{0x06, 0xFF, 0xFF, 0xFF, 0x07, 0x15, 0x15, 0x15, 0x15, 0xFF, 0x03, 0x00, 0x4B, 0xFF, 0x03, 0x00, 0x00}));
+    EXPECT_EQ(
+        Bytes(reinterpret_cast<const std::uint8_t*>(encoded.data()),
+              reinterpret_cast<const std::uint8_t*>(encoded.data()) + encoded.size()),
+        (Bytes{0x06, 0xFF, 0xFF, 0xFF, 0x07, 0x15, 0x15, 0x15, 0x15, 0xFF, 0x03, 0x00, 0x4B, 0xFF, 0x03, 0x00, 0x00}));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Acquisition: the label window with its end margin, the label rules (end before start, equal numbers, a repeated
 // start label, the end label closing a full batch) and the polling of a call without timeout.
-#include "EventsTestSupport.h"
+#include "tests/events/EventsTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -9,24 +9,28 @@
 namespace OLVEN::TALIX3::TraceBuffer {
 namespace {
 
-using namespace Testing;
+using namespace oltb::testing;
 
 // Label words are 16-bit words: their stamp is adjusted by 16 ticks.
-std::uint64_t labelAt(std::uint32_t tick, std::uint32_t number) { return traceWord(oltbEventLabel, tick - 16, number << 16); }
+std::uint64_t labelAt(std::uint32_t tick, std::uint32_t number) {
+    return traceWord(oltbEventLabel, tick - 16, number << 16);
+}
 std::uint64_t valueAt(std::uint32_t tick, std::uint32_t value) { return traceWord(oltbEventSpi0Rx, tick, value); }
 
 TEST(Acquisition, EventsBetweenTheLabelsWithTheEndMarginTimedFromTheStartLabel) {
     TraceDecoder decoder;
     FakeBlockSource source;
     // Before the start label, three events, a foreign label, the end label, then +0.5 us, +1.5 us and later.
-    source.blocks.push_back(bytesOf({valueAt(100, 1), labelAt(1000, 1), valueAt(1064, 10), valueAt(1128, 11),
-                                     labelAt(1150, 9), valueAt(1192, 12), labelAt(2000, 2), valueAt(2032, 13),
-                                     valueAt(2096, 14), valueAt(2100, 15)}));
+    source.blocks.push_back(
+        bytesOf({valueAt(100, 1), labelAt(1000, 1), valueAt(1064, 10), valueAt(1128, 11), labelAt(1150, 9),
+                 valueAt(1192, 12), labelAt(2000, 2), valueAt(2032, 13), valueAt(2096, 14), valueAt(2100, 15)}));
     std::vector<std::tuple<int, int, double>> got;
     for (const oltbTraceEvent& e : decoder.Acquire(source, 1, 2, 1000)) got.emplace_back(e.Type, e.Value, e.Time);
-    const std::vector<std::tuple<int, int, double>> expected = {
-        {oltbEventSpi0Rx, 10, 1.0}, {oltbEventSpi0Rx, 11, 2.0}, {oltbEventLabel, 9, 150 / 64.0},
-        {oltbEventSpi0Rx, 12, 3.0}, {oltbEventSpi0Rx, 13, 1032 / 64.0}};
+    const std::vector<std::tuple<int, int, double>> expected = {{oltbEventSpi0Rx, 10, 1.0},
+                                                                {oltbEventSpi0Rx, 11, 2.0},
+                                                                {oltbEventLabel, 9, 150 / 64.0},
+                                                                {oltbEventSpi0Rx, 12, 3.0},
+                                                                {oltbEventSpi0Rx, 13, 1032 / 64.0}};
     EXPECT_EQ(got, expected);
 
     source.blocks.push_back(bytesOf({labelAt(3000, 2), labelAt(3100, 1), valueAt(3200, 1), labelAt(3300, 2)}));
@@ -93,7 +97,8 @@ TEST(Acquisition, WithoutTimeoutPollsUntilDataOrALostConnection) {
     TraceDecoder decoder;
     FakeBlockSource source;
     source.beforeWait = [](FakeBlockSource& s) { s.connected = s.waitsUs.size() < 3; };
-    EXPECT_EQ(failureOf([&] { decoder.Acquire(source, 1, 2, 0); }), "No connection to trace buffer server established.");
+    EXPECT_EQ(failureOf([&] { decoder.Acquire(source, 1, 2, 0); }),
+              "No connection to trace buffer server established.");
     EXPECT_EQ(source.waitsUs.size(), 3U);
 }
 

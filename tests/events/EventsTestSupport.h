@@ -14,7 +14,9 @@
 #include <thread>
 #include <vector>
 
-namespace OLVEN::TALIX3::TraceBuffer::Testing {
+namespace oltb::testing {
+
+using namespace OLVEN::TALIX3::TraceBuffer;
 
 constexpr std::uint64_t Period = std::uint64_t{1} << 24;
 
@@ -82,4 +84,4 @@ public:
     void recycle(std::vector<std::byte>&& /*usedBlock*/) override { ++recycledBlocks; }
 };
 
-}  // namespace OLVEN::TALIX3::TraceBuffer::Testing
+}  // namespace oltb::testing

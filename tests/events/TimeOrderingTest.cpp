@@ -1,5 +1,5 @@
 // Time ordering: the re-sorted stretch of both forms, and the pending samples merged against the array.
-#include "EventsTestSupport.h"
+#include "tests/events/EventsTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -37,9 +37,9 @@ TEST(TimeOrdering, ArrayFormSortsFromTheLastOldEventNotLaterThanTheFirstNewOne) 
     };
     const Case cases[] = {
         {{10, 20, 30, 25, 26}, 0, 5, 2, {10, 20, 25, 26, 30}},
-        {{9, 1}, 0, 1, 1, {9, 1}},                       // fewer than two events
+        {{9, 1}, 0, 1, 1, {9, 1}},                              // fewer than two events
         {{50, 10, 20, 30, 25}, 1, 5, 1, {50, 10, 20, 25, 30}},  // slots before start are never moved
-        {{30, 10, 40, 35}, 0, 4, 1, {30, 10, 35, 40}},   // nor slots before the lower bound
+        {{30, 10, 40, 35}, 0, 4, 1, {30, 10, 35, 40}},          // nor slots before the lower bound
         {{3, 1, 2}, 0, 3, 3, {1, 2, 3}},
     };
     for (const Case& c : cases) {

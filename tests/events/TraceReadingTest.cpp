@@ -1,7 +1,7 @@
 // Reading: a long stream cut at random places and read in random portions, late correction, words that break the
 // fast path, an unsupported word in the middle of a stream, the wait rules, the failures of a call, and what clear
 // keeps.
-#include "EventsTestSupport.h"
+#include "tests/events/EventsTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 namespace OLVEN::TALIX3::TraceBuffer {
 namespace {
 
-using namespace Testing;
+using namespace oltb::testing;
 
 // 200,000 words of several widths with a time-base word at every period boundary, cut at random places (half of the
 // cuts inside a word or close behind it) and read in random portions, down to one event: every event arrives once,
@@ -45,18 +45,21 @@ TEST(TraceReading, EveryEventArrivesOnceInOrderHoweverTheStreamIsCutAndRead) {
     }
     const std::vector<std::byte> bytes = bytesOf(words);
     std::vector<std::size_t> cuts;
-    for (std::size_t position = 0; position < bytes.size(); position += cuts.back()) cuts.push_back(1 + random() % (random() % 2 == 0 ? 12 : 20000));
+    for (std::size_t position = 0; position < bytes.size(); position += cuts.back())
+        cuts.push_back(1 + random() % (random() % 2 == 0 ? 12 : 20000));
     TraceDecoder decoder;
     FakeBlockSource source;
     source.blocks = cutInto(bytes, cuts);
     std::vector<oltbTraceEvent> buffer(5000);
     std::size_t received = 0;
     for (int call = 0; call < 2000000 && received < expected.size(); ++call) {
-        const unsigned count = decoder.TryRead(source, buffer.data(), 0, 1 + random() % (random() % 2 == 0 ? 3 : 5000), 0);
+        const unsigned count =
+            decoder.TryRead(source, buffer.data(), 0, 1 + random() % (random() % 2 == 0 ? 3 : 5000), 0);
         for (unsigned i = 0; i < count; ++i, ++received) {
             ASSERT_LT(received, expected.size());
             ASSERT_EQ(std::make_tuple(buffer[i].Timestamp, static_cast<int>(buffer[i].Type), buffer[i].Value),
-                      expected[received]) << "event " << received;
+                      expected[received])
+                << "event " << received;
         }
     }
     EXPECT_EQ(received, expected.size());
@@ -86,8 +89,8 @@ TEST(TraceReading, WordsThatBreakARunOfPositionsAreOrderedAndCorrected) {
                                      traceWord(oltbEventSpi0Rx, 60, 6), traceWord(oltbEventSpi0Rx, 10, 7)}));
     oltbTraceEvent events[8]{};
     ASSERT_EQ(decoder.TryRead(source, events, 0, 8, 0), 7U);
-    const std::pair<std::uint64_t, std::int32_t> expected[] = {
-        {90, 3}, {100, 1}, {110, 2}, {200, 4}, {50, 5}, {60, 6}, {Period + 10, 7}};
+    const std::pair<std::uint64_t, std::int32_t> expected[] = {{90, 3}, {100, 1}, {110, 2},        {200, 4},
+                                                               {50, 5}, {60, 6},  {Period + 10, 7}};
     for (std::size_t i = 0; i < 7; ++i) {
         EXPECT_EQ(events[i].Timestamp, expected[i].first) << i;
         EXPECT_EQ(events[i].Value, expected[i].second) << i;
@@ -99,10 +102,10 @@ TEST(TraceReading, UnsupportedWordIsConsumedAndReadingContinuesAfterIt) {
     TraceDecoder decoder;
     FakeBlockSource source;
     const auto bad = static_cast<oltbTraceEventType>(27);
-    source.blocks = cutInto(bytesOf({traceWord(oltbEventSpi0Rx, 1, 1), traceWord(bad, 2, 0),
-                                     traceWord(oltbEventSpi0Rx, 3, 3), traceWord(bad, 4, 0),
-                                     traceWord(oltbEventSpi0Rx, 5, 5)}),
-                            {20, 8});  // the third and the fourth word straddle a cut
+    source.blocks =
+        cutInto(bytesOf({traceWord(oltbEventSpi0Rx, 1, 1), traceWord(bad, 2, 0), traceWord(oltbEventSpi0Rx, 3, 3),
+                         traceWord(bad, 4, 0), traceWord(oltbEventSpi0Rx, 5, 5)}),
+                {20, 8});  // the third and the fourth word straddle a cut
     oltbTraceEvent event{};
     for (int expectedValue : {1, 0, 3, 0, 5}) {
         if (expectedValue == 0) {
@@ -121,15 +124,18 @@ TEST(TraceReading, WaitRulesOfTheReadTimeout) {
     FakeBlockSource source;
     oltbTraceEvent events[8]{};
     EXPECT_EQ(decoder.Read(source, events, 0, 8, 0), 0U) << "timeout 0: nothing is no failure";
-    EXPECT_EQ(failureOf([&] { decoder.Read(source, events, 0, 8, 30); }), "Nothing received from trace buffer "
-                                                                          "server within the specified timeout");
-    EXPECT_EQ(failureOf([&] { decoder.Read(source, events, 0, 0, 30); }), "Nothing received from trace buffer "
-                                                                          "server within the specified timeout");
+    EXPECT_EQ(failureOf([&] { decoder.Read(source, events, 0, 8, 30); }),
+              "Nothing received from trace buffer "
+              "server within the specified timeout");
+    EXPECT_EQ(failureOf([&] { decoder.Read(source, events, 0, 0, 30); }),
+              "Nothing received from trace buffer "
+              "server within the specified timeout");
     EXPECT_EQ(source.waitsUs[0], 0);
     EXPECT_EQ(source.waitsUs[1], 30000);
 
     source.waitsUs.clear();
-    source.blocks = cutInto(bytesOf({timeBaseWord(0), traceWord(oltbEventSpi2Rx, 50, 5), traceWord(oltbEventSpi2Rx, 60, 6)}), {8, 8});
+    source.blocks = cutInto(
+        bytesOf({timeBaseWord(0), traceWord(oltbEventSpi2Rx, 50, 5), traceWord(oltbEventSpi2Rx, 60, 6)}), {8, 8});
     EXPECT_EQ(decoder.TryRead(source, events, 0, 8, 2000), 2U);
     ASSERT_EQ(source.waitsUs.size(), 4U);
     EXPECT_EQ(source.waitsUs[0], 2000000);
@@ -150,7 +156,8 @@ TEST(TraceReading, NullBufferAndLostConnectionFailWithoutTakingABlock) {
     oltbTraceEvent event{};
     EXPECT_EQ(failureOf([&] { decoder.TryRead(source, nullptr, 0, 1, 0); }), "buffer may not be null");
     source.connected = false;
-    EXPECT_EQ(failureOf([&] { decoder.TryRead(source, &event, 0, 1, 0); }), "No connection to trace buffer server established.");
+    EXPECT_EQ(failureOf([&] { decoder.TryRead(source, &event, 0, 1, 0); }),
+              "No connection to trace buffer server established.");
     EXPECT_EQ(source.blocks.size(), 1U);
 }
 

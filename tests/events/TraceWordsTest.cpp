@@ -1,6 +1,6 @@
 // Trace words: widths per type, the field split, time bases and origin, the late flag, the stamp adjustment and the
 // splitting into samples.
-#include "EventsTestSupport.h"
+#include "tests/events/EventsTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 namespace OLVEN::TALIX3::TraceBuffer {
 namespace {
 
-using namespace Testing;
+using namespace oltb::testing;
 
 TEST(TraceWords, WidthsOfTheTypesAndTheExactTextForUnsupportedOnes) {
     int supported = 0;
@@ -22,9 +22,10 @@ TEST(TraceWords, WidthsOfTheTypesAndTheExactTextForUnsupportedOnes) {
     }
     EXPECT_EQ(supported, 63);
     const std::pair<oltbTraceEventType, unsigned> widths[] = {
-        {oltbEventPortA, 16}, {oltbEventPortDHigh, 8}, {oltbEventPortLaserIn, 2}, {oltbEventPortLaserIn0, 1},
-        {oltbEventPortLaserOut, 4}, {oltbEventHead0TxX, 32}, {oltbEventLaserPower1_4, 4},
-        {oltbEventQuadrature1B, 1}, {oltbEventControlEventChange, 32}, {oltbEventLabel, 16}};
+        {oltbEventPortA, 16},        {oltbEventPortDHigh, 8},    {oltbEventPortLaserIn, 2},
+        {oltbEventPortLaserIn0, 1},  {oltbEventPortLaserOut, 4}, {oltbEventHead0TxX, 32},
+        {oltbEventLaserPower1_4, 4}, {oltbEventQuadrature1B, 1}, {oltbEventControlEventChange, 32},
+        {oltbEventLabel, 16}};
     for (const auto& [type, bits] : widths) EXPECT_EQ(TraceDecoder::getNumberOfBits(type), bits) << type;
 
     oltbTraceEvent event{};
@@ -83,11 +84,13 @@ TEST(TraceWords, UnsupportedTypeFailsBeforeAnyStateChanges) {
                                decoder.firstTimestamp(), decoder.pendingCount());
     };
     const auto before = state();
-    EXPECT_EQ(failureOf([&] { decoder.processEvent(traceWord(static_cast<oltbTraceEventType>(27), 9, 0), events[2], late); }),
-              "TraceEventType 27 not supported!");
+    EXPECT_EQ(
+        failureOf([&] { decoder.processEvent(traceWord(static_cast<oltbTraceEventType>(27), 9, 0), events[2], late); }),
+        "TraceEventType 27 not supported!");
     events[2].Type = static_cast<oltbTraceEventType>(122);
     next = 0;
-    EXPECT_EQ(failureOf([&] { decoder.unpackEvents(events[2], events, next, end); }), "TraceEventType 122 not supported!");
+    EXPECT_EQ(failureOf([&] { decoder.unpackEvents(events[2], events, next, end); }),
+              "TraceEventType 122 not supported!");
     EXPECT_EQ(state(), before);
     EXPECT_EQ(next, 0U);
 }

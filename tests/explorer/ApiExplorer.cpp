@@ -42,34 +42,34 @@ Clock::time_point after(Clock::time_point from, double seconds) {
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr double kSlack = 3;  // sanitized builds run several times slower
-constexpr bool kAllocatorIsMeaningful = false;
+constexpr double Slack = 3;  // sanitized builds run several times slower
+constexpr bool AllocatorIsMeaningful = false;
 #else
-constexpr double kSlack = 1;
-constexpr bool kAllocatorIsMeaningful = true;
+constexpr double Slack = 1;
+constexpr bool AllocatorIsMeaningful = true;
 #endif
 
-const std::string kNotEstablished = "Connection to trace buffer server not established!";
-const std::string kNoConnection = "No connection to trace buffer server established.";
-const std::set<std::string> kHandleTexts = {"Illegal handle.", "Illegal handle!",
-                                            "There is no connection corresponding to this handle.",
-                                            "Out parameter is a null pointer!"};
-const std::set<std::string> kCommandTexts = {kNotEstablished,
-                                             "Could not receive a response from the trace buffer server within 3000ms"};
-const std::set<std::string> kReadTexts = {kNoConnection, "buffer may not be null",
-                                          "Nothing received from trace buffer server within the specified timeout",
-                                          "Expected start label but got end label!", "No acquired elements available!"};
+const std::string NotEstablished = "Connection to trace buffer server not established!";
+const std::string NoConnection = "No connection to trace buffer server established.";
+const std::set<std::string> HandleTexts = {"Illegal handle.", "Illegal handle!",
+                                           "There is no connection corresponding to this handle.",
+                                           "Out parameter is a null pointer!"};
+const std::set<std::string> CommandTexts = {NotEstablished,
+                                            "Could not receive a response from the trace buffer server within 3000ms"};
+const std::set<std::string> ReadTexts = {NoConnection, "buffer may not be null",
+                                         "Nothing received from trace buffer server within the specified timeout",
+                                         "Expected start label but got end label!", "No acquired elements available!"};
 
 int pick(Random& random, int below) { return static_cast<int>(random() % static_cast<unsigned>(below)); }
 bool chance(Random& random, int percent) { return pick(random, 100) < percent; }
 
 // ---- the stream: word k decodes to Timestamp k; labels 1 and 2 once per period; values full of 0x4D bytes -------
 
-constexpr std::uint32_t kLabelPeriod = 1500;
-constexpr std::uint32_t kLabelShift = 16;  // a word of 16-bit samples is stamped 16 ticks before its time
+constexpr std::uint32_t LabelPeriod = 1500;
+constexpr std::uint32_t LabelShift = 16;  // a word of 16-bit samples is stamped 16 ticks before its time
 int labelAt(std::uint32_t k) {
-    const std::uint32_t phase = k % kLabelPeriod;
-    return phase == kLabelShift + 4 ? 1 : phase == kLabelPeriod / 2 ? 2 : 0;
+    const std::uint32_t phase = k % LabelPeriod;
+    return phase == LabelShift + 4 ? 1 : phase == LabelPeriod / 2 ? 2 : 0;
 }
 std::uint32_t valueAt(std::uint32_t k) {
     const std::uint32_t values[] = {0x4D4D4D4DU, 0x4D4D0000U | (k & 0xFFFFU), k, ~k};
@@ -78,8 +78,9 @@ std::uint32_t valueAt(std::uint32_t k) {
 Bytes wordsFrom(std::uint32_t first, std::uint32_t count) {
     Bytes bytes;
     for (std::uint32_t k = first; k < first + count; ++k) {
-        const Bytes word = labelAt(k) != 0 ? makeWord(oltbEventLabel, k - kLabelShift, static_cast<std::uint32_t>(labelAt(k)) << 16)
-                                           : makeWord(oltbEventSpi0Rx, k, valueAt(k));
+        const Bytes word = labelAt(k) != 0
+                               ? makeWord(oltbEventLabel, k - LabelShift, static_cast<std::uint32_t>(labelAt(k)) << 16)
+                               : makeWord(oltbEventSpi0Rx, k, valueAt(k));
         bytes.insert(bytes.end(), word.begin(), word.end());
     }
     return bytes;
@@ -87,8 +88,25 @@ Bytes wordsFrom(std::uint32_t first, std::uint32_t count) {
 
 // ---- the schedule --------------------------------------------------------------------------------------------------
 
-enum Kind { Connect, Disconnect, IsConnected, GetTimeout, SetTimeout, Start, Stop, Clear, GetConfig, SetConfig, TryRead,
-            Read, Acquire, GetAcquired, LastError, NoHandle, KindCount };
+enum Kind {
+    Connect,
+    Disconnect,
+    IsConnected,
+    GetTimeout,
+    SetTimeout,
+    Start,
+    Stop,
+    Clear,
+    GetConfig,
+    SetConfig,
+    TryRead,
+    Read,
+    Acquire,
+    GetAcquired,
+    LastError,
+    NoHandle,
+    KindCount
+};
 enum Bound { Quick, Prompt, Command, Reading };  // 1 s; 2 s; commands of all threads in turn; reads in turn
 struct KindInfo {
     const char* name;
@@ -96,23 +114,23 @@ struct KindInfo {
     Bound bound;
     const std::set<std::string>* texts;  // besides the handle texts
 };
-const std::set<std::string> kNone;
-const KindInfo kKinds[] = {{"Connect", 2, Command, &kNone}, {"Disconnect", 3, Prompt, &kNone},
-                           {"IsConnected", 3, Quick, &kNone}, {"GetReadTimeout", 2, Quick, &kNone},
-                           {"SetReadTimeout", 4, Quick, &kNone}, {"Start", 8, Command, &kCommandTexts},
-                           {"Stop", 6, Command, &kCommandTexts}, {"Clear", 5, Command, &kCommandTexts},
-                           {"GetConfig", 8, Command, &kCommandTexts}, {"SetConfig", 5, Command, &kCommandTexts},
-                           {"TryRead", 12, Reading, &kReadTexts}, {"Read", 12, Reading, &kReadTexts},
-                           {"Acquire", 4, Reading, &kReadTexts}, {"GetAcquiredElements", 4, Quick, &kReadTexts},
-                           {"GetLastError", 3, Quick, &kNone}, {"InitConfig/ToSignedPosition", 2, Quick, &kNone}};
+const std::set<std::string> None;
+const KindInfo Kinds[] = {{"Connect", 2, Command, &None},           {"Disconnect", 3, Prompt, &None},
+                          {"IsConnected", 3, Quick, &None},         {"GetReadTimeout", 2, Quick, &None},
+                          {"SetReadTimeout", 4, Quick, &None},      {"Start", 8, Command, &CommandTexts},
+                          {"Stop", 6, Command, &CommandTexts},      {"Clear", 5, Command, &CommandTexts},
+                          {"GetConfig", 8, Command, &CommandTexts}, {"SetConfig", 5, Command, &CommandTexts},
+                          {"TryRead", 12, Reading, &ReadTexts},     {"Read", 12, Reading, &ReadTexts},
+                          {"Acquire", 4, Reading, &ReadTexts},      {"GetAcquiredElements", 4, Quick, &ReadTexts},
+                          {"GetLastError", 3, Quick, &None},        {"InitConfig/ToSignedPosition", 2, Quick, &None}};
 
 struct Call {
     Kind kind;
-    int slot;    // which server's handle
-    int handle;  // 0: the slot's current handle, 1: one it had before, 2: never valid (-1 or unknown)
-    int number;  // a timeout, a count, a label or a size
-    bool null;   // a null pointer where the call takes one
-    int pauseMs; // before the call
+    int slot;     // which server's handle
+    int handle;   // 0: the slot's current handle, 1: one it had before, 2: never valid (-1 or unknown)
+    int number;   // a timeout, a count, a label or a size
+    bool null;    // a null pointer where the call takes one
+    int pauseMs;  // before the call
 };
 
 struct Schedule {
@@ -129,17 +147,19 @@ Schedule makeSchedule(std::uint64_t seed, int maxDelayMs) {
     schedule.maxDelayMs = maxDelayMs;
     schedule.threads.resize(static_cast<std::size_t>(2 + pick(random, 3)));
     int totalWeight = 0;
-    for (const KindInfo& kind : kKinds) totalWeight += kind.weight;
+    for (const KindInfo& kind : Kinds) totalWeight += kind.weight;
     for (auto& calls : schedule.threads) {
         for (int n = 4 + pick(random, 10); n > 0; --n) {
             int draw = pick(random, totalWeight);
             int kind = 0;
-            while (draw >= kKinds[kind].weight) draw -= kKinds[kind++].weight;
+            while (draw >= Kinds[kind].weight) draw -= Kinds[kind++].weight;
             const int timeouts[] = {-1, 0, 0, 20, 100, 300, 800};
             const int number = kind == SetTimeout ? timeouts[pick(random, 7)] : pick(random, 5000);
             calls.push_back({static_cast<Kind>(kind), pick(random, schedule.slots),
-                             chance(random, 88) ? 0 : chance(random, 50) ? 1 : 2, number, chance(random, 4),
-                             chance(random, 30) ? 0 : pick(random, 40)});
+                             chance(random, 88)   ? 0
+                             : chance(random, 50) ? 1
+                                                  : 2,
+                             number, chance(random, 4), chance(random, 30) ? 0 : pick(random, 40)});
         }
     }
     return schedule;
@@ -183,9 +203,9 @@ private:
         Bytes payload;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
-            _started = frame[1] == kStartCode || (_started && frame[1] != kStopCode);
-            if (frame[1] == kSetConfigCode) _config = slice(frame, 2, frame.size());
-            if (frame[1] == kGetConfigCode) {
+            _started = frame[1] == StartCode || (_started && frame[1] != StopCode);
+            if (frame[1] == SetConfigCode) _config = slice(frame, 2, frame.size());
+            if (frame[1] == GetConfigCode) {
                 payload = _config;
                 payload[0] = _nextVersion;
                 _getConfigs.emplace_back(_nextVersion, Clock::now());
@@ -209,7 +229,8 @@ private:
             }
             if (roll >= 850) {  // late: around the command's 3 s, or far beyond
                 ++figures.lateAnswers;
-                reaction.delay = std::chrono::milliseconds(roll < 950 ? 2800 + pick(_random, 700) : pick(_random, _maxDelayMs));
+                reaction.delay =
+                    std::chrono::milliseconds(roll < 950 ? 2800 + pick(_random, 700) : pick(_random, _maxDelayMs));
             }
             reaction.closeAfter = roll >= 995;
             figures.closes += reaction.closeAfter ? 1 : 0;
@@ -257,7 +278,8 @@ public:
     Run(const Schedule& schedule, int worker) : _schedule(schedule), _start(Clock::now()) {
         for (int slot = 0; slot < schedule.slots; ++slot) {
             _addresses.push_back("127.0.10." + std::to_string(firstAddress + 4 * worker + slot));
-            _servers.push_back(std::make_unique<Server>(_addresses.back(), schedule.seed * 31 + slot, schedule.maxDelayMs));
+            _servers.push_back(
+                std::make_unique<Server>(_addresses.back(), schedule.seed * 31 + slot, schedule.maxDelayMs));
             _seen.emplace_back();
             _handles.emplace_back();
             connect(slot);
@@ -279,16 +301,17 @@ public:
         double boundSeconds = 20 + _schedule.maxDelayMs / 1000.0;
         for (const auto& calls : _schedule.threads) {
             for (const Call& call : calls) {
-                const bool command = call.kind == Start || call.kind == Stop || call.kind == GetConfig || call.kind == SetConfig;
+                const bool command =
+                    call.kind == Start || call.kind == Stop || call.kind == GetConfig || call.kind == SetConfig;
                 boundSeconds += call.kind == Clear || call.kind == Connect ? 6 : command ? 3 : 0.5;
             }
         }
-        waitForThreads(after(_start, kSlack * boundSeconds), false);
+        waitForThreads(after(_start, Slack * boundSeconds), false);
         // The Disconnects end the reads waiting without limit.
         _ending = true;  // no new connections from here on
         const auto disconnected = Clock::now();
         disconnectAll();
-        waitForThreads(after(disconnected, 2 * kSlack), true);
+        waitForThreads(after(disconnected, 2 * Slack), true);
         for (std::thread& thread : threads) thread.join();
         disconnectAll();  // a Connect that was under way
         return _violation;
@@ -296,9 +319,11 @@ public:
 
     void report(const std::string& what) {
         const std::lock_guard<std::mutex> lock(_logMutex);
-        std::fprintf(stderr, "api_explorer: seed %llu: %s\n", static_cast<unsigned long long>(_schedule.seed), what.c_str());
+        std::fprintf(stderr, "api_explorer: seed %llu: %s\n", static_cast<unsigned long long>(_schedule.seed),
+                     what.c_str());
         for (const std::string& line : _log) std::fprintf(stderr, "  %s\n", line.c_str());
-        std::fprintf(stderr, "replay: api_explorer --seed %llu --repeat 20\n", static_cast<unsigned long long>(_schedule.seed));
+        std::fprintf(stderr, "replay: api_explorer --seed %llu --repeat 20\n",
+                     static_cast<unsigned long long>(_schedule.seed));
     }
 
 private:
@@ -364,16 +389,18 @@ private:
         for (std::uint32_t i = 0; i < count; ++i) {
             const oltbTraceEvent& e = events[i];
             const auto k = static_cast<std::uint32_t>(e.Timestamp);
-            const bool valid = e.Timestamp < streamed && !e.Overflow &&
-                               (labelAt(k) != 0 ? labels && e.Type == oltbEventLabel && e.Value == labelAt(k)
-                                                : e.Type == oltbEventSpi0Rx && static_cast<std::uint32_t>(e.Value) == valueAt(k));
+            const bool valid =
+                e.Timestamp < streamed && !e.Overflow &&
+                (labelAt(k) != 0 ? labels && e.Type == oltbEventLabel && e.Value == labelAt(k)
+                                 : e.Type == oltbEventSpi0Rx && static_cast<std::uint32_t>(e.Value) == valueAt(k));
             if (!valid && _violation.empty()) {
                 _violation = "event " + std::to_string(i) + " of " + std::to_string(count) + " was never sent: stamp " +
                              std::to_string(e.Timestamp) + " type " + std::to_string(e.Type) + " value " +
                              std::to_string(static_cast<std::uint32_t>(e.Value)) + " (" + std::to_string(streamed) +
                              " words sent)";
             }
-            if (i > 0 && e.Timestamp <= events[i - 1].Timestamp && _violation.empty()) _violation = "events out of order";
+            if (i > 0 && e.Timestamp <= events[i - 1].Timestamp && _violation.empty())
+                _violation = "events out of order";
             if (seen.size() <= k) seen.resize(k + 4096);
             if (seen[k] && _violation.empty()) _violation = "word " + std::to_string(k) + " delivered twice";
             seen[k] = true;
@@ -384,8 +411,9 @@ private:
     // One call: its result, its text against the texts it may leave, its duration against its bound.
     void perform(int thread, const Call& call) {
         const int handle = handleFor(call);
-        const std::string flight = std::to_string(thread) + ": " + kKinds[call.kind].name + " on " + std::to_string(handle);
-        const bool reading = kKinds[call.kind].bound == Reading;
+        const std::string flight =
+            std::to_string(thread) + ": " + Kinds[call.kind].name + " on " + std::to_string(handle);
+        const bool reading = Kinds[call.kind].bound == Reading;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
             _inFlight.insert(flight);
@@ -393,7 +421,8 @@ private:
             if (reading) _reading[thread] = call.slot;
             _done.notify_all();
         }
-        std::vector<oltbTraceEvent> events(static_cast<std::size_t>(call.kind == GetAcquired ? 1 << 16 : 3 + call.number % 600));
+        std::vector<oltbTraceEvent> events(
+            static_cast<std::size_t>(call.kind == GetAcquired ? 1 << 16 : 3 + call.number % 600));
         oltbTraceEvent* const buffer = call.null ? nullptr : events.data();
         const std::uint32_t offset = static_cast<std::uint32_t>(call.number % 3);
         std::uint32_t count = 0;
@@ -407,41 +436,67 @@ private:
         const auto begin = Clock::now();
         int result = 0;
         switch (call.kind) {
-        case Connect:
-            oltbIsConnected(handleFor({Connect, call.slot, 0, 0, false, 0}), &connected);
-            // A second client of a fake server would wait in vain, and none comes once the schedule is ending.
-            if (call.null) result = oltbConnect(nullptr) > 0 ? 0 : -1;
-            else if (!connected && !_ending) connect(call.slot);
-            break;
-        case Disconnect: result = oltbDisconnect(handle); break;
-        case IsConnected: result = oltbIsConnected(handle, call.null ? nullptr : &connected); break;
-        case GetTimeout: result = oltbGetReadTimeout(handle, call.null ? nullptr : &timeout); break;
-        case SetTimeout: result = oltbSetReadTimeout(handle, call.number); break;
-        case Start: result = oltbStart(handle); break;
-        case Stop: result = oltbStop(handle); break;
-        case Clear: result = oltbClear(handle); break;
-        case SetConfig: result = oltbSetConfig(handle, record); break;
-        case GetConfig:
-            result = oltbGetConfig(handle, record);
-            if (result == 0 && !_servers[call.slot]->answeredWithin(static_cast<std::uint8_t>(config.Version), begin, Clock::now())) {
-                fail("GetConfig on " + std::to_string(handle) + " got the answer to another frame (version " +
-                     std::to_string(config.Version) + ")");
-            }
-            break;
-        case TryRead:
-        case Read:
-            result = (call.kind == Read ? oltbRead : oltbTryRead)(handle, buffer, offset,
-                                                                  static_cast<std::uint32_t>(events.size() - offset), &count);
-            if (result == 0) checkEvents(call.slot, events.data() + offset, count, true);
-            break;
-        case Acquire: result = oltbAcquire(handle, 1, 2, call.null ? nullptr : &count); break;
-        case GetAcquired:  // a series lies between labels 1 and 2, less than a label period apart: it always fits
-            result = oltbGetAcquiredElements(handle, buffer, 0, static_cast<std::uint32_t>(events.size()), &count);
-            if (result == 0) checkEvents(call.slot, events.data(), count, false);
-            break;
-        case LastError: oltbGetLastError(call.null ? nullptr : text, call.number % 70 - 5); break;
-        case NoHandle: result = call.null ? oltbInitConfig(nullptr) : oltbToSignedPosition(events.data(), 3); break;
-        case KindCount: break;
+            case Connect:
+                oltbIsConnected(handleFor({Connect, call.slot, 0, 0, false, 0}), &connected);
+                // A second client of a fake server would wait in vain, and none comes once the schedule is ending.
+                if (call.null)
+                    result = oltbConnect(nullptr) > 0 ? 0 : -1;
+                else if (!connected && !_ending)
+                    connect(call.slot);
+                break;
+            case Disconnect:
+                result = oltbDisconnect(handle);
+                break;
+            case IsConnected:
+                result = oltbIsConnected(handle, call.null ? nullptr : &connected);
+                break;
+            case GetTimeout:
+                result = oltbGetReadTimeout(handle, call.null ? nullptr : &timeout);
+                break;
+            case SetTimeout:
+                result = oltbSetReadTimeout(handle, call.number);
+                break;
+            case Start:
+                result = oltbStart(handle);
+                break;
+            case Stop:
+                result = oltbStop(handle);
+                break;
+            case Clear:
+                result = oltbClear(handle);
+                break;
+            case SetConfig:
+                result = oltbSetConfig(handle, record);
+                break;
+            case GetConfig:
+                result = oltbGetConfig(handle, record);
+                if (result == 0 && !_servers[call.slot]->answeredWithin(static_cast<std::uint8_t>(config.Version),
+                                                                        begin, Clock::now())) {
+                    fail("GetConfig on " + std::to_string(handle) + " got the answer to another frame (version " +
+                         std::to_string(config.Version) + ")");
+                }
+                break;
+            case TryRead:
+            case Read:
+                result = (call.kind == Read ? oltbRead : oltbTryRead)(
+                    handle, buffer, offset, static_cast<std::uint32_t>(events.size() - offset), &count);
+                if (result == 0) checkEvents(call.slot, events.data() + offset, count, true);
+                break;
+            case Acquire:
+                result = oltbAcquire(handle, 1, 2, call.null ? nullptr : &count);
+                break;
+            case GetAcquired:  // a series lies between labels 1 and 2, less than a label period apart: it always fits
+                result = oltbGetAcquiredElements(handle, buffer, 0, static_cast<std::uint32_t>(events.size()), &count);
+                if (result == 0) checkEvents(call.slot, events.data(), count, false);
+                break;
+            case LastError:
+                oltbGetLastError(call.null ? nullptr : text, call.number % 70 - 5);
+                break;
+            case NoHandle:
+                result = call.null ? oltbInitConfig(nullptr) : oltbToSignedPosition(events.data(), 3);
+                break;
+            case KindCount:
+                break;
         }
         check(thread, call, handle, result, begin);
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -462,21 +517,22 @@ private:
         ++figures.calls;
         char line[700];
         std::snprintf(line, sizeof line, "%7.3f s  thread %d: %s on %d -> %d %s(%.3f s)",
-                      std::chrono::duration<double>(begin - _start).count(), thread, kKinds[call.kind].name, handle, result,
-                      result != 0 ? ("'" + std::string(text) + "' ").c_str() : "", took);
+                      std::chrono::duration<double>(begin - _start).count(), thread, Kinds[call.kind].name, handle,
+                      result, result != 0 ? ("'" + std::string(text) + "' ").c_str() : "", took);
         {
             const std::lock_guard<std::mutex> lock(_logMutex);
             _log.emplace_back(line);
         }
-        const KindInfo& kind = kKinds[call.kind];
-        const bool allowed = kHandleTexts.count(text) || kind.texts->count(text) ||
+        const KindInfo& kind = Kinds[call.kind];
+        const bool allowed = HandleTexts.count(text) || kind.texts->count(text) ||
                              (call.kind == Connect && std::strstr(text, "null not valid"));
         if (result != 0 && !allowed) fail(std::string("a text this call may not leave: ") + line);
-        if (result != 0 && length != static_cast<int>(std::strlen(text)) + 2) fail(std::string("wrong error length: ") + line);
+        if (result != 0 && length != static_cast<int>(std::strlen(text)) + 2)
+            fail(std::string("wrong error length: ") + line);
         const double threads = static_cast<double>(_schedule.threads.size());
         const double bounds[] = {1, 2, 6.5 * threads + 1, 1.5 * threads + 2};
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (took > bounds[kind.bound] * kSlack && !(kind.bound == Reading && _slotsWithoutLimit.count(call.slot))) {
+        if (took > bounds[kind.bound] * Slack && !(kind.bound == Reading && _slotsWithoutLimit.count(call.slot))) {
             fail(std::string("call beyond its bound: ") + line);
         }
     }
@@ -549,7 +605,8 @@ int main(int argc, char** argv) {
             for (std::uint64_t seed = firstSeed + static_cast<std::uint64_t>(worker), round = 0; !failed;
                  seed += single ? 0 : static_cast<std::uint64_t>(workers), ++round) {
                 if (single ? round >= static_cast<std::uint64_t>(repeat)
-                           : std::chrono::duration<double>(Clock::now() - start).count() >= seconds) break;
+                           : std::chrono::duration<double>(Clock::now() - start).count() >= seconds)
+                    break;
                 const Schedule schedule = makeSchedule(seed, maxDelayMs);
                 Run run(schedule, worker);
                 const std::string violation = run();
@@ -562,13 +619,14 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the servers' last connections are let go
     ::malloc_trim(0);
     const std::vector<long> after = processFigures();
-    std::printf("api_explorer: %ld schedules, %ld calls, %ld events checked; faults: %ld late answers, %ld cut, %ld never "
-                "answered, %ld closes, %ld stalls; %s in %.0f s\n",
-                figures.schedules.load(), figures.calls.load(), figures.events.load(), figures.lateAnswers.load(),
-                figures.cutAnswers.load(), figures.lostAnswers.load(), figures.closes.load(), figures.stalls.load(),
-                failed ? "FAILED" : "no violation", std::chrono::duration<double>(Clock::now() - start).count());
+    std::printf(
+        "api_explorer: %ld schedules, %ld calls, %ld events checked; faults: %ld late answers, %ld cut, %ld never "
+        "answered, %ld closes, %ld stalls; %s in %.0f s\n",
+        figures.schedules.load(), figures.calls.load(), figures.events.load(), figures.lateAnswers.load(),
+        figures.cutAnswers.load(), figures.lostAnswers.load(), figures.closes.load(), figures.stalls.load(),
+        failed ? "FAILED" : "no violation", std::chrono::duration<double>(Clock::now() - start).count());
     if (!failed && (after[0] != before[0] || after[1] != before[1] ||
-                    (kAllocatorIsMeaningful && after[2] - before[2] > (4L << 20)))) {
+                    (AllocatorIsMeaningful && after[2] - before[2] > (4L << 20)))) {
         std::printf("api_explorer: left behind: threads %ld -> %ld, descriptors %ld -> %ld, allocated %ld -> %ld\n",
                     before[0], after[0], before[1], after[1], before[2], after[2]);
         return 1;

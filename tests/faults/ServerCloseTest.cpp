@@ -20,7 +20,7 @@ void closedOnAnOpeningCommand(const char* address, std::uint8_t code, std::size_
     server.setReaction(code, Reaction::close());
     const auto start = Clock::now();
     EXPECT_EQ(oltbConnect(address), -1);
-    EXPECT_EQ(takeLastError(), connectFailure(address, kCommandTimeout));
+    EXPECT_EQ(takeLastError(), connectFailure(address, CommandTimeout));
     EXPECT_LT(secondsSince(start), 6.0);
     EXPECT_EQ(server.commands().size(), commandsSeen) << "nothing is sent after the unanswered command";
 }
@@ -31,24 +31,24 @@ void closedWhileStartWaits() {
     FakeServer server("127.0.3.7");
     const int handle = oltbConnect("127.0.3.7");
     ASSERT_GT(handle, 0) << takeLastError();
-    server.setReaction(kStartCode, Reaction::close());
+    server.setReaction(StartCode, Reaction::close());
     const double cpuAtStart = threadCpuSeconds();
     EXPECT_EQ(oltbStart(handle), -1);
-    EXPECT_EQ(takeLastError(), kCommandTimeout);
+    EXPECT_EQ(takeLastError(), CommandTimeout);
     EXPECT_LT(threadCpuSeconds() - cpuAtStart, 0.3);
     EXPECT_TRUE(waitForConnectionLost(handle, 2s));
     const auto start = Clock::now();
     EXPECT_EQ(oltbClear(handle), 0) << "not started: nothing to restart";
     EXPECT_EQ(oltbStart(handle), -1);
-    EXPECT_EQ(takeLastError(), kNotEstablished);
+    EXPECT_EQ(takeLastError(), NotEstablished);
     oltbTraceBufferConfig_Struct fetched;
     std::memset(&fetched, 0xAB, sizeof fetched);
     EXPECT_EQ(oltbGetConfig(handle, &fetched), -1);
-    EXPECT_EQ(takeLastError(), kNotEstablished);
+    EXPECT_EQ(takeLastError(), NotEstablished);
     EXPECT_EQ(fetched.Version, 0xABABABABU);
     std::uint32_t elements = 99;
     EXPECT_EQ(oltbAcquire(handle, 1, 2, &elements), -1);
-    EXPECT_EQ(takeLastError(), kNoConnection);
+    EXPECT_EQ(takeLastError(), NoConnection);
     EXPECT_EQ(elements, 99U);
     EXPECT_LT(secondsSince(start), 0.5);
     EXPECT_EQ(oltbDisconnect(handle), 0);
@@ -79,12 +79,13 @@ void closedWhileWaiting(const char* address, int timeoutMs, bool acquisition, co
 }
 
 TEST(ServerCloses, AtEveryPhaseEachCallFailsWithItsTextWithinItsLimit) {
-    runSideBySide({{"closed on Stop", [] { closedOnAnOpeningCommand("127.0.3.2", kStopCode, 1); }},
-                   {"closed on GetConfig", [] { closedOnAnOpeningCommand("127.0.3.3", kGetConfigCode, 2); }},
-                   {"closed while Start waits", closedWhileStartWaits},
-                   {"closed while an acquisition polls", [] { closedWhileWaiting("127.0.3.9", 0, true, kNoConnection); }},
-                   {"closed while a read waits without limit",
-                    [] { closedWhileWaiting("127.0.3.8", -1, false, kNoConnection); }}});
+    runSideBySide(
+        {{"closed on Stop", [] { closedOnAnOpeningCommand("127.0.3.2", StopCode, 1); }},
+         {"closed on GetConfig", [] { closedOnAnOpeningCommand("127.0.3.3", GetConfigCode, 2); }},
+         {"closed while Start waits", closedWhileStartWaits},
+         {"closed while an acquisition polls", [] { closedWhileWaiting("127.0.3.9", 0, true, NoConnection); }},
+         {"closed while a read waits without limit",
+          [] { closedWhileWaiting("127.0.3.8", -1, false, NoConnection); }}});
 }
 
 TEST(ServerCloses, WhileTracingUnreadDataIsDroppedTheLossReportedOnceAndTheServerFreed) {
@@ -102,10 +103,10 @@ TEST(ServerCloses, WhileTracingUnreadDataIsDroppedTheLossReportedOnceAndTheServe
     oltbTraceEvent events[64];
     std::uint32_t count = 5;
     EXPECT_EQ(oltbRead(handle, events, 0, 64, &count), -1) << "words received before the loss are gone";
-    EXPECT_EQ(takeLastError(), kNoConnection);
+    EXPECT_EQ(takeLastError(), NoConnection);
     EXPECT_EQ(oltbStart(handle), 0) << "still marked started: nothing to do";
     EXPECT_EQ(oltbClear(handle), -1);
-    EXPECT_EQ(takeLastError(), kNotEstablished);
+    EXPECT_EQ(takeLastError(), NotEstablished);
     EXPECT_EQ(oltbDisconnect(handle), 0);
     std::fflush(stderr);
     ::dup2(savedError, STDERR_FILENO);
@@ -132,7 +133,7 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbStart(handle), 0);
     ASSERT_EQ(oltbSetReadTimeout(handle, -1), 0);
-    server.setReaction(kGetConfigCode, {{responseFrame(configPayload(6, 0, 0, 0, 0))}, 0ms, 2500ms});
+    server.setReaction(GetConfigCode, {{responseFrame(configPayload(6, 0, 0, 0, 0))}, 0ms, 2500ms});
     std::vector<std::string> texts(3);
     std::vector<double> ended(3);
     const auto start = Clock::now();
@@ -150,8 +151,7 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
     });
     calls.emplace_back([&] {
         int timeout = 0;
-        while (oltbGetReadTimeout(handle, &timeout) == 0 && secondsSince(start) < 5) {
-        }
+        while (oltbGetReadTimeout(handle, &timeout) == 0 && secondsSince(start) < 5) {}
         texts[2] = takeLastError();
         ended[2] = secondsSince(start);
     });
@@ -162,8 +162,7 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
         std::vector<std::thread> disconnects;
         for (int& result : results) {
             disconnects.emplace_back([&] {
-                for (++ready; ready < 3;) {
-                }
+                for (++ready; ready < 3;) {}
                 result = oltbDisconnect(handle);
             });
         }
@@ -172,8 +171,8 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
     });
     const double disconnected = secondsSince(start);
     for (std::thread& call : calls) call.join();
-    EXPECT_EQ(texts[0], kNoConnection);
-    EXPECT_EQ(texts[1], kNotEstablished);
+    EXPECT_EQ(texts[0], NoConnection);
+    EXPECT_EQ(texts[1], NotEstablished);
     // Removed between the poll's two lookups, or before it.
     EXPECT_TRUE(texts[2] == "Illegal handle!" || texts[2] == "There is no connection corresponding to this handle.");
     for (const double end : ended) EXPECT_LT(end - disconnected, 1.0);
@@ -184,8 +183,8 @@ TEST(ServerCloses, DisconnectFromAnotherThreadEndsTheCallsInFlight) {
 // ("TraceEventType 77 not supported!").
 TEST(ServerCloses, DisconnectRacingAReadAndAStopEndsTheReadWithItsText) {
     FakeServer server("127.0.10.2");
-    server.setReaction(kStopCode, {{concat({responseFrame({}), counterWords(0, 64, 1, 1)})}});
-    const std::set<std::string> allowed = {"", kNoConnection, "Illegal handle!",
+    server.setReaction(StopCode, {{concat({responseFrame({}), counterWords(0, 64, 1, 1)})}});
+    const std::set<std::string> allowed = {"", NoConnection, "Illegal handle!",
                                            "There is no connection corresponding to this handle."};
     std::map<std::string, int> readTexts;
     for (int round = 0; round < 300; ++round) {
@@ -202,8 +201,7 @@ TEST(ServerCloses, DisconnectRacingAReadAndAStopEndsTheReadWithItsText) {
         server.clearCommands();
         std::thread stopper([handle] { oltbStop(handle); });
         server.waitForCommands(1, 1s);  // the Disconnect comes as the Stop's answer goes out, or a little later
-        for (const auto until = Clock::now() + round % 25 * 4us; Clock::now() < until;) {
-        }
+        for (const auto until = Clock::now() + round % 25 * 4us; Clock::now() < until;) {}
         EXPECT_EQ(oltbDisconnect(handle), 0);
         reader.join();
         stopper.join();

@@ -35,7 +35,7 @@ void expectCommandThenConnectionServes(const std::vector<std::string>& options, 
     EXPECT_EQ(takeLastError(), failure);
     if (!failure.empty()) {
         EXPECT_EQ(oltbStop(handle), -1);
-        EXPECT_EQ(takeLastError(), kCommandTimeout);
+        EXPECT_EQ(takeLastError(), CommandTimeout);
         EXPECT_EQ(oltbDisconnect(handle), 0);
         handle = oltbConnect(address);
         ASSERT_GT(handle, 0) << takeLastError();
@@ -63,35 +63,59 @@ void closedWhileSetConfigWaits() {
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
     EXPECT_EQ(setSpi3Rx(handle), -1);
-    EXPECT_EQ(takeLastError(), kCommandTimeout);
+    EXPECT_EQ(takeLastError(), CommandTimeout);
     EXPECT_TRUE(waitForConnectionLost(handle, 2s));
     EXPECT_EQ(oltbStop(handle), -1);
-    EXPECT_EQ(takeLastError(), kNotEstablished);
+    EXPECT_EQ(takeLastError(), NotEstablished);
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
 TEST(SimulatorFaultModes, EachFaultEndsInItsOwnTextAndNeverTakesTheProcessDown) {
     runSideBySide({
-        {"Stop never answered", [] { expectConnectFails({"--ignore-command", "stop"}, "127.0.3.60", kCommandTimeout); }},
+        {"Stop never answered",
+         [] {
+             expectConnectFails({"--ignore-command", "stop"}, "127.0.3.60", CommandTimeout);
+         }},
         {"GetConfig never answered",
-         [] { expectConnectFails({"--ignore-command", "getconfig"}, "127.0.3.61", kCommandTimeout); }},
+         [] {
+             expectConnectFails({"--ignore-command", "getconfig"}, "127.0.3.61", CommandTimeout);
+         }},
         {"GetConfig answered empty",
-         [] { expectConnectFails({"--malformed-response", "getconfig", "--malformed-kind", "empty"}, "127.0.3.62",
-                                 "Expected a response message but received nothing!"); }},
+         [] {
+             expectConnectFails({"--malformed-response", "getconfig", "--malformed-kind", "empty"}, "127.0.3.62",
+                                "Expected a response message but received nothing!");
+         }},
         {"GetConfig answered short",
-         [] { expectConnectFails({"--malformed-response", "getconfig"}, "127.0.3.59", "Illegal message length"); }},
+         [] {
+             expectConnectFails({"--malformed-response", "getconfig"}, "127.0.3.59", "Illegal message length");
+         }},
         {"GetConfig answered with a wrong trailer",
-         [] { expectConnectFails({"--malformed-response", "0x82", "--malformed-kind", "trailer"}, "127.0.3.63", kCommandTimeout); }},
+         [] {
+             expectConnectFails({"--malformed-response", "0x82", "--malformed-kind", "trailer"}, "127.0.3.63",
+                                CommandTimeout);
+         }},
         {"Stop answered with a wrong trailer",
-         [] { expectConnectFails({"--malformed-response", "16", "--malformed-kind", "trailer"}, "127.0.3.64", kCommandTimeout); }},
+         [] {
+             expectConnectFails({"--malformed-response", "16", "--malformed-kind", "trailer"}, "127.0.3.64",
+                                CommandTimeout);
+         }},
         {"Stop answered short (it wants no payload)",
-         [] { expectCommandThenConnectionServes({"--malformed-response", "stop", "--malformed-kind", "short"}, "127.0.3.65",
-                                                [](int h) { return oltbStop(h); }, ""); }},
+         [] {
+             expectCommandThenConnectionServes(
+                 {"--malformed-response", "stop", "--malformed-kind", "short"}, "127.0.3.65",
+                 [](int h) { return oltbStop(h); }, "");
+         }},
         {"SetConfig never answered",
-         [] { expectCommandThenConnectionServes({"--ignore-command", "setconfig"}, "127.0.3.66", setSpi3Rx, kCommandTimeout); }},
+         [] {
+             expectCommandThenConnectionServes({"--ignore-command", "setconfig"}, "127.0.3.66", setSpi3Rx,
+                                               CommandTimeout);
+         }},
         {"SetConfig answered with a wrong trailer while streaming",
-         [] { expectCommandThenConnectionServes({"--malformed-response", "setconfig", "--malformed-kind", "trailer", "--counter"},
-                                                "127.0.3.67", setSpi3Rx, kCommandTimeout); }},
+         [] {
+             expectCommandThenConnectionServes(
+                 {"--malformed-response", "setconfig", "--malformed-kind", "trailer", "--counter"}, "127.0.3.67",
+                 setSpi3Rx, CommandTimeout);
+         }},
         {"closed while SetConfig waits", closedWhileSetConfigWaits},
     });
 }

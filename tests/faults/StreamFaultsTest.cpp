@@ -15,12 +15,13 @@ using namespace oltb::testing;
 
 // A SetConfig answered as `answer` says while tracing: the command succeeds, and the words the server sends afterwards
 // arrive whole, once, behind those sent with the answer.
-void expectAnswerAndStreamIntact(const char* address, Reaction answer, std::vector<std::int32_t> valuesWithAnswer = {}) {
+void expectAnswerAndStreamIntact(const char* address, Reaction answer,
+                                 std::vector<std::int32_t> valuesWithAnswer = {}) {
     FakeServer server(address);
     const int handle = oltbConnect(address);
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-    server.setReactionOnce(kSetConfigCode, std::move(answer));
+    server.setReactionOnce(SetConfigCode, std::move(answer));
     oltbTraceBufferConfig_Struct config;
     oltbInitConfig(&config);
     EXPECT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
@@ -36,11 +37,16 @@ TEST(Answers, FoundBehindMarkerBytesOrCut) {
     const Bytes frame = responseFrame({});
     runSideBySide({
         {"behind a word ending in 0x4D",
-         [&] { expectAnswerAndStreamIntact("127.0.3.20", {{concat({makeWord(oltbEventSpi0Rx, 64, 0x4D000001), frame,
-                                                                    makeWord(oltbEventSpi0Rx, 128, 2)})}},
-                                           {0x4D000001, 2}); }},
+         [&] {
+             expectAnswerAndStreamIntact(
+                 "127.0.3.20",
+                 {{concat({makeWord(oltbEventSpi0Rx, 64, 0x4D000001), frame, makeWord(oltbEventSpi0Rx, 128, 2)})}},
+                 {0x4D000001, 2});
+         }},
         {"cut behind its length byte",
-         [&] { expectAnswerAndStreamIntact("127.0.3.22", {{slice(frame, 0, 5), slice(frame, 5, 7)}, 200ms}); }},
+         [&] {
+             expectAnswerAndStreamIntact("127.0.3.22", {{slice(frame, 0, 5), slice(frame, 5, 7)}, 200ms});
+         }},
     });
 }
 
@@ -56,15 +62,17 @@ void expectOwnAnswers(const char* address, std::vector<int> delaysMs, const std:
     delaysMs.push_back(0);
     for (std::size_t k = 0; k < delaysMs.size(); ++k) {
         const auto version = static_cast<std::uint8_t>(k + 1 < delaysMs.size() ? 101 + k : 200);
-        const Bytes words = counterWords(static_cast<std::uint32_t>(4 * k), 4, static_cast<std::uint32_t>(64 * (4 * k + 1)), 64);
-        server.setReactionOnce(kGetConfigCode, {{concat({responseFrame(configPayload(version, 0, 0, 0, 0)), words})},
-                                                0ms, std::chrono::milliseconds(delaysMs[k])});
+        const Bytes words =
+            counterWords(static_cast<std::uint32_t>(4 * k), 4, static_cast<std::uint32_t>(64 * (4 * k + 1)), 64);
+        server.setReactionOnce(GetConfigCode, {{concat({responseFrame(configPayload(version, 0, 0, 0, 0)), words})},
+                                               0ms,
+                                               std::chrono::milliseconds(delaysMs[k])});
     }
     std::vector<int> got;
     for (std::size_t k = 0; k < delaysMs.size(); ++k) {
         oltbTraceBufferConfig_Struct config;
         const bool answered = oltbGetConfig(handle, &config) == 0;
-        EXPECT_EQ(takeLastError(), answered ? "" : kCommandTimeout);
+        EXPECT_EQ(takeLastError(), answered ? "" : CommandTimeout);
         got.push_back(answered ? static_cast<int>(config.Version) : 0);
     }
     std::vector<int> expected = versions;
@@ -80,10 +88,22 @@ void expectOwnAnswers(const char* address, std::vector<int> delaysMs, const std:
 
 TEST(Answers, EachCommandGetsItsOwnAnswerHoweverLateTheOnesBeforeIt) {
     runSideBySide({
-        {"late, together with the next one's", [] { expectOwnAnswers("127.0.10.3", {3300, 0}, {0, 102}); }},
-        {"two late, 1 s apart", [] { expectOwnAnswers("127.0.10.4", {4000, 1000}, {0, 102}); }},
-        {"two late together, after both gave up", [] { expectOwnAnswers("127.0.10.5", {6500, 0}, {0, 0}); }},
-        {"two late 1 s apart, after both gave up", [] { expectOwnAnswers("127.0.10.6", {6500, 1000}, {0, 0}); }},
+        {"late, together with the next one's",
+         [] {
+             expectOwnAnswers("127.0.10.3", {3300, 0}, {0, 102});
+         }},
+        {"two late, 1 s apart",
+         [] {
+             expectOwnAnswers("127.0.10.4", {4000, 1000}, {0, 102});
+         }},
+        {"two late together, after both gave up",
+         [] {
+             expectOwnAnswers("127.0.10.5", {6500, 0}, {0, 0});
+         }},
+        {"two late 1 s apart, after both gave up",
+         [] {
+             expectOwnAnswers("127.0.10.6", {6500, 1000}, {0, 0});
+         }},
     });
 }
 
@@ -96,7 +116,7 @@ TEST(Answers, LongestFrameIsTakenWholeAndBytesAroundAnswersAreTraceData) {
     Bytes payload = configPayload(200, 1U << 22, (1U << 0) | (1U << 1), 1U << 9, 1U << 30);
     const Bytes filler = {0x4D, 0x4D, 0x4D, 0x4D, 0x00, 0xB2, 0xB2, 0xB2, 0xB2, 0x4D, 0x4D, 0x4D, 0x4D};
     while (payload.size() < 255) payload.push_back(filler[payload.size() % filler.size()]);
-    server.setReactionOnce(kGetConfigCode, {{concat({responseFrame(payload), Bytes{1, 2, 3, 4, 5}})}});
+    server.setReactionOnce(GetConfigCode, {{concat({responseFrame(payload), Bytes{1, 2, 3, 4, 5}})}});
     oltbTraceBufferConfig_Struct config;
     ASSERT_EQ(oltbGetConfig(handle, &config), 0) << takeLastError();
     EXPECT_EQ(config.Version, 200U);
@@ -105,9 +125,9 @@ TEST(Answers, LongestFrameIsTakenWholeAndBytesAroundAnswersAreTraceData) {
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
     // Started: a whole word behind an answer takes its place in the stream; an unsupported one fails one read.
     oltbInitConfig(&config);
-    server.setReactionOnce(kSetConfigCode, {{concat({responseFrame({}), makeWord(oltbEventSpi1Rx, 640, 0xABCDEF)})}});
+    server.setReactionOnce(SetConfigCode, {{concat({responseFrame({}), makeWord(oltbEventSpi1Rx, 640, 0xABCDEF)})}});
     ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
-    server.setReactionOnce(kSetConfigCode, {{concat({responseFrame({}), makeWord(27, 704, 1)})}});
+    server.setReactionOnce(SetConfigCode, {{concat({responseFrame({}), makeWord(27, 704, 1)})}});
     ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
     EXPECT_EQ(readEvents(handle, 1).at(0).Value, 0xABCDEF);
     std::uint32_t count = 0;
@@ -119,7 +139,7 @@ TEST(Answers, LongestFrameIsTakenWholeAndBytesAroundAnswersAreTraceData) {
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
-constexpr std::uint32_t kMarkerPayload = 0x4D4D4D4D;  // the first four bytes of a response frame
+constexpr std::uint32_t MarkerPayload = 0x4D4D4D4D;  // the first four bytes of a response frame
 
 // Exactly one receive buffer (16384 bytes) of words ending in 4D 4D 4D 4D while a SetConfig waits, then the answer:
 // the buffer has no room for the rest of a frame, so it is trace data, and the answer in the next receive is found.
@@ -129,26 +149,28 @@ TEST(CommandsDuringStream, FullReceiveBufferEndingInMarkersIsTraceData) {
     ASSERT_GT(handle, 0) << takeLastError();
     ASSERT_EQ(oltbSetReadTimeout(handle, 2000), 0);
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
-    constexpr std::uint32_t kWords = 16384 / 8;
-    server.setReactionOnce(kSetConfigCode, Reaction{{concat({counterWords(0, kWords - 1, 64, 64),
-                                                             makeWord(oltbEventSpi0Rx, 64 * kWords, kMarkerPayload)}),
-                                                     responseFrame({})}, 100ms});
+    constexpr std::uint32_t Words = 16384 / 8;
+    server.setReactionOnce(
+        SetConfigCode,
+        Reaction{{concat({counterWords(0, Words - 1, 64, 64), makeWord(oltbEventSpi0Rx, 64 * Words, MarkerPayload)}),
+                  responseFrame({})},
+                 100ms});
     oltbTraceBufferConfig_Struct config;
     oltbInitConfig(&config);
     ASSERT_EQ(oltbSetConfig(handle, &config), 0) << takeLastError();
-    const std::vector<oltbTraceEvent> events = readEvents(handle, kWords);
-    ASSERT_EQ(events.size(), kWords);
-    for (std::uint32_t j = 0; j + 1 < kWords; ++j) ASSERT_EQ(events[j].Value, static_cast<std::int32_t>(j));
-    EXPECT_EQ(static_cast<std::uint32_t>(events[kWords - 1].Value), kMarkerPayload);
+    const std::vector<oltbTraceEvent> events = readEvents(handle, Words);
+    ASSERT_EQ(events.size(), Words);
+    for (std::uint32_t j = 0; j + 1 < Words; ++j) ASSERT_EQ(events[j].Value, static_cast<std::int32_t>(j));
+    EXPECT_EQ(static_cast<std::uint32_t>(events[Words - 1].Value), MarkerPayload);
     EXPECT_EQ(oltbDisconnect(handle), 0);
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kResidentSizeIsMeaningful = false;  // quarantined frees and shadow memory
+constexpr bool ResidentSizeIsMeaningful = false;  // quarantined frees and shadow memory
 #else
-constexpr bool kResidentSizeIsMeaningful = true;
+constexpr bool ResidentSizeIsMeaningful = true;
 #endif
-constexpr std::uint32_t kBacklogWords = kResidentSizeIsMeaningful ? 4U << 20 : 1U << 20;  // 32 MiB
+constexpr std::uint32_t BacklogWords = ResidentSizeIsMeaningful ? 4U << 20 : 1U << 20;  // 32 MiB
 
 // The resident size as it is (nothing trimmed here: the library must hand freed memory back itself), and the bytes
 // the allocator has handed out.
@@ -168,9 +190,9 @@ long allocatedKb() {
 // Sends the backlog in pieces of 13 KiB, as a paced stream arrives, to a reader that keeps up with the receiving but
 // not with the decoding; once a GetConfig sent afterwards is answered, the reader has received all of it.
 void sendBacklog(FakeServer& server, int handle) {
-    constexpr std::uint32_t kPiece = 1640;
-    for (std::uint32_t first = 0; first < kBacklogWords; first += kPiece) {
-        server.send(counterWords(first, std::min(kPiece, kBacklogWords - first), first + 1, 1));
+    constexpr std::uint32_t Piece = 1640;
+    for (std::uint32_t first = 0; first < BacklogWords; first += Piece) {
+        server.send(counterWords(first, std::min(Piece, BacklogWords - first), first + 1, 1));
     }
     oltbTraceBufferConfig_Struct config;
     ASSERT_EQ(oltbGetConfig(handle, &config), 0) << takeLastError();
@@ -187,14 +209,14 @@ TEST(SlowReader, BacklogIsKeptAcrossAStopOrDiscardedAndItsMemoryGoesBack) {
     const long baselineKb = residentKb();
     const long allocatedBeforeKb = allocatedKb();
     sendBacklog(server, handle);
-    const long backlogKb = kBacklogWords / 128;
+    const long backlogKb = BacklogWords / 128;
     const long heldKb = allocatedKb() - allocatedBeforeKb;
-    EXPECT_TRUE(!kResidentSizeIsMeaningful || (heldKb >= backlogKb * 7 / 8 && heldKb <= backlogKb * 11 / 10))
+    EXPECT_TRUE(!ResidentSizeIsMeaningful || (heldKb >= backlogKb * 7 / 8 && heldKb <= backlogKb * 11 / 10))
         << heldKb << " KiB held for " << backlogKb << " KiB";
     ASSERT_EQ(oltbStop(handle), 0) << takeLastError();
     std::vector<oltbTraceEvent> buffer(65536);
     std::uint32_t expected = 0;
-    for (int reads = 0; expected < kBacklogWords && reads < 1000; ++reads) {
+    for (int reads = 0; expected < BacklogWords && reads < 1000; ++reads) {
         std::uint32_t count = 0;
         ASSERT_EQ(oltbRead(handle, buffer.data(), 0, static_cast<std::uint32_t>(buffer.size()), &count), 0)
             << takeLastError() << " after " << expected << " words";
@@ -203,20 +225,20 @@ TEST(SlowReader, BacklogIsKeptAcrossAStopOrDiscardedAndItsMemoryGoesBack) {
             ASSERT_EQ(buffer[i].Timestamp, expected + 1U);
         }
     }
-    EXPECT_EQ(expected, kBacklogWords);
-    EXPECT_TRUE(!kResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after reading it";
+    EXPECT_EQ(expected, BacklogWords);
+    EXPECT_TRUE(!ResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after reading it";
 
     ASSERT_EQ(oltbStart(handle), 0) << takeLastError();
     sendBacklog(server, handle);
     ASSERT_EQ(oltbClear(handle), 0) << takeLastError();
-    EXPECT_TRUE(!kResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after the clear";
+    EXPECT_TRUE(!ResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after the clear";
     server.send(counterWords(7000, 16, 64, 64));
     const std::vector<oltbTraceEvent> events = readEvents(handle, 16);
     ASSERT_EQ(events.size(), 16U);
     EXPECT_EQ(events[0].Value, 7000) << "nothing of the backlog is left";
     sendBacklog(server, handle);
     EXPECT_EQ(oltbDisconnect(handle), 0);
-    EXPECT_TRUE(!kResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after the disconnect";
+    EXPECT_TRUE(!ResidentSizeIsMeaningful || residentKb() - baselineKb < 8 * 1024) << "after the disconnect";
 }
 
 }  // namespace

@@ -28,8 +28,10 @@ std::vector<double> valuesOf(const std::string& text, const std::string& key) {
     const std::string marker = "\"" + key + "\": ";
     for (std::size_t at = text.find(marker); at != std::string::npos; at = text.find(marker, at + 1)) {
         const std::string rest = text.substr(at + marker.size(), 24);
-        values.push_back(rest.rfind("null", 0) == 0 ? NAN : rest.rfind("true", 0) == 0 ? 1.0
-                                                      : rest.rfind("false", 0) == 0 ? 0.0 : std::stod(rest));
+        values.push_back(rest.rfind("null", 0) == 0    ? NAN
+                         : rest.rfind("true", 0) == 0  ? 1.0
+                         : rest.rfind("false", 0) == 0 ? 0.0
+                                                       : std::stod(rest));
     }
     return values;
 }
@@ -41,10 +43,18 @@ struct Case {
 };
 
 void expectAnalysisAgreesWithTheModel(const Case& c) {
-    ChildProcess explain(OLTB_SIM_PATH, [&] { auto all = c.settings; all.push_back("--explain"); return all; }());
+    ChildProcess explain(OLTB_SIM_PATH, [&] {
+        auto all = c.settings;
+        all.push_back("--explain");
+        return all;
+    }());
     ASSERT_EQ(explain.waitForExit(60s), 0) << explain.standardError();
     const std::string truth = explain.standardOutput();
-    Simulator simulator(c.address, [&] { auto all = c.settings; all.push_back("--max-rate"); return all; }());
+    Simulator simulator(c.address, [&] {
+        auto all = c.settings;
+        all.push_back("--max-rate");
+        return all;
+    }());
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
     const int handle = oltbConnect(c.address);
     oltbTraceBufferConfig_Struct config;
@@ -70,17 +80,19 @@ void expectAnalysisAgreesWithTheModel(const Case& c) {
     for (std::size_t k = 0; k < result.marks.size(); ++k) {
         SCOPED_TRACE("mark " + std::to_string(k));
         const Mark& mark = result.marks[k];
-        for (const auto& [key, field, tolerance] :
-             {std::tuple{"start_missing", &Mark::startMissing, 3.0}, {"end_missing", &Mark::endMissing, 3.0},
-              {"speed_at_on", &Mark::speedAtOn, 0.03}, {"speed_at_off", &Mark::speedAtOff, 0.03},
-              {"best_laser_on_delay_us", &Mark::bestOnDelayUs, 3.0},
-              {"best_laser_off_delay_us", &Mark::bestOffDelayUs, 3.0}}) {
+        for (const auto& [key, field, tolerance] : {std::tuple{"start_missing", &Mark::startMissing, 3.0},
+                                                    {"end_missing", &Mark::endMissing, 3.0},
+                                                    {"speed_at_on", &Mark::speedAtOn, 0.03},
+                                                    {"speed_at_off", &Mark::speedAtOff, 0.03},
+                                                    {"best_laser_on_delay_us", &Mark::bestOnDelayUs, 3.0},
+                                                    {"best_laser_off_delay_us", &Mark::bestOffDelayUs, 3.0}}) {
             const double expected = valuesOf(marks, key)[k];
             // Left out: a mark after a jump that did not settle (unreliable, and said so), and a laser-off delay the
             // next jump cut short, which the analysis gives for a command that stays at the end (as the suggested
             // mark delay makes it), while the model's figure is the one for the mark delay of the run.
             if (std::isnan(expected) || mark.afterUnsettledJump ||
-                (mark.bestOffPredicted && field == &Mark::bestOffDelayUs)) continue;
+                (mark.bestOffPredicted && field == &Mark::bestOffDelayUs))
+                continue;
             ASSERT_TRUE((mark.*field).has_value()) << key;
             EXPECT_NEAR(*(mark.*field), expected, tolerance) << key;
         }
@@ -127,13 +139,16 @@ TEST(AnalysisAccuracy, FiguresAgreeWithWhatTheMirrorDid) {
         {"the default head", "127.0.0.43", {}},
         {"passes the band at speed: acceleration-limited", "127.0.0.44", {"--max-acceleration", "10000"}},
         {"passes the band at speed: ringing", "127.0.0.45", {"--damping", "0.3"}},
-        {"overshoot through the band, short delay", "127.0.0.46",
+        {"overshoot through the band, short delay",
+         "127.0.0.46",
          {"--tracking-error-us", "120", "--damping", "1.1", "--mark-speed", "12000", "--jump-speed", "60000",
           "--jump-delay-us", "600"}},
         {"jump delay too short for a table", "127.0.0.47", {"--jump-delay-us", "300"}},
         {"no jump delay: jumps run into marks", "127.0.13.10", {"--jump-delay-us", "0"}},
         {"a driver filter, laser late", "127.0.13.11", {"--driver-filter-us", "80", "--laser-on-delay-us", "400"}},
-        {"a pure delay", "127.0.13.12", {"--servo", "delay", "--laser-on-delay-us", "300", "--laser-off-delay-us", "200"}},
+        {"a pure delay",
+         "127.0.13.12",
+         {"--servo", "delay", "--laser-on-delay-us", "300", "--laser-off-delay-us", "200"}},
         {"short marks", "127.0.13.13", {"--job", jobs + "/dashes.job"}},
         {"corners held long", "127.0.13.14", {"--job", jobs + "/corner.job", "--polygon-delay-us", "300"}},
     };

@@ -14,7 +14,7 @@ namespace {
 
 using namespace oltb::testing;
 
-constexpr std::uint64_t kTicksPerUs = 64;
+constexpr std::uint64_t TicksPerUs = 64;
 
 using XY = std::pair<std::int64_t, std::int64_t>;
 
@@ -62,19 +62,24 @@ std::vector<std::pair<std::uint64_t, std::uint64_t>> gateIntervals(const std::ve
 
 // With the scan head as a pure delay and no laser delays, the gate is on exactly while the path marks.
 TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
-    Simulator simulator("127.0.0.40", {"--speed", "10", "--servo", "delay", "--laser-on-delay-us", "0",
-                                       "--laser-off-delay-us", "0"});
+    Simulator simulator("127.0.0.40",
+                        {"--speed", "10", "--servo", "delay", "--laser-on-delay-us", "0", "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
-    const std::vector<oltbTraceEvent> events = acquire("127.0.0.40", [](oltbTraceBufferConfig_Struct& c) {
-        c.Head0TxX = c.Head0TxY = c.Head0RxX = c.Head0RxY = c.Gate = c.LaserPower16 = true;
-    }, 1, 2);
+    const std::vector<oltbTraceEvent> events = acquire(
+        "127.0.0.40",
+        [](oltbTraceBufferConfig_Struct& c) {
+            c.Head0TxX = c.Head0TxY = c.Head0RxX = c.Head0RxY = c.Gate = c.LaserPower16 = true;
+        },
+        1, 2);
     ASSERT_FALSE(events.empty());
     // Time order, one continuous time scale over more than one time-base period, samples every 10 us.
     std::vector<std::uint64_t> txX;
     std::vector<std::int32_t> labels;
     for (std::size_t i = 0; i < events.size(); ++i) {
         ASSERT_TRUE(i == 0 || events[i].Timestamp >= events[i - 1].Timestamp) << i;
-        ASSERT_DOUBLE_EQ(events[i].Time, static_cast<double>(static_cast<std::int64_t>(events[i].Timestamp - events[0].Timestamp)) / 64);
+        ASSERT_DOUBLE_EQ(
+            events[i].Time,
+            static_cast<double>(static_cast<std::int64_t>(events[i].Timestamp - events[0].Timestamp)) / 64);
         if (events[i].Type == oltbEventHead0TxX) txX.push_back(events[i].Timestamp);
         if (events[i].Type == oltbEventLabel) labels.push_back(events[i].Value);
     }
@@ -114,7 +119,7 @@ TEST(SimulatorJob, WholeJobBetweenLabelsOneAndTwoMatchesTheDocumentedShapes) {
     std::size_t compared = 0;
     const std::map<std::uint64_t, XY> actual = positions(events, oltbEventHead0RxX, oltbEventHead0RxY);
     for (const auto& [tick, position] : actual) {
-        const auto earlier = commanded.find(tick - 250 * kTicksPerUs);
+        const auto earlier = commanded.find(tick - 250 * TicksPerUs);
         if (earlier == commanded.end()) continue;
         ASSERT_EQ(position, earlier->second) << "at tick " << tick;
         ++compared;
@@ -126,9 +131,12 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
     Simulator simulator("127.0.0.41", {"--speed", "10", "--servo-delay-us", "400", "--laser-on-delay-us", "7",
                                        "--laser-off-delay-us", "0"});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
-    const std::vector<oltbTraceEvent> events = acquire("127.0.0.41", [](oltbTraceBufferConfig_Struct& c) {
-        c.Head0TxX = c.Head0RxX = c.Head1TxX = c.Head1TxY = c.Gate = c.LaserPower0_16 = c.LaserPower1_16 = true;
-    }, 10, 11);  // the line, marked along +X
+    const std::vector<oltbTraceEvent> events = acquire(
+        "127.0.0.41",
+        [](oltbTraceBufferConfig_Struct& c) {
+            c.Head0TxX = c.Head0RxX = c.Head1TxX = c.Head1TxY = c.Gate = c.LaserPower0_16 = c.LaserPower1_16 = true;
+        },
+        10, 11);  // the line, marked along +X
     std::int32_t power[2] = {0, 0};
     for (const oltbTraceEvent& e : events) {
         if (e.Type == oltbEventLaserPower0_16 || e.Type == oltbEventLaserPower1_16) {
@@ -139,16 +147,17 @@ TEST(SimulatorJob, ShapeAcquisitionShowsTheConfiguredFollowingErrorAndHeadOne) {
     const auto intervals = gateIntervals(events);
     ASSERT_EQ(intervals.size(), 1U);
     const auto [on, off] = intervals.front();
-    const auto gateOn = std::find_if(events.begin(), events.end(), [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
+    const auto gateOn =
+        std::find_if(events.begin(), events.end(), [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
     EXPECT_DOUBLE_EQ(gateOn->Time, 7.0) << "Time counts from label 10, where the line starts, 7 us before the gate";
-    const std::uint64_t start = on - 7 * kTicksPerUs;
+    const std::uint64_t start = on - 7 * TicksPerUs;
     const std::map<std::uint64_t, XY> head0 = positions(events, oltbEventHead0TxX, oltbEventHead0RxX);
     const std::map<std::uint64_t, XY> head1 = positions(events, oltbEventHead1TxX, oltbEventHead1TxY);
     EXPECT_EQ(head0.at(start).first, -300000);
     EXPECT_EQ(head0.at(off).first, 300000);
     EXPECT_EQ(head1.at(start), (XY{150000, -125000})) << "head 1 is head 0 mirrored in X and halved";
     std::size_t steady = 0;  // once the actual position moves, it trails by 5000 units/ms * 0.4 ms
-    for (auto it = head0.lower_bound(on + 400 * kTicksPerUs); it != head0.upper_bound(off); ++it, ++steady) {
+    for (auto it = head0.lower_bound(on + 400 * TicksPerUs); it != head0.upper_bound(off); ++it, ++steady) {
         ASSERT_EQ(it->second.first - it->second.second, 2000) << "at tick " << it->first;
     }
     EXPECT_GT(steady, 10000U);
@@ -173,7 +182,8 @@ TEST(SimulatorJob, SetConfigWhileStreamingTakesEffectAtOnce) {
     for (int read = 0; read < 200 && !gate; ++read) {  // 800,000 positions: 8 s of the job, 13 runs
         std::uint32_t count = 0;
         ASSERT_EQ(oltbRead(handle, events.data(), 0, 4096, &count), 0) << takeLastError();
-        gate = std::any_of(events.begin(), events.begin() + count, [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
+        gate = std::any_of(events.begin(), events.begin() + count,
+                           [](const oltbTraceEvent& e) { return e.Type == oltbEventGate; });
     }
     EXPECT_TRUE(gate);
     EXPECT_EQ(oltbDisconnect(handle), 0);
@@ -198,14 +208,14 @@ TEST(SimulatorJob, UserJobRunsAndItsTraceAgreesWithTheExplanation) {
 
     Simulator simulator("127.0.0.42", {"--speed", "10", "--job", good});
     ASSERT_TRUE(simulator.ready()) << simulator.standardError();
-    const std::vector<oltbTraceEvent> events = acquire("127.0.0.42", [](oltbTraceBufferConfig_Struct& c) {
-        c.Head0TxX = c.Head0RxX = c.Gate = true;
-    }, 3, 4);  // label 3 is the job's first command: the times of both count from it
+    const std::vector<oltbTraceEvent> events = acquire(
+        "127.0.0.42", [](oltbTraceBufferConfig_Struct& c) { c.Head0TxX = c.Head0RxX = c.Gate = true; }, 3,
+        4);  // label 3 is the job's first command: the times of both count from it
     const auto intervals = gateIntervals(events);
     ASSERT_EQ(intervals.size(), 1U);
-    const double origin = static_cast<double>(events.front().Timestamp) - events.front().Time * kTicksPerUs;
-    const double gateOn = (static_cast<double>(intervals[0].first) - origin) / kTicksPerUs;
-    const double gateOff = (static_cast<double>(intervals[0].second) - origin) / kTicksPerUs;
+    const double origin = static_cast<double>(events.front().Timestamp) - events.front().Time * TicksPerUs;
+    const double gateOn = (static_cast<double>(intervals[0].first) - origin) / TicksPerUs;
+    const double gateOff = (static_cast<double>(intervals[0].second) - origin) / TicksPerUs;
     double motionStart = NAN;
     for (const oltbTraceEvent& e : events) {
         if (e.Type == oltbEventHead0TxX && e.Value == -200000) motionStart = e.Time;  // its last sample there

@@ -71,12 +71,12 @@ TEST(PageData, WorstMarksTakeTheLargestMissingLengthAndTheLargestEdgeDoseInTurn)
         std::optional<double> startMissing, endMissing, speedAtOn, speedAtOff;
     };
     const std::vector<Edges> table{
-        {10, 10, 1.0, 1.0},         // 0: fine
-        {-500, 20, 0.9, 1.0},       // 1: marks 500 units before the start: the largest missing length
-        {50, 30, 1.0, 0.05},        // 2: a dot at the end (dose 20): the largest dose
-        {{}, {}, {}, {}},           // 3: not measured
-        {200, 0, 0.5, 1.0},         // 4: second by missing length
-        {5, 5, 0.2, 1.0},           // 5: second by dose
+        {10, 10, 1.0, 1.0},    // 0: fine
+        {-500, 20, 0.9, 1.0},  // 1: marks 500 units before the start: the largest missing length
+        {50, 30, 1.0, 0.05},   // 2: a dot at the end (dose 20): the largest dose
+        {{}, {}, {}, {}},      // 3: not measured
+        {200, 0, 0.5, 1.0},    // 4: second by missing length
+        {5, 5, 0.2, 1.0},      // 5: second by dose
     };
     std::vector<analysis::Mark> marks(table.size());
     for (std::size_t i = 0; i < table.size(); ++i) {
@@ -145,7 +145,8 @@ TEST(PageData, GridsFollowTheSamplesNotTheSpanOfTime) {
     result.durationUs = 6e7;
     const std::string data = report::pageData(events.data(), events.size(), result, {});
     std::size_t most = 0;
-    for (std::size_t at = data.find("\"columns\": "); at != std::string::npos; at = data.find("\"columns\": ", at + 1)) {
+    for (std::size_t at = data.find("\"columns\": "); at != std::string::npos;
+         at = data.find("\"columns\": ", at + 1)) {
         most = std::max<std::size_t>(most, std::stoul(data.substr(at + 11)));
     }
     EXPECT_GT(most, 0U);

@@ -17,7 +17,7 @@ namespace oltb::testing {
 
 namespace {
 
-constexpr std::size_t kFrameSize = 19;
+constexpr std::size_t FrameSize = 19;
 
 void appendLittleEndian(Bytes& out, std::uint64_t value, int bytes) {
     for (int i = 0; i < bytes; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
@@ -40,7 +40,7 @@ Bytes configPayload(std::uint8_t version, std::uint32_t conf0, std::uint32_t con
 
 Bytes commandFrame(std::uint8_t code, const Bytes& payload) {
     Bytes frame = concat({{0x4D, code}, payload});
-    frame.resize(kFrameSize, 0);
+    frame.resize(FrameSize, 0);
     return frame;
 }
 
@@ -219,9 +219,9 @@ void FakeServer::receive() {
     }
     // Frames carry no marker to resynchronise on, so the stream is cut strictly every 19 bytes.
     _pending.insert(_pending.end(), buffer, buffer + received);
-    while (_clientFd >= 0 && _pending.size() >= kFrameSize) {
-        const Bytes frame = slice(_pending, 0, kFrameSize);
-        _pending.erase(_pending.begin(), _pending.begin() + kFrameSize);
+    while (_clientFd >= 0 && _pending.size() >= FrameSize) {
+        const Bytes frame = slice(_pending, 0, FrameSize);
+        _pending.erase(_pending.begin(), _pending.begin() + FrameSize);
         apply(reactionFor(frame));
     }
 }
@@ -231,7 +231,7 @@ Reaction FakeServer::reactionFor(const Bytes& frame) {
     _commands.push_back(frame);
     _changed.notify_all();
     const std::uint8_t code = frame[1];
-    if (frame[0] == 0x4D && code == kSetConfigCode) _config = slice(frame, 2, kFrameSize);
+    if (frame[0] == 0x4D && code == SetConfigCode) _config = slice(frame, 2, FrameSize);
     if (_script) {
         const auto script = _script;
         lock.unlock();
@@ -245,9 +245,8 @@ Reaction FakeServer::reactionFor(const Bytes& frame) {
     }
     if (const auto found = _reactions.find(code); found != _reactions.end()) return found->second;
     if (frame[0] != 0x4D) return Reaction::silent();
-    if (code == kGetConfigCode) return Reaction::payload(_config);
-    return code == kStopCode || code == kStartCode || code == kSetConfigCode ? Reaction::payload({})
-                                                                             : Reaction::silent();
+    if (code == GetConfigCode) return Reaction::payload(_config);
+    return code == StopCode || code == StartCode || code == SetConfigCode ? Reaction::payload({}) : Reaction::silent();
 }
 
 void FakeServer::apply(const Reaction& reaction) {

@@ -1,7 +1,8 @@
 // A scriptable trace buffer server for tests that need byte-exact control of what a real TCP peer sends. It listens
 // on <loopback address>:9495, serves one client at a time, cuts the client's bytes into 19-byte command frames,
 // records them and answers each with a scripted reaction (by default: an empty response frame, or the configuration
-// of the last SetConfig for GetConfig). Tests write raw bytes (trace words, broken frames) into the connection at any time.
+// of the last SetConfig for GetConfig). Tests write raw bytes (trace words, broken frames) into the connection at any
+// time.
 #pragma once
 
 #include <chrono>
@@ -21,16 +22,16 @@ namespace oltb::testing {
 using Bytes = std::vector<std::uint8_t>;
 using namespace std::chrono_literals;
 
-constexpr std::uint8_t kStopCode = 16;
-constexpr std::uint8_t kStartCode = 17;
-constexpr std::uint8_t kSetConfigCode = 129;
-constexpr std::uint8_t kGetConfigCode = 130;
+constexpr std::uint8_t StopCode = 16;
+constexpr std::uint8_t StartCode = 17;
+constexpr std::uint8_t SetConfigCode = 129;
+constexpr std::uint8_t GetConfigCode = 130;
 
 struct Reaction {
-    std::vector<Bytes> chunks;                 // one send each, on a TCP_NODELAY socket; nothing comes between them
-    std::chrono::milliseconds pause{0};        // before every chunk but the first
-    std::chrono::milliseconds delay{0};        // before the first chunk: a late answer
-    bool closeAfter = false;                   // close the connection once the chunks are out
+    std::vector<Bytes> chunks;           // one send each, on a TCP_NODELAY socket; nothing comes between them
+    std::chrono::milliseconds pause{0};  // before every chunk but the first
+    std::chrono::milliseconds delay{0};  // before the first chunk: a late answer
+    bool closeAfter = false;             // close the connection once the chunks are out
 
     static Reaction payload(const Bytes& payload);  // one response frame
     static Reaction silent() { return {}; }

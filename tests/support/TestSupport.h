@@ -23,10 +23,10 @@ namespace oltb::testing {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-inline const std::string kNotEstablished = "Connection to trace buffer server not established!";
-inline const std::string kNoConnection = "No connection to trace buffer server established.";
-inline const std::string kCommandTimeout = "Could not receive a response from the trace buffer server within 3000ms";
-inline const std::string kReadTimeout = "Nothing received from trace buffer server within the specified timeout";
+inline const std::string NotEstablished = "Connection to trace buffer server not established!";
+inline const std::string NoConnection = "No connection to trace buffer server established.";
+inline const std::string CommandTimeout = "Could not receive a response from the trace buffer server within 3000ms";
+inline const std::string ReadTimeout = "Nothing received from trace buffer server within the specified timeout";
 
 inline std::string connectFailure(const std::string& address, const std::string& cause) {
     return "Could not connect to the tracebuffer server on address " + address + ". " + cause;
@@ -60,10 +60,12 @@ inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milli
 }
 
 inline bool waitForConnectionLost(int handle, std::chrono::milliseconds timeout) {
-    return waitUntil([handle] {
-        bool connected = true;
-        return oltbIsConnected(handle, &connected) == 0 && !connected;
-    }, timeout);
+    return waitUntil(
+        [handle] {
+            bool connected = true;
+            return oltbIsConnected(handle, &connected) == 0 && !connected;
+        },
+        timeout);
 }
 
 // Runs `body` on a thread of its own and ends the test program when it has not returned within `limit`: a hang then
@@ -85,8 +87,8 @@ inline std::vector<oltbTraceEvent> readEvents(int handle, std::size_t wanted) {
     std::size_t total = 0;
     while (total < wanted) {
         std::uint32_t count = 0;
-        if (oltbRead(handle, events.data(), static_cast<std::uint32_t>(total), static_cast<std::uint32_t>(wanted - total),
-                     &count) != 0) {
+        if (oltbRead(handle, events.data(), static_cast<std::uint32_t>(total),
+                     static_cast<std::uint32_t>(wanted - total), &count) != 0) {
             ADD_FAILURE() << "read failed after " << total << " of " << wanted << " events: " << takeLastError();
             break;
         }

@@ -1,14 +1,14 @@
 // The simulator's pure parts, its words decoded by the library's own decoder: word packing with the stamp adjustment
 // and time-base words, the job stream whatever the batching, and command frames cut anywhere by TCP. And the job
 // model: the scan head's lag and ringing, the gate edges the card's delays put, job files with errors.
-#include "CommandFrames.h"
-#include "GroundTruth.h"
-#include "JobStream.h"
-#include "JumpTable.h"
-#include "SettingsFile.h"
-#include "WordEncoder.h"
 #include "events/SignalList.h"
 #include "events/TraceDecoder.h"
+#include "tools/oltb-sim/CommandFrames.h"
+#include "tools/oltb-sim/GroundTruth.h"
+#include "tools/oltb-sim/JobStream.h"
+#include "tools/oltb-sim/JumpTable.h"
+#include "tools/oltb-sim/SettingsFile.h"
+#include "tools/oltb-sim/WordEncoder.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 #include <climits>
 #include <cmath>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 using OLVEN::TALIX3::TraceBuffer::TraceDecoder;
@@ -27,7 +27,8 @@ std::vector<oltbTraceEvent> decode(const std::vector<std::uint64_t>& words, std:
     oltbTraceEvent word{};
     oltbTraceEvent samples[32];
     bool late = false;
-    if (timeBase != 0) decoder.processEvent(packWord(0, kTimeBaseType, static_cast<std::uint32_t>(timeBase >> 24)), word, late);
+    if (timeBase != 0)
+        decoder.processEvent(packWord(0, TimeBaseType, static_cast<std::uint32_t>(timeBase >> 24)), word, late);
     for (const std::uint64_t w : words) {
         unsigned next = 0, end = 32;
         if (decoder.processEvent(w, word, late)) decoder.unpackEvents(word, samples, next, end);
@@ -61,8 +62,8 @@ TEST(WordEncoder, SampleWidthsAreThoseOfTheLibrarysSignals) {
 TEST(WordEncoder, FirstSampleLandsOnItsTickAcrossTimeBases) {
     for (const std::uint32_t type : {oltbEventHead0TxX, oltbEventPortA, oltbEventPortDHigh, oltbEventLaserPower4,
                                      oltbEventLaserPower2, oltbEventGate}) {
-        for (const std::uint64_t tick : {std::uint64_t{5000}, 3 * kTicksPerTimeBase, 3 * kTicksPerTimeBase + 7,
-                                         3 * kTicksPerTimeBase - 1}) {
+        for (const std::uint64_t tick :
+             {std::uint64_t{5000}, 3 * TicksPerTimeBase, 3 * TicksPerTimeBase + 7, 3 * TicksPerTimeBase - 1}) {
             WordEncoder encoder;
             std::vector<std::uint64_t> words;
             std::uint32_t samples[32] = {1};
@@ -75,15 +76,15 @@ TEST(WordEncoder, FirstSampleLandsOnItsTickAcrossTimeBases) {
     }
     WordEncoder encoder;
     std::vector<std::uint64_t> words;
-    const std::uint64_t ticks[] = {59 * kTicksPerTimeBase + 100, 60 * kTicksPerTimeBase - 1, 60 * kTicksPerTimeBase,
-                                   62 * kTicksPerTimeBase + 5};  // a silent period is skipped
+    const std::uint64_t ticks[] = {59 * TicksPerTimeBase + 100, 60 * TicksPerTimeBase - 1, 60 * TicksPerTimeBase,
+                                   62 * TicksPerTimeBase + 5};  // a silent period is skipped
     for (std::uint32_t i = 0; i < 4; ++i) encoder.append(words, ticks[i], oltbEventSpi0Rx, i);
     EXPECT_EQ(words.size(), 7U) << "time bases 59, 60 and 62";
     const std::vector<oltbTraceEvent> events = decode(words);
     for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(events.at(i).Timestamp, ticks[i]);
     encoder.restart();
     words.clear();
-    encoder.append(words, 62 * kTicksPerTimeBase + 9, oltbEventSpi0Rx, 5);
+    encoder.append(words, 62 * TicksPerTimeBase + 9, oltbEventSpi0Rx, 5);
     EXPECT_EQ(words.size(), 2U) << "a restarted stream opens with its time base again";
 }
 
@@ -94,19 +95,20 @@ SignalSelection selectionOf(std::initializer_list<std::uint32_t> types) {
 }
 
 TEST(JobStream, BatchingDoesNotChangeTheStreamAndANewSignalFirstShowsItsState) {
-    constexpr std::uint64_t kStart = 1000000000;  // the default card clock, a multiple of 640
+    constexpr std::uint64_t Start = 1000000000;  // the default card clock, a multiple of 640
     const MarkingJob job;
-    const SignalSelection selection = selectionOf({oltbEventHead0TxX, oltbEventHead0RxX, oltbEventHead1TxX,
-                                                   oltbEventGate, oltbEventLaserPower2, oltbEventPortA, oltbEventLabel});
-    const std::uint64_t until = kStart + job.jobEndTick() + 5000;
+    const SignalSelection selection =
+        selectionOf({oltbEventHead0TxX, oltbEventHead0RxX, oltbEventHead1TxX, oltbEventGate, oltbEventLaserPower2,
+                     oltbEventPortA, oltbEventLabel});
+    const std::uint64_t until = Start + job.jobEndTick() + 5000;
     JobStream whole(job);
-    whole.start(kStart, selection);
+    whole.start(Start, selection);
     std::vector<std::uint64_t> wholeWords;
     whole.generate(until, SIZE_MAX, wholeWords);
     JobStream batched(job);
-    batched.start(kStart, selection);
+    batched.start(Start, selection);
     std::vector<std::uint64_t> pieces;
-    for (std::size_t batch = 1, horizon = kStart; batched.nextTick() < until; batch = batch % 37 + 1) {
+    for (std::size_t batch = 1, horizon = Start; batched.nextTick() < until; batch = batch % 37 + 1) {
         horizon = std::min<std::uint64_t>(until, horizon + 3001);
         batched.generate(horizon, batch, pieces);
     }
@@ -118,15 +120,16 @@ TEST(JobStream, BatchingDoesNotChangeTheStreamAndANewSignalFirstShowsItsState) {
     }
 
     JobStream stream(job);
-    stream.start(kStart, selectionOf({oltbEventHead0TxX}));
-    const std::uint64_t busyTick = kStart + job.jobStartTick() + 10 * 640;
+    stream.start(Start, selectionOf({oltbEventHead0TxX}));
+    const std::uint64_t busyTick = Start + job.jobStartTick() + 10 * 640;
     std::vector<std::uint64_t> words;
     stream.generate(busyTick, SIZE_MAX, words);
     stream.select(selectionOf({oltbEventHead0TxX, oltbEventPortLaserOut1}));
     words.clear();
     stream.generate(busyTick + 640, SIZE_MAX, words);
     std::vector<oltbTraceEvent> busy = decode(words, (busyTick >> 24) << 24);
-    busy.erase(std::remove_if(busy.begin(), busy.end(), [](const oltbTraceEvent& e) { return e.Type != oltbEventPortLaserOut1; }),
+    busy.erase(std::remove_if(busy.begin(), busy.end(),
+                              [](const oltbTraceEvent& e) { return e.Type != oltbEventPortLaserOut1; }),
                busy.end());
     ASSERT_EQ(busy.size(), 1U);
     EXPECT_EQ(busy.front().Value, 1) << "the job runs";
@@ -135,21 +138,22 @@ TEST(JobStream, BatchingDoesNotChangeTheStreamAndANewSignalFirstShowsItsState) {
 
 TEST(CommandFrameReader, ReassemblesFramesFedOneByteAtATimeAndSkipsStrayBytes) {
     std::vector<std::uint8_t> stream = {0x01, 0x02, 0x03, 0x4D, 0x81};
-    stream.resize(3 + kCommandFrameSize, 0x5A);
+    stream.resize(3 + CommandFrameSize, 0x5A);
     stream.insert(stream.end(), {0x4D, 0x82});
-    stream.resize(3 + 2 * kCommandFrameSize, 0);
+    stream.resize(3 + 2 * CommandFrameSize, 0);
     stream.push_back(0x07);
     CommandFrameReader reader;
     std::vector<std::string> reads;
     for (const std::uint8_t byte : stream) {
         reader.feed(&byte, 1);
         for (CommandRead read = reader.next(); read.outcome != CommandReadOutcome::needMoreData; read = reader.next()) {
-            reads.push_back(read.outcome == CommandReadOutcome::frame
-                                ? "frame " + std::to_string(read.frame.code) + " " + std::to_string(read.frame.payload[16])
-                                : "skipped " + std::to_string(read.skipped));
+            reads.push_back(read.outcome == CommandReadOutcome::frame ? "frame " + std::to_string(read.frame.code) +
+                                                                            " " + std::to_string(read.frame.payload[16])
+                                                                      : "skipped " + std::to_string(read.skipped));
         }
     }
-    EXPECT_EQ(reads, (std::vector<std::string>{"skipped 1", "skipped 1", "skipped 1", "frame 129 90", "frame 130 0", "skipped 1"}));
+    EXPECT_EQ(reads, (std::vector<std::string>{"skipped 1", "skipped 1", "skipped 1", "frame 129 90", "frame 130 0",
+                                               "skipped 1"}));
 }
 
 MarkingJob jobOf(const std::string& text, JobSettings settings = {}) {
@@ -173,8 +177,10 @@ TEST(ServoModel, AtConstantSpeedTheMirrorTrailsByTheTrackingErrorAndTheDriverFil
         for (std::uint64_t tick = middle - 5 * 64000; tick < middle + 5 * 64000; tick += 64000) {
             const auto t = static_cast<std::int64_t>(tick);
             const Position3 actual = job.actual(0, t), now = job.commanded(0, t), later = job.commanded(0, t + 64000);
-            EXPECT_NEAR(static_cast<double>(now.x - actual.x) * 1000 / static_cast<double>(later.x - now.x), lagUs, 1.0);
-            EXPECT_NEAR(static_cast<double>(now.y - actual.y) * 1000 / static_cast<double>(later.y - now.y), lagUs, 1.0);
+            EXPECT_NEAR(static_cast<double>(now.x - actual.x) * 1000 / static_cast<double>(later.x - now.x), lagUs,
+                        1.0);
+            EXPECT_NEAR(static_cast<double>(now.y - actual.y) * 1000 / static_cast<double>(later.y - now.y), lagUs,
+                        1.0);
         }
         EXPECT_NEAR(explainJob(job).trackingErrorUs, lagUs, 1e-9);
     }
@@ -191,7 +197,8 @@ TEST(ServoModel, NoAxisMovesFasterThanTheVelocityLimit) {
         double fastest = 0;
         for (std::int64_t tick = 640; tick < static_cast<std::int64_t>(job.cycleTicks()); tick += 640) {
             const Position3 a = job.actual(0, tick - 640), b = job.actual(0, tick);
-            fastest = std::max({fastest, std::fabs(static_cast<double>(b.x - a.x)), std::fabs(static_cast<double>(b.y - a.y))});
+            fastest = std::max(
+                {fastest, std::fabs(static_cast<double>(b.x - a.x)), std::fabs(static_cast<double>(b.y - a.y))});
         }
         EXPECT_LE(fastest, limit / 100 + 1) << "units per 10 us";
         EXPECT_GE(fastest, limit / 100 - 1);
@@ -224,8 +231,10 @@ TEST(MirrorFigures, AJumpSettlesWhenTheMirrorLastLeavesTheBand) {
         std::uint64_t surelyOutside = 0, perhapsOutside = 0, passesInside = 0;
         for (std::uint64_t tick = scheduled.motionEndTick; tick < scheduled.nextMotionTick; tick += 640) {
             if (distance(job, tick) > 100.5) surelyOutside = tick - scheduled.motionEndTick;
-            if (distance(job, tick) >= 99.5) perhapsOutside = tick - scheduled.motionEndTick;
-            else if (passesInside == 0 && distance(job, tick + 640) > 100) passesInside = tick;
+            if (distance(job, tick) >= 99.5)
+                perhapsOutside = tick - scheduled.motionEndTick;
+            else if (passesInside == 0 && distance(job, tick + 640) > 100)
+                passesInside = tick;
         }
         ASSERT_TRUE(jump.settled) << damping;
         EXPECT_GT(jump.settleUs * 64, static_cast<double>(surelyOutside)) << damping;
@@ -233,8 +242,10 @@ TEST(MirrorFigures, AJumpSettlesWhenTheMirrorLastLeavesTheBand) {
         EXPECT_EQ(jump.overshootUnits > 100, damping < 1) << damping;
         if (damping > 0.5) continue;
         ASSERT_GT(passesInside, 0U) << "the mirror rings through the band";
-        const auto [shortJob, shortJump] = settle(damping, static_cast<double>(passesInside - scheduled.motionEndTick) / 64);
-        EXPECT_LE(distance(shortJob, shortJob.jumps().at(0).nextMotionTick), 100) << "inside the band at the next motion";
+        const auto [shortJob, shortJump] =
+            settle(damping, static_cast<double>(passesInside - scheduled.motionEndTick) / 64);
+        EXPECT_LE(distance(shortJob, shortJob.jumps().at(0).nextMotionTick), 100)
+            << "inside the band at the next motion";
         EXPECT_FALSE(shortJump.settled);
         EXPECT_NEAR(shortJump.settleUs, jump.settleUs, 1e-6) << "the mirror's motion until then is the same";
     }
@@ -243,7 +254,9 @@ TEST(MirrorFigures, AJumpSettlesWhenTheMirrorLastLeavesTheBand) {
 // A pure-delay head puts the mirror where the command was a delay ago, so its laser edges follow by hand: a 2000
 // unit line at 5 units/us behind a 250 us delay.
 TEST(MirrorFigures, ThePureDelayHeadsLaserEdgesAreExact) {
-    struct Case { double onUs, offUs, startMissing, endMissing, speedAtOn, speedAtOff; };
+    struct Case {
+        double onUs, offUs, startMissing, endMissing, speedAtOn, speedAtOff;
+    };
     for (const Case& c : {Case{250, 250, 0, 0, 1, 0}, Case{300, 200, 250, 250, 1, 1}, Case{200, 300, 0, 0, 0, 0}}) {
         JobSettings settings;
         settings.servo = {ServoKind::delay, 250, 1, 1};
@@ -267,7 +280,8 @@ TEST(JumpTable, AJumpWaitsTheDelayOfTheFirstRowAsLongAsItAndABrokenTableNamesIts
     settings.timing.jumpDelayTable = parseJumpTable("# length delay\n\n1000 100\n  # longer\n100000 500\n", "t.txt");
     const MarkingJob job = jobOf("jump 1000 0\njump 2001 0\njump 302001 0\njump 302011 0\n", settings);
     std::vector<std::uint64_t> delays;
-    for (std::size_t i = 0; i < 4; ++i) delays.push_back((job.jumps()[i].nextMotionTick - job.jumps()[i].motionEndTick) / 64);
+    for (std::size_t i = 0; i < 4; ++i)
+        delays.push_back((job.jumps()[i].nextMotionTick - job.jumps()[i].motionEndTick) / 64);
     EXPECT_EQ(delays, (std::vector<std::uint64_t>{100, 500, 500, 100})) << "lengths 1000, 1001, 300000 and 10";
 
     std::string tooLong;
@@ -323,18 +337,20 @@ TEST(SettingsFile, TheSuggestedSettingsReplaceTheCardsAndAnythingElseIsRefusedWh
 // A 1 ms jump and its delay, then a polyline of two 1 ms segments around a corner: the gate, the power, the labels
 // and the path stand where the delays put them; a laser-off delay beyond the mark delay holds the next command.
 TEST(CardTiming, GateEdgesLabelsAndCornersSitWhereTheDelaysPutThem) {
-    for (const auto& [markDelayUs, laserOffDelayUs, endLabelAfter] : {std::tuple{150.0, 80.0, 9600U}, {0.0, 333.0, 21760U}}) {
+    for (const auto& [markDelayUs, laserOffDelayUs, endLabelAfter] :
+         {std::tuple{150.0, 80.0, 9600U}, {0.0, 333.0, 21760U}}) {
         JobSettings settings;
         settings.timing = {10000, 5000, 100, markDelayUs, 20, 123.5, laserOffDelayUs};
         settings.servo = {ServoKind::delay, 250, 1, 1};
         const MarkingJob job = jobOf("jump 10000 0\nlabel 5\nmark 10000 5000\nmark 15000 5000\nlabel 6\n", settings);
         constexpr std::uint64_t start = 64000 + 64000 + 6400;  // lead-in, jump, jump delay
         constexpr std::uint64_t corner = start + 64000;
-        constexpr std::uint64_t end = corner + 1280 + 64000;    // polygon delay, second segment
+        constexpr std::uint64_t end = corner + 1280 + 64000;  // polygon delay, second segment
         const std::uint64_t off = end + static_cast<std::uint64_t>(laserOffDelayUs * 64);
         std::vector<std::pair<std::uint64_t, std::uint32_t>> gate, power;
         for (const SignalChange& change : job.changesOf(oltbEventGate)) gate.emplace_back(change.tick, change.value);
-        for (const SignalChange& change : job.changesOf(oltbEventLaserPower16)) power.emplace_back(change.tick, change.value);
+        for (const SignalChange& change : job.changesOf(oltbEventLaserPower16))
+            power.emplace_back(change.tick, change.value);
         EXPECT_EQ(gate, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{start + 7904, 1}, {off, 0}}));
         EXPECT_EQ(power, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{start + 7904, 0x8000}, {off, 0}}));
         ASSERT_EQ(job.labels().size(), 2U);
@@ -360,7 +376,8 @@ TEST(JobFile, PowerOnNarrowLaserLines) {
 
 TEST(JobFile, ErrorsNameTheFileTheLineAndWhatIsWrong) {
     const std::pair<const char*, const char*> cases[] = {
-        {"jump 0 0\n\n  # a comment\nmrak 1 2\n", "job.txt:4: unknown command 'mrak' (jump, mark, arc, label, power, wait, speed)"},
+        {"jump 0 0\n\n  # a comment\nmrak 1 2\n",
+         "job.txt:4: unknown command 'mrak' (jump, mark, arc, label, power, wait, speed)"},
         {"mark 1 # 2\n", "job.txt:1: 'mark' takes 2 arguments (X Y), got 1"},
         {"jump 524288 0\n", "job.txt:1: X 524288 lies outside the field (-524287..524287)"},
         {"jump 0 1.5\n", "job.txt:1: Y must be a whole number of head units: 1.5"},
@@ -383,4 +400,4 @@ TEST(JobFile, ErrorsNameTheFileTheLineAndWhatIsWrong) {
 }
 
 }  // namespace
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,24 +1,24 @@
 // Running the command list: one pass over the commands, appending to the path and noting where the gate, the
 // labels, the polylines and the jumps fall.
-#include "CardTiming.h"
+#include "tools/oltb-sim/CardTiming.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr std::uint64_t kMaxJobTicks = 60ULL * 64000000;  // 60 s: a run is precomputed, so it must stay small
-constexpr std::uint16_t kInitialPower = 0x8000;
+constexpr double Pi = 3.14159265358979323846;
+constexpr std::uint64_t MaxJobTicks = 60ULL * 64000000;  // 60 s: a run is precomputed, so it must stay small
+constexpr std::uint16_t InitialPower = 0x8000;
 
 std::uint64_t ticksOfUs(const double us) {
-    return static_cast<std::uint64_t>(std::llround(us * static_cast<double>(kTicksPerUs)));
+    return static_cast<std::uint64_t>(std::llround(us * static_cast<double>(TicksPerUs)));
 }
 
 std::string duration(const std::uint64_t ticks) {
-    const double us = static_cast<double>(ticks) / static_cast<double>(kTicksPerUs);
+    const double us = static_cast<double>(ticks) / static_cast<double>(TicksPerUs);
     char text[48];
     std::snprintf(text, sizeof text, us < 1e6 ? "%.0f us" : "%.1f s", us < 1e6 ? us : us / 1e6);
     return text;
@@ -34,16 +34,16 @@ bool arcLeavesField(const Point from, const Point center, const double sweep) {
     const auto outside = [&](const double angle) {
         const double x = static_cast<double>(center.x) + radius * std::cos(angle);
         const double y = static_cast<double>(center.y) + radius * std::sin(angle);
-        const double limit = static_cast<double>(kFieldLimitUnits) + 0.5;
+        const double limit = static_cast<double>(FieldLimitUnits) + 0.5;
         return std::fabs(x) > limit || std::fabs(y) > limit;
     };
     if (outside(startAngle + sweep)) {
         return true;
     }
     for (int quarter = 0; quarter < 4; ++quarter) {
-        const double axisAngle = quarter * kPi / 2;
+        const double axisAngle = quarter * Pi / 2;
         const double ahead = sweep > 0 ? axisAngle - startAngle : startAngle - axisAngle;
-        const double reached = std::fmod(std::fmod(ahead, 2 * kPi) + 2 * kPi, 2 * kPi);
+        const double reached = std::fmod(std::fmod(ahead, 2 * Pi) + 2 * Pi, 2 * Pi);
         if (reached <= std::fabs(sweep) && outside(axisAngle)) {
             return true;
         }
@@ -73,10 +73,10 @@ public:
             jump(0, Point{0, 0});
         }
         _schedule.homeTick = _schedule.path.durationTicks();
-        if (_schedule.homeTick > kMaxJobTicks + jobStartTick) {
-            throw JobFileError(_program.source, 0,
-                               "the job lasts " + duration(_schedule.homeTick - jobStartTick) +
-                                   "; a run may last at most 60 s");
+        if (_schedule.homeTick > MaxJobTicks + jobStartTick) {
+            throw JobFileError(
+                _program.source, 0,
+                "the job lasts " + duration(_schedule.homeTick - jobStartTick) + "; a run may last at most 60 s");
         }
         return std::move(_schedule);
     }
@@ -88,8 +88,8 @@ private:
             case JobCommandKind::jump: {
                 const Point from = _schedule.path.end();
                 jump(command.line, target);
-                const double length = std::hypot(static_cast<double>(target.x - from.x),
-                                                 static_cast<double>(target.y - from.y));
+                const double length =
+                    std::hypot(static_cast<double>(target.x - from.x), static_cast<double>(target.y - from.y));
                 hold(jumpDelayUs(_timing.jumpDelayTable, length, _timing.jumpDelayUs));
                 break;
             }
@@ -107,16 +107,16 @@ private:
                 if (_schedule.path.end() == target) {
                     throw JobFileError(_program.source, command.line, "the arc's centre is the current position");
                 }
-                if (arcLeavesField(_schedule.path.end(), target, command.value * kPi / 180)) {
+                if (arcLeavesField(_schedule.path.end(), target, command.value * Pi / 180)) {
                     throw JobFileError(_program.source, command.line, "the arc leaves the field (-524287..524287)");
                 }
                 beginSegment(command.line);
                 ScheduledSegment segment = segmentFromHere();
-                _schedule.path.arc(target, command.value * kPi / 180, _markSpeed);
+                _schedule.path.arc(target, command.value * Pi / 180, _markSpeed);
                 segment.to = _schedule.path.end();
                 segment.isArc = true;
                 segment.center = target;
-                segment.sweepRadians = command.value * kPi / 180;
+                segment.sweepRadians = command.value * Pi / 180;
                 segment.lengthUnits = std::hypot(static_cast<double>(segment.from.x - target.x),
                                                  static_cast<double>(segment.from.y - target.y)) *
                                       std::fabs(segment.sweepRadians);
@@ -125,8 +125,10 @@ private:
             }
             case JobCommandKind::label:
                 _lastLabel = static_cast<int>(command.number);
-                _schedule.labels.push_back({_schedule.path.durationTicks(), static_cast<std::uint16_t>(command.number)});
-                for (auto mark = _schedule.marks.rbegin(); mark != _schedule.marks.rend() && mark->endLabel < 0; ++mark) {
+                _schedule.labels.push_back(
+                    {_schedule.path.durationTicks(), static_cast<std::uint16_t>(command.number)});
+                for (auto mark = _schedule.marks.rbegin(); mark != _schedule.marks.rend() && mark->endLabel < 0;
+                     ++mark) {
                     mark->endLabel = _lastLabel;
                 }
                 break;
@@ -166,7 +168,7 @@ private:
 
     // The commanded path is about to move: the jump before it has its window for settling.
     void noteMotion() {
-        if (!_schedule.jumps.empty() && _schedule.jumps.back().nextMotionTick == kNoTick) {
+        if (!_schedule.jumps.empty() && _schedule.jumps.back().nextMotionTick == NoTick) {
             _schedule.jumps.back().nextMotionTick = _schedule.path.durationTicks();
         }
     }
@@ -219,7 +221,7 @@ private:
     JobSchedule _schedule;
     double _jumpSpeed = _timing.jumpSpeedUnitsPerMs;
     double _markSpeed = _timing.markSpeedUnitsPerMs;
-    std::uint16_t _power = kInitialPower;
+    std::uint16_t _power = InitialPower;
     bool _inPolyline = false;
     int _lastLabel = -1;
 };
@@ -253,8 +255,8 @@ Vec2 ScheduledSegment::endDirection() const {
         return startDirection();
     }
     // The exact end of the arc, not its end point rounded to whole units.
-    const double angle = std::atan2(static_cast<double>(from.y - center.y), static_cast<double>(from.x - center.x)) +
-                         sweepRadians;
+    const double angle =
+        std::atan2(static_cast<double>(from.y - center.y), static_cast<double>(from.x - center.x)) + sweepRadians;
     const Vec2 tangent{-std::sin(angle), std::cos(angle)};
     return sweepRadians > 0 ? tangent : Vec2{-tangent.x, -tangent.y};
 }
@@ -263,4 +265,4 @@ JobSchedule scheduleJob(const JobProgram& program, const CardTiming& timing, con
     return Scheduler(program, timing).run(jobStartTick);
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -10,18 +10,18 @@
 // up to whole periods; the laser delays place the gate edges to the tick (1/64 us).
 #pragma once
 
-#include "JobFile.h"
-#include "JumpTable.h"
-#include "Trajectory.h"
+#include "tools/oltb-sim/JobFile.h"
+#include "tools/oltb-sim/JumpTable.h"
+#include "tools/oltb-sim/Trajectory.h"
 
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
-constexpr std::uint64_t kServoPeriodTicks = 640;  // 10 us
-constexpr std::uint64_t kTicksPerUs = 64;
-constexpr std::uint64_t kNoTick = UINT64_MAX;
+constexpr std::uint64_t ServoPeriodTicks = 640;  // 10 us
+constexpr std::uint64_t TicksPerUs = 64;
+constexpr std::uint64_t NoTick = UINT64_MAX;
 
 struct CardTiming {
     double jumpSpeedUnitsPerMs = 25000;
@@ -44,8 +44,8 @@ struct ScheduledSegment {
     Point from;
     Point to;
     bool isArc = false;
-    Point center;               // of an arc
-    double sweepRadians = 0;    // of an arc; > 0 counterclockwise
+    Point center;             // of an arc
+    double sweepRadians = 0;  // of an arc; > 0 counterclockwise
     double lengthUnits = 0;
     std::uint64_t startTick = 0;
     std::uint64_t endTick = 0;
@@ -57,38 +57,38 @@ struct ScheduledSegment {
 
 // One polyline: the laser is on once, from gateOnTick to gateOffTick.
 struct ScheduledMark {
-    int line = 0;                   // of its first mark or arc command
-    std::uint16_t power = 0;        // 16 bits
+    int line = 0;             // of its first mark or arc command
+    std::uint16_t power = 0;  // 16 bits
     Point startPoint;
     std::uint64_t motionStartTick = 0;  // the commanded motion starts
     std::uint64_t motionEndTick = 0;    // and ends (the last segment)
     std::uint64_t gateOnTick = 0;
     std::uint64_t gateOffTick = 0;
-    int startLabel = -1;            // the last label before the polyline, -1 if none
-    int endLabel = -1;              // the first label after it, -1 if none
+    int startLabel = -1;  // the last label before the polyline, -1 if none
+    int endLabel = -1;    // the first label after it, -1 if none
     std::vector<ScheduledSegment> segments;
 };
 
 struct ScheduledJump {
-    int line = 0;                   // 0: the return home after the last command
+    int line = 0;  // 0: the return home after the last command
     Point from;
     Point to;
-    std::uint64_t motionEndTick = 0;   // the commanded position arrives
-    std::uint64_t nextMotionTick = kNoTick;  // the commanded path moves again; kNoTick: not in this run
+    std::uint64_t motionEndTick = 0;        // the commanded position arrives
+    std::uint64_t nextMotionTick = NoTick;  // the commanded path moves again; NoTick: not in this run
 };
 
 struct JobSchedule {
-    Trajectory path{Point{0, 0}, kServoPeriodTicks};
+    Trajectory path{Point{0, 0}, ServoPeriodTicks};
     std::uint64_t jobStartTick = 0;  // the first command
     std::uint64_t jobEndTick = 0;    // the last command is done
     std::uint64_t homeTick = 0;      // the path is back home (0, 0), with a jump after the job if it ended elsewhere
     std::vector<ScheduledMark> marks;
     std::vector<ScheduledJump> jumps;
-    std::vector<Label> labels;       // by time
+    std::vector<Label> labels;  // by time
 };
 
 // Lays the job out from `jobStartTick` on, the path standing at home before it. Throws JobFileError for what only
 // the layout shows (an arc that leaves the field, a mark too short for its gate, a job longer than a run may last).
 JobSchedule scheduleJob(const JobProgram& program, const CardTiming& timing, std::uint64_t jobStartTick);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,10 +1,10 @@
 // Cutting the client's bytes into command frames, and building response frames.
-#include "CommandFrames.h"
+#include "tools/oltb-sim/CommandFrames.h"
 
 #include <algorithm>
 #include <cassert>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 bool isKnownCommand(const std::uint8_t code) noexcept {
     switch (static_cast<CommandCode>(code)) {
@@ -30,20 +30,20 @@ CommandRead CommandFrameReader::next() {
     if (begin == _buffer.end()) {
         return read;
     }
-    if (*begin != kCommandFrameStart) {
-        const auto frameStart = std::find(begin, _buffer.end(), kCommandFrameStart);
+    if (*begin != CommandFrameStart) {
+        const auto frameStart = std::find(begin, _buffer.end(), CommandFrameStart);
         read.outcome = CommandReadOutcome::skippedBytes;
         read.skipped = static_cast<std::size_t>(frameStart - begin);
         _position += read.skipped;
         return read;
     }
-    if (bufferedBytes() < kCommandFrameSize) {
+    if (bufferedBytes() < CommandFrameSize) {
         return read;
     }
     read.outcome = CommandReadOutcome::frame;
     read.frame.code = _buffer[_position + 1];
-    std::copy_n(begin + 2, kCommandPayloadSize, read.frame.payload.begin());
-    _position += kCommandFrameSize;
+    std::copy_n(begin + 2, CommandPayloadSize, read.frame.payload.begin());
+    _position += CommandFrameSize;
     return read;
 }
 
@@ -56,4 +56,4 @@ void appendResponseFrame(std::vector<std::uint8_t>& out, const std::uint8_t* con
     out.push_back(shape == ResponseShape::exact ? 0xB2 : 0x00);
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 enum class CommandCode : std::uint8_t {
     stop = 0x10,
@@ -20,15 +20,15 @@ enum class CommandCode : std::uint8_t {
     getConfig = 0x82,
 };
 
-constexpr std::uint8_t kCommandFrameStart = 0x4D;
-constexpr std::size_t kCommandFrameSize = 19;
-constexpr std::size_t kCommandPayloadSize = 17;
+constexpr std::uint8_t CommandFrameStart = 0x4D;
+constexpr std::size_t CommandFrameSize = 19;
+constexpr std::size_t CommandPayloadSize = 17;
 
 bool isKnownCommand(std::uint8_t code) noexcept;
 
 struct CommandFrame {
     std::uint8_t code = 0;
-    std::array<std::uint8_t, kCommandPayloadSize> payload{};
+    std::array<std::uint8_t, CommandPayloadSize> payload{};
 };
 
 enum class CommandReadOutcome {
@@ -62,4 +62,4 @@ enum class ResponseShape {
 void appendResponseFrame(std::vector<std::uint8_t>& out, const std::uint8_t* payload, std::size_t payloadSize,
                          ResponseShape shape = ResponseShape::exact);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,15 +1,15 @@
 // The counting stream, written in runs that end at the next time-base crossing.
-#include "CounterStream.h"
+#include "tools/oltb-sim/CounterStream.h"
 
-#include "WordEncoder.h"
+#include "tools/oltb-sim/WordEncoder.h"
 
 #include <algorithm>
 #include <cassert>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 CounterStream::CounterStream(const std::uint64_t stepTicks) : _stepTicks(stepTicks) {
-    assert(stepTicks >= 1 && stepTicks < kTicksPerTimeBase);
+    assert(stepTicks >= 1 && stepTicks < TicksPerTimeBase);
 }
 
 void CounterStream::start(const std::uint64_t startTick, const SignalSelection&) {
@@ -24,26 +24,26 @@ void CounterStream::generate(const std::uint64_t horizonTick, const std::size_t 
         return;
     }
     std::uint64_t remaining = maxWords;
-    if (horizonTick != kNoHorizon) {
+    if (horizonTick != NoHorizon) {
         remaining = std::min<std::uint64_t>(remaining, (horizonTick - _nextTick + _stepTicks - 1) / _stepTicks);
     }
-    constexpr std::uint64_t kTypeBits = std::uint64_t{oltbEventSpi0Rx} << 24;
+    constexpr std::uint64_t TypeBits = std::uint64_t{oltbEventSpi0Rx} << 24;
     while (remaining > 0) {
-        const std::uint64_t period = _nextTick / kTicksPerTimeBase;
+        const std::uint64_t period = _nextTick / TicksPerTimeBase;
         if (!_hasTimeBase || period != _timeBasePayload) {
-            out.push_back(packWord(0, kTimeBaseType, static_cast<std::uint32_t>(period)));
+            out.push_back(packWord(0, TimeBaseType, static_cast<std::uint32_t>(period)));
             _timeBasePayload = period;
             _hasTimeBase = true;
         }
-        const std::uint64_t ticksLeftInPeriod = (period + 1) * kTicksPerTimeBase - _nextTick;
+        const std::uint64_t ticksLeftInPeriod = (period + 1) * TicksPerTimeBase - _nextTick;
         const std::uint64_t run = std::min(remaining, (ticksLeftInPeriod + _stepTicks - 1) / _stepTicks);
         const std::size_t base = out.size();
         out.resize(base + run);
         std::uint64_t* const words = out.data() + base;
-        std::uint64_t field = _nextTick % kTicksPerTimeBase;
+        std::uint64_t field = _nextTick % TicksPerTimeBase;
         std::uint32_t value = _value;
         for (std::uint64_t i = 0; i < run; ++i) {
-            words[i] = (std::uint64_t{value} << 32) | kTypeBits | field;
+            words[i] = (std::uint64_t{value} << 32) | TypeBits | field;
             ++value;
             field += _stepTicks;
         }
@@ -53,4 +53,4 @@ void CounterStream::generate(const std::uint64_t horizonTick, const std::size_t 
     }
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

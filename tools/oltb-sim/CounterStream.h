@@ -4,9 +4,9 @@
 // socket, not the generator, sets the pace.
 #pragma once
 
-#include "TraceSource.h"
+#include "tools/oltb-sim/TraceSource.h"
 
-namespace oltbsim {
+namespace oltb::sim {
 
 class CounterStream final : public TraceSource {
 public:
@@ -25,4 +25,4 @@ private:
     std::uint64_t _timeBasePayload = 0;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

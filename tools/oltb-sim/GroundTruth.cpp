@@ -1,5 +1,5 @@
 // The truth behind a job's trace, from the model's own samples and schedule, and its JSON form.
-#include "GroundTruth.h"
+#include "tools/oltb-sim/GroundTruth.h"
 
 #include "analysis/Json.h"
 
@@ -8,11 +8,11 @@
 #include <cstdio>
 #include <limits>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr double kScanSteps = 60;
-constexpr double kResolutionUs = 0.001;
+constexpr double ScanSteps = 60;
+constexpr double ResolutionUs = 0.001;
 
 struct GateSample {
     std::size_t index;  // of the sample period
@@ -29,7 +29,7 @@ struct SampledTrace {
 
 SampledTrace sampleTrace(const MarkingJob& job) {
     SampledTrace trace;
-    const std::uint64_t period = MarkingJob::kSamplePeriodTicks;
+    const std::uint64_t period = MarkingJob::SamplePeriodTicks;
     for (std::uint64_t tick = 0; tick <= job.cycleTicks(); tick += period) {
         const Position3 commanded = job.commanded(0, static_cast<std::int64_t>(tick));
         trace.commanded.push_back({static_cast<double>(commanded.x), static_cast<double>(commanded.y)});
@@ -45,7 +45,7 @@ SampledTrace sampleTrace(const MarkingJob& job) {
 }
 
 double squaredMismatch(const SampledTrace& trace, const double shiftUs) {
-    const double shiftPeriods = shiftUs * static_cast<double>(kTicksPerUs) / MarkingJob::kSamplePeriodTicks;
+    const double shiftPeriods = shiftUs * static_cast<double>(TicksPerUs) / MarkingJob::SamplePeriodTicks;
     const auto wholePeriods = static_cast<std::ptrdiff_t>(std::floor(shiftPeriods));
     const double fraction = shiftPeriods - static_cast<double>(wholePeriods);
     const auto commandedAt = [&trace](const std::ptrdiff_t index) {
@@ -71,7 +71,7 @@ double leastSquaresShiftUs(const MarkingJob& job) {
         return std::numeric_limits<double>::quiet_NaN();
     }
     const double highest = 3 * job.settings().servo.trackingErrorUs + 200;
-    const double step = highest / kScanSteps;
+    const double step = highest / ScanSteps;
     double best = 0;
     double bestValue = std::numeric_limits<double>::infinity();
     for (double shift = 0; shift <= highest; shift += step) {
@@ -88,7 +88,7 @@ double leastSquaresShiftUs(const MarkingJob& job) {
     double right = low + ratio * (high - low);
     double leftValue = squaredMismatch(trace, left);
     double rightValue = squaredMismatch(trace, right);
-    while (high - low > kResolutionUs) {
+    while (high - low > ResolutionUs) {
         if (leftValue <= rightValue) {
             high = right;
             right = left;
@@ -107,24 +107,16 @@ double leastSquaresShiftUs(const MarkingJob& job) {
 }
 
 double usFromJobStart(const MarkingJob& job, const double tick) {
-    return (tick - static_cast<double>(job.jobStartTick())) / static_cast<double>(kTicksPerUs);
+    return (tick - static_cast<double>(job.jobStartTick())) / static_cast<double>(TicksPerUs);
 }
 
-std::string number(const double value) {
-    return oltb::analysis::jsonNumber(value);
-}
+std::string number(const double value) { return oltb::analysis::jsonNumber(value); }
 
-std::string point(const Point p) {
-    return "[" + std::to_string(p.x) + ", " + std::to_string(p.y) + "]";
-}
+std::string point(const Point p) { return "[" + std::to_string(p.x) + ", " + std::to_string(p.y) + "]"; }
 
-std::string labelOrNull(const int label) {
-    return label < 0 ? "null" : std::to_string(label);
-}
+std::string labelOrNull(const int label) { return label < 0 ? "null" : std::to_string(label); }
 
-std::string quoted(const std::string& text) {
-    return oltb::analysis::jsonString(text);
-}
+std::string quoted(const std::string& text) { return oltb::analysis::jsonString(text); }
 
 double median(std::vector<double> values) {
     if (values.empty()) {
@@ -147,7 +139,7 @@ JobTruth explainJob(const MarkingJob& job) {
     truth.trackingErrorUs = steadyLagUs(job.settings().servo, fastestMark);
     truth.leastSquaresShiftUs = leastSquaresShiftUs(job);
     const double lagUs = std::isfinite(truth.trackingErrorUs) ? truth.trackingErrorUs : truth.leastSquaresShiftUs;
-    const double shiftTicks = lagUs * static_cast<double>(kTicksPerUs);
+    const double shiftTicks = lagUs * static_cast<double>(TicksPerUs);
     for (const ScheduledMark& mark : job.marks()) {
         MarkTruth result;
         result.gateOnUs = usFromJobStart(job, static_cast<double>(mark.gateOnTick));
@@ -195,7 +187,7 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
     field("settle_band_units", number(settings.settleBandUnits));
     field("max_edge_dose", number(settings.maxEdgeDose));
     field("job_duration_us", number(usFromJobStart(job, static_cast<double>(job.jobEndTick()))));
-    field("cycle_us", number(static_cast<double>(job.cycleTicks()) / static_cast<double>(kTicksPerUs)));
+    field("cycle_us", number(static_cast<double>(job.cycleTicks()) / static_cast<double>(TicksPerUs)));
     field("tracking_error_us", number(truth.trackingErrorUs));
     field("least_squares_shift_us", number(truth.leastSquaresShiftUs));
     std::vector<double> onOffsets;
@@ -236,18 +228,19 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
                ", \"line\": " + std::to_string(mark.line) + ", \"start_label\": " + labelOrNull(mark.startLabel) +
                ", \"end_label\": " + labelOrNull(mark.endLabel) + ", \"power\": " + std::to_string(mark.power) +
                ", \"start\": " + point(mark.startPoint) + ", \"end\": " + point(mark.segments.back().to) +
-               ", \"mark_speed\": " + number(figures.markSpeedUnitsPerMs) + ", \"gate_on_us\": " +
-               number(result.gateOnUs) + ", \"gate_off_us\": " + number(result.gateOffUs) +
-               ", \"motion_start_us\": " + number(result.motionStartUs) + ", \"motion_end_us\": " +
-               number(result.motionEndUs) + ", \"laser_on_offset_us\": " + number(result.laserOnOffsetUs) +
+               ", \"mark_speed\": " + number(figures.markSpeedUnitsPerMs) +
+               ", \"gate_on_us\": " + number(result.gateOnUs) + ", \"gate_off_us\": " + number(result.gateOffUs) +
+               ", \"motion_start_us\": " + number(result.motionStartUs) +
+               ", \"motion_end_us\": " + number(result.motionEndUs) +
+               ", \"laser_on_offset_us\": " + number(result.laserOnOffsetUs) +
                ", \"laser_off_offset_us\": " + number(result.laserOffOffsetUs) +
-               ", \"start_missing\": " + number(figures.startMissing) + ", \"end_missing\": " +
-               number(figures.endMissing) + ", \"speed_at_on\": " + number(figures.speedAtOn) +
-               ", \"speed_at_off\": " + number(figures.speedAtOff) + ", \"best_laser_on_delay_us\": " +
-               number(figures.bestLaserOnDelayUs) + ", \"best_laser_off_delay_us\": " +
-               number(figures.bestLaserOffDelayUs) + ", \"start_missing_at_best\": " +
-               number(figures.startMissingAtBest) + ", \"end_missing_at_best\": " +
-               number(figures.endMissingAtBest) + "}";
+               ", \"start_missing\": " + number(figures.startMissing) +
+               ", \"end_missing\": " + number(figures.endMissing) + ", \"speed_at_on\": " + number(figures.speedAtOn) +
+               ", \"speed_at_off\": " + number(figures.speedAtOff) +
+               ", \"best_laser_on_delay_us\": " + number(figures.bestLaserOnDelayUs) +
+               ", \"best_laser_off_delay_us\": " + number(figures.bestLaserOffDelayUs) +
+               ", \"start_missing_at_best\": " + number(figures.startMissingAtBest) +
+               ", \"end_missing_at_best\": " + number(figures.endMissingAtBest) + "}";
     }
     out += truth.marks.empty() ? "],\n" : "\n  ],\n";
 
@@ -255,15 +248,15 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
     for (std::size_t i = 0; i < job.jumps().size(); ++i) {
         const ScheduledJump& jump = job.jumps()[i];
         const JumpFigures& figures = truth.mirror.jumps[i];
-        const double length = std::hypot(static_cast<double>(jump.to.x - jump.from.x),
-                                         static_cast<double>(jump.to.y - jump.from.y));
-        out += std::string(i == 0 ? "\n" : ",\n") + "    {\"index\": " + std::to_string(i) + ", \"line\": " +
-               (jump.line > 0 ? std::to_string(jump.line) : std::string("null")) + ", \"from\": " +
-               point(jump.from) + ", \"to\": " + point(jump.to) + ", \"length\": " + number(length) +
+        const double length =
+            std::hypot(static_cast<double>(jump.to.x - jump.from.x), static_cast<double>(jump.to.y - jump.from.y));
+        out += std::string(i == 0 ? "\n" : ",\n") + "    {\"index\": " + std::to_string(i) +
+               ", \"line\": " + (jump.line > 0 ? std::to_string(jump.line) : std::string("null")) +
+               ", \"from\": " + point(jump.from) + ", \"to\": " + point(jump.to) + ", \"length\": " + number(length) +
                ", \"end_us\": " + number(usFromJobStart(job, static_cast<double>(jump.motionEndTick))) +
                ", \"window_us\": " + number(figures.windowUs) + ", \"settle_us\": " + number(figures.settleUs) +
-               ", \"settled\": " + (figures.settled ? "true" : "false") + ", \"overshoot_units\": " +
-               number(figures.overshootUnits) + "}";
+               ", \"settled\": " + (figures.settled ? "true" : "false") +
+               ", \"overshoot_units\": " + number(figures.overshootUnits) + "}";
     }
     out += job.jumps().empty() ? "],\n" : "\n  ],\n";
 
@@ -273,11 +266,11 @@ std::string explanationJson(const MarkingJob& job, const JobTruth& truth) {
         out += std::string(i == 0 ? "\n" : ",\n") + "    {\"mark\": " + std::to_string(corner.mark) +
                ", \"at_us\": " + number(usFromJobStart(job, static_cast<double>(corner.atTick))) +
                ", \"point\": " + point(corner.point) + ", \"angle_deg\": " + number(corner.angleDeg) +
-               ", \"polygon_delay_us\": " + number(corner.polygonDelayUs) + ", \"rounding\": " +
-               number(corner.rounding) + ", \"edge_dose\": " + number(corner.edgeDose) + "}";
+               ", \"polygon_delay_us\": " + number(corner.polygonDelayUs) +
+               ", \"rounding\": " + number(corner.rounding) + ", \"edge_dose\": " + number(corner.edgeDose) + "}";
     }
     out += truth.mirror.corners.empty() ? "]\n" : "\n  ]\n";
     return out + "}\n";
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

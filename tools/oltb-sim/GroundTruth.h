@@ -11,13 +11,13 @@
 // Times are microseconds from the job's first command.
 #pragma once
 
-#include "MarkingJob.h"
-#include "MirrorFigures.h"
+#include "tools/oltb-sim/MarkingJob.h"
+#include "tools/oltb-sim/MirrorFigures.h"
 
 #include <string>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 struct MarkTruth {
     double gateOnUs = 0;
@@ -29,9 +29,9 @@ struct MarkTruth {
 };
 
 struct JobTruth {
-    double trackingErrorUs = 0;       // the steady lag; NaN when there is none
+    double trackingErrorUs = 0;  // the steady lag; NaN when there is none
     double leastSquaresShiftUs = 0;
-    std::vector<MarkTruth> marks;     // one per polyline of the job
+    std::vector<MarkTruth> marks;  // one per polyline of the job
     MirrorFigures mirror;
 };
 
@@ -40,4 +40,4 @@ JobTruth explainJob(const MarkingJob& job);
 // The explanation as one JSON object: the settings, the truth, every label, polyline and jump.
 std::string explanationJson(const MarkingJob& job, const JobTruth& truth);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,6 +1,6 @@
 // Reading job text line by line: each line is checked on its own (words, numbers, ranges), so an error names the
 // line it is on. What depends on the path (an arc leaving the field) is checked where the job is laid out.
-#include "JobFile.h"
+#include "tools/oltb-sim/JobFile.h"
 
 #include "tools/oltb/Excerpt.h"
 
@@ -11,21 +11,22 @@
 #include <fstream>
 #include <sstream>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr double kMaxWaitUs = 10e6;
+constexpr double MaxWaitUs = 10e6;
 // Far more than any job needs (a line of 30 bytes makes it 140,000 lines); a larger file is refused unread.
-constexpr std::size_t kMaxJobFileBytes = 4 << 20;
-constexpr double kMinSpeedUnitsPerMs = 10;
-constexpr double kMaxSpeedUnitsPerMs = 1e6;
-constexpr double kMaxArcDegrees = 3600;
+constexpr std::size_t MaxJobFileBytes = 4 << 20;
+constexpr double MinSpeedUnitsPerMs = 10;
+constexpr double MaxSpeedUnitsPerMs = 1e6;
+constexpr double MaxArcDegrees = 3600;
 // A client looks for a response frame from the first of its 0x4D bytes on. A trace word whose payload starts with
 // that byte, sent right before a response, would hide the response from it: label numbers and laser levels keep
 // their upper byte clear of it.
-constexpr std::uint32_t kResponseMarkByte = 0x4D;
+constexpr std::uint32_t ResponseMarkByte = 0x4D;
 
-const char* const kBuiltInJob = R"(# oltb-sim's built-in marking job (oltb-sim --print-job prints it). The job file format is in oltb-sim --help.
+const char* const BuiltInJob =
+    R"(# oltb-sim's built-in marking job (oltb-sim --print-job prints it). The job file format is in oltb-sim --help.
 # Head 0 marks a line, a square, a circle and a half arc; the card's speeds and delays come from the options.
 label 1                     # job start
 power 0x4000
@@ -75,8 +76,8 @@ public:
 
     void expectArguments(const std::size_t count, const char* usage) const {
         if (_words.size() != count + 1) {
-            fail(quoted(0) + " takes " + std::to_string(count) + " argument" + (count == 1 ? "" : "s") +
-                 " (" + usage + "), got " + std::to_string(_words.size() - 1));
+            fail(quoted(0) + " takes " + std::to_string(count) + " argument" + (count == 1 ? "" : "s") + " (" + usage +
+                 "), got " + std::to_string(_words.size() - 1));
         }
     }
 
@@ -93,7 +94,7 @@ public:
         if (value != std::floor(value)) {
             fail(std::string(name) + " must be a whole number of head units: " + shown(index));
         }
-        if (std::fabs(value) > static_cast<double>(kFieldLimitUnits)) {
+        if (std::fabs(value) > static_cast<double>(FieldLimitUnits)) {
             fail(std::string(name) + " " + shown(index) + " lies outside the field (-524287..524287)");
         }
         return static_cast<std::int64_t>(value);
@@ -138,7 +139,7 @@ private:
 
 bool powerHidesResponses(const std::uint32_t power16) {
     for (const std::uint32_t level : {power16, power16 / 2}) {  // laser 0 has the power, laser 1 half of it
-        if (level >> 8 == kResponseMarkByte || scalePower(level, 8) == kResponseMarkByte) {
+        if (level >> 8 == ResponseMarkByte || scalePower(level, 8) == ResponseMarkByte) {
             return true;
         }
     }
@@ -158,7 +159,7 @@ JobCommand parseCommand(const LineParser& parser) {
         command.kind = JobCommandKind::arc;
         command.x = parser.position(1, "CX");
         command.y = parser.position(2, "CY");
-        command.value = parser.inRange(3, "DEGREES", -kMaxArcDegrees, kMaxArcDegrees, "degrees");
+        command.value = parser.inRange(3, "DEGREES", -MaxArcDegrees, MaxArcDegrees, "degrees");
         if (command.value == 0) {
             parser.fail("an arc of 0 degrees marks nothing");
         }
@@ -166,22 +167,24 @@ JobCommand parseCommand(const LineParser& parser) {
         parser.expectArguments(1, "N");
         command.kind = JobCommandKind::label;
         command.number = parser.whole(1, "the label", 65535);
-        if (command.number >> 8 == kResponseMarkByte) {
-            parser.fail("labels 19712 to 19967 (0x4D00..0x4DFF) are not used: the upper byte 0x4D would hide a "
-                        "response from the client");
+        if (command.number >> 8 == ResponseMarkByte) {
+            parser.fail(
+                "labels 19712 to 19967 (0x4D00..0x4DFF) are not used: the upper byte 0x4D would hide a "
+                "response from the client");
         }
     } else if (name == "power") {
         parser.expectArguments(1, "P");
         command.kind = JobCommandKind::power;
         command.number = parser.whole(1, "the power", 65535);
         if (powerHidesResponses(command.number)) {
-            parser.fail("power " + parser.shown(1) + " is not used: a laser level with the byte 0x4D would hide "
+            parser.fail("power " + parser.shown(1) +
+                        " is not used: a laser level with the byte 0x4D would hide "
                         "a response from the client; take a power a little higher or lower");
         }
     } else if (name == "wait") {
         parser.expectArguments(1, "US");
         command.kind = JobCommandKind::wait;
-        command.value = parser.inRange(1, "the wait", 0, kMaxWaitUs, "us");
+        command.value = parser.inRange(1, "the wait", 0, MaxWaitUs, "us");
     } else if (name == "speed") {
         parser.expectArguments(2, "jump|mark V");
         const std::string& which = parser.words()[1];
@@ -189,7 +192,7 @@ JobCommand parseCommand(const LineParser& parser) {
             parser.fail("'speed' sets 'jump' or 'mark', not " + parser.quoted(1));
         }
         command.kind = which == "jump" ? JobCommandKind::jumpSpeed : JobCommandKind::markSpeed;
-        command.value = parser.inRange(2, "the speed", kMinSpeedUnitsPerMs, kMaxSpeedUnitsPerMs, "units/ms");
+        command.value = parser.inRange(2, "the speed", MinSpeedUnitsPerMs, MaxSpeedUnitsPerMs, "units/ms");
     } else {
         parser.fail("unknown command " + parser.quoted(0) + " (jump, mark, arc, label, power, wait, speed)");
     }
@@ -245,25 +248,23 @@ JobProgram readJobFile(const std::string& path) {
     if (!file) {
         throw JobFileError(path, 0, "cannot read the job file");
     }
-    std::string text(kMaxJobFileBytes + 1, '\0');
+    std::string text(MaxJobFileBytes + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     if (file.bad()) {
         throw JobFileError(path, 0, "cannot read the job file");
     }
     text.resize(static_cast<std::size_t>(file.gcount()));
-    if (text.size() > kMaxJobFileBytes) {
+    if (text.size() > MaxJobFileBytes) {
         throw JobFileError(path, 0, "larger than 4 MiB, far more than a job needs");
     }
     return parseJob(text, path);
 }
 
 const std::string& builtInJobText() {
-    static const std::string text = kBuiltInJob;
+    static const std::string text = BuiltInJob;
     return text;
 }
 
-JobProgram builtInJob() {
-    return parseJob(builtInJobText(), "built-in job");
-}
+JobProgram builtInJob() { return parseJob(builtInJobText(), "built-in job"); }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

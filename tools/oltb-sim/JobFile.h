@@ -15,17 +15,17 @@
 #include <string>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 enum class JobCommandKind { jump, mark, arc, label, power, wait, jumpSpeed, markSpeed };
 
 struct JobCommand {
     JobCommandKind kind = JobCommandKind::wait;
-    int line = 0;             // in the job's text, from 1
-    std::int64_t x = 0;       // jump, mark: the target; arc: the centre
+    int line = 0;        // in the job's text, from 1
+    std::int64_t x = 0;  // jump, mark: the target; arc: the centre
     std::int64_t y = 0;
-    double value = 0;         // arc: degrees; wait: microseconds; speeds: units/ms
-    std::uint32_t number = 0; // label number, power
+    double value = 0;          // arc: degrees; wait: microseconds; speeds: units/ms
+    std::uint32_t number = 0;  // label number, power
 };
 
 struct JobProgram {
@@ -40,7 +40,7 @@ public:
     JobFileError(const std::string& source, int line, const std::string& what);
 };
 
-constexpr std::int64_t kFieldLimitUnits = 524287;  // the largest position a 20-bit head channel carries
+constexpr std::int64_t FieldLimitUnits = 524287;  // the largest position a 20-bit head channel carries
 
 JobProgram parseJob(const std::string& text, const std::string& source);
 // The level of a 16-bit laser power on a power line of `widthBits` bits, rounded up so that any power shows.
@@ -52,4 +52,4 @@ JobProgram readJobFile(const std::string& path);
 const std::string& builtInJobText();
 JobProgram builtInJob();
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,24 +1,24 @@
 // Merging the job's position samples and narrow-signal words into one stream ordered by field tick.
-#include "JobStream.h"
+#include "tools/oltb-sim/JobStream.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 // Head channels in the order they are written for each sample: Tx X, Y, Z, then Rx X, Y, Z.
-constexpr std::array<std::uint32_t, 6> kHeadChannelOffsets = {0, 2, 4, 8, 10, 12};
-constexpr std::uint32_t kHeadGroupBase = 32;
-constexpr std::uint32_t kHeadStride = 16;
-constexpr std::uint32_t kLabelShift = 16;
+constexpr std::array<std::uint32_t, 6> HeadChannelOffsets = {0, 2, 4, 8, 10, 12};
+constexpr std::uint32_t HeadGroupBase = 32;
+constexpr std::uint32_t HeadStride = 16;
+constexpr std::uint32_t LabelShift = 16;
 
 }  // namespace
 
 JobStream::JobStream(const MarkingJob& job)
     : _job(job),
-      _samplesPerCycle(job.cycleTicks() / MarkingJob::kSamplePeriodTicks),
+      _samplesPerCycle(job.cycleTicks() / MarkingJob::SamplePeriodTicks),
       _noiseUnits(0.0, job.settings().feedbackNoiseUnits) {
     buildNarrowWords();
 }
@@ -47,16 +47,14 @@ void JobStream::buildNarrowWords() {
         }
     }
     for (const Label& label : _job.labels()) {
-        _narrowWords.push_back({fieldTickOf(oltbEventLabel, label.tick), oltbEventLabel,
-                                std::uint32_t{label.number} << kLabelShift, true});
+        _narrowWords.push_back(
+            {fieldTickOf(oltbEventLabel, label.tick), oltbEventLabel, std::uint32_t{label.number} << LabelShift, true});
     }
     std::stable_sort(_narrowWords.begin(), _narrowWords.end(),
                      [](const NarrowWord& a, const NarrowWord& b) { return a.fieldTick < b.fieldTick; });
 }
 
-std::uint64_t JobStream::cycleStart() const noexcept {
-    return _startTick + _cycle * _job.cycleTicks();
-}
+std::uint64_t JobStream::cycleStart() const noexcept { return _startTick + _cycle * _job.cycleTicks(); }
 
 void JobStream::start(const std::uint64_t startTick, const SignalSelection& selection) {
     _startTick = startTick;
@@ -87,7 +85,7 @@ std::uint64_t JobStream::nextTick() const {
         next = std::min(next, start + _narrowWords[_nextNarrow].fieldTick);
     }
     if (_nextSample < _samplesPerCycle) {
-        next = std::min(next, start + _nextSample * MarkingJob::kSamplePeriodTicks);
+        next = std::min(next, start + _nextSample * MarkingJob::SamplePeriodTicks);
     }
     return next;
 }
@@ -106,11 +104,11 @@ void JobStream::emitCurrentState(const std::uint32_t type, const std::uint64_t f
 void JobStream::emitSample(const std::uint64_t tick, std::vector<std::uint64_t>& out) {
     const auto cycleTick = static_cast<std::int64_t>(tick - cycleStart());
     for (unsigned head = 0; head < 2; ++head) {
-        const std::uint32_t base = kHeadGroupBase + head * kHeadStride;
+        const std::uint32_t base = HeadGroupBase + head * HeadStride;
         bool wantsCommanded = false;
         bool wantsActual = false;
-        for (std::size_t c = 0; c < kHeadChannelOffsets.size(); ++c) {
-            const bool traced = _selection.isTraced(base + kHeadChannelOffsets[c]);
+        for (std::size_t c = 0; c < HeadChannelOffsets.size(); ++c) {
+            const bool traced = _selection.isTraced(base + HeadChannelOffsets[c]);
             (c < 3 ? wantsCommanded : wantsActual) |= traced;
         }
         if (!wantsCommanded && !wantsActual) {
@@ -119,14 +117,14 @@ void JobStream::emitSample(const std::uint64_t tick, std::vector<std::uint64_t>&
         const Position3 tx = wantsCommanded ? _job.commanded(head, cycleTick) : Position3{};
         Position3 rx = wantsActual ? _job.actual(head, cycleTick) : Position3{};
         if (wantsActual && _job.settings().feedbackNoiseUnits > 0) {
-            const auto limit = static_cast<double>(kFieldLimitUnits);
+            const auto limit = static_cast<double>(FieldLimitUnits);
             for (std::int64_t* value : {&rx.x, &rx.y}) {
                 *value = std::llround(std::clamp(static_cast<double>(*value) + _noiseUnits(_noise), -limit, limit));
             }
         }
         const std::array<std::int64_t, 6> values = {tx.x, tx.y, tx.z, rx.x, rx.y, rx.z};
-        for (std::size_t c = 0; c < kHeadChannelOffsets.size(); ++c) {
-            const std::uint32_t type = base + kHeadChannelOffsets[c];
+        for (std::size_t c = 0; c < HeadChannelOffsets.size(); ++c) {
+            const std::uint32_t type = base + HeadChannelOffsets[c];
             if (_selection.isTraced(type)) {
                 _encoder.append(out, tick, type, rawPosition(values[c], c % 3 == 0));
             }
@@ -134,8 +132,7 @@ void JobStream::emitSample(const std::uint64_t tick, std::vector<std::uint64_t>&
     }
 }
 
-void JobStream::generate(const std::uint64_t horizonTick, const std::size_t maxWords,
-                         std::vector<std::uint64_t>& out) {
+void JobStream::generate(const std::uint64_t horizonTick, const std::size_t maxWords, std::vector<std::uint64_t>& out) {
     const std::size_t first = out.size();
     if (!_encoder.hasTimeBase() && _startTick < horizonTick) {
         _encoder.ensureTimeBase(out, _startTick);  // every stream opens with its time base
@@ -173,4 +170,4 @@ void JobStream::generate(const std::uint64_t horizonTick, const std::size_t maxW
     }
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -5,13 +5,13 @@
 // signal (stream start, SetConfig) first gets one word with its current state.
 #pragma once
 
-#include "MarkingJob.h"
-#include "TraceSource.h"
-#include "WordEncoder.h"
+#include "tools/oltb-sim/MarkingJob.h"
+#include "tools/oltb-sim/TraceSource.h"
+#include "tools/oltb-sim/WordEncoder.h"
 
 #include <random>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 class JobStream final : public TraceSource {
 public:
@@ -55,4 +55,4 @@ private:
     std::normal_distribution<double> _noiseUnits;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,20 +1,20 @@
 // Reading the jump delay table line by line; each error names its line.
-#include "JumpTable.h"
+#include "tools/oltb-sim/JumpTable.h"
 
+#include <sys/stat.h>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
-#include <sys/stat.h>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr std::size_t kMaxRows = 256;
-constexpr std::size_t kMaxFileBytes = 1 << 20;
-constexpr double kMaxDelayUs = 100000;
+constexpr std::size_t MaxRows = 256;
+constexpr std::size_t MaxFileBytes = 1 << 20;
+constexpr double MaxDelayUs = 100000;
 
 bool parseNumber(const std::string& word, double& value) {
     errno = 0;
@@ -48,7 +48,7 @@ std::vector<JumpDelayRow> parseJumpTable(const std::string& text, const std::str
         if (!parseNumber(fields[0], row.lengthUnits) || row.lengthUnits < 0) {
             fail("the length is not a number of units from 0 on: '" + fields[0] + "'");
         }
-        if (!parseNumber(fields[1], row.delayUs) || row.delayUs < 0 || row.delayUs > kMaxDelayUs) {
+        if (!parseNumber(fields[1], row.delayUs) || row.delayUs < 0 || row.delayUs > MaxDelayUs) {
             fail("the delay is not a number of us from 0 to 100000: '" + fields[1] + "'");
         }
         if (!rows.empty() && row.lengthUnits <= rows.back().lengthUnits) {
@@ -56,7 +56,7 @@ std::vector<JumpDelayRow> parseJumpTable(const std::string& text, const std::str
             std::snprintf(previous, sizeof previous, "%g", rows.back().lengthUnits);
             fail("the lengths must ascend: " + fields[0] + " follows " + previous);
         }
-        if (rows.size() == kMaxRows) {
+        if (rows.size() == MaxRows) {
             fail("more than 256 rows");
         }
         rows.push_back(row);
@@ -79,14 +79,14 @@ std::vector<JumpDelayRow> readJumpTable(const std::string& path) {
     if (file == nullptr) {
         throw JumpTableError(path + ": cannot be read");
     }
-    std::string text(kMaxFileBytes + 1, '\0');
+    std::string text(MaxFileBytes + 1, '\0');
     const std::size_t length = std::fread(text.data(), 1, text.size(), file);
     const bool failed = std::ferror(file) != 0;
     std::fclose(file);
     if (failed) {
         throw JumpTableError(path + ": cannot be read");
     }
-    if (length > kMaxFileBytes) {
+    if (length > MaxFileBytes) {
         throw JumpTableError(path + ": larger than 1 MiB");
     }
     text.resize(length);
@@ -102,4 +102,4 @@ double jumpDelayUs(const std::vector<JumpDelayRow>& table, const double lengthUn
     return row == table.end() ? table.back().delayUs : row->delayUs;
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 struct JumpDelayRow {
     double lengthUnits = 0;
@@ -29,4 +29,4 @@ std::vector<JumpDelayRow> readJumpTable(const std::string& path);
 // The delay of a jump of `lengthUnits`: from the table, or `fixedDelayUs` when the table is empty.
 double jumpDelayUs(const std::vector<JumpDelayRow>& table, double lengthUnits, double fixedDelayUs);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,6 +1,6 @@
 // Layout of a job cycle: the path of head 0 from the card's timing, the mirrors following it, the labels and the
 // signals that follow the marking.
-#include "MarkingJob.h"
+#include "tools/oltb-sim/MarkingJob.h"
 
 #include "api/oltb.h"
 
@@ -8,16 +8,16 @@
 #include <cassert>
 #include <cmath>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr std::uint64_t kLeadInTicks = 64000;          // 1 ms at home before the job
-constexpr std::uint64_t kStartMarkPulseTicks = 640;    // StartMark input high for 10 us before the job
+constexpr std::uint64_t LeadInTicks = 64000;        // 1 ms at home before the job
+constexpr std::uint64_t StartMarkPulseTicks = 640;  // StartMark input high for 10 us before the job
 // Mirrors that have not come to rest this long after the pause are taken as they are at the end of the cycle.
-constexpr std::uint64_t kLongestRestTicks = 20ULL * 64000000;
+constexpr std::uint64_t LongestRestTicks = 20ULL * 64000000;
 
-constexpr std::uint32_t kPortAJobBusy = 0x0001;        // PortA bit 0: job running
-constexpr unsigned kPortAShapeShift = 8;               // PortA bits 8..11: number of the polyline being marked, 1..15
+constexpr std::uint32_t PortAJobBusy = 0x0001;  // PortA bit 0: job running
+constexpr unsigned PortAShapeShift = 8;         // PortA bits 8..11: number of the polyline being marked, 1..15
 
 std::uint64_t roundUpTo(const std::uint64_t value, const std::uint64_t step) {
     return (value + step - 1) / step * step;
@@ -30,18 +30,18 @@ struct PowerLine {
     unsigned laser;  // 0: the laser of head 0 (full power), 1: the laser of head 1 (half power)
 };
 
-constexpr PowerLine kPowerLines[] = {
-    {oltbEventLaserPower16, 16, 0},   {oltbEventLaserPower8, 8, 0},     {oltbEventLaserPower4, 4, 0},
-    {oltbEventLaserPower2, 2, 0},     {oltbEventLaserPower1, 1, 0},     {oltbEventLaserPower0_16, 16, 0},
-    {oltbEventLaserPower0_8, 8, 0},   {oltbEventLaserPower0_4, 4, 0},   {oltbEventLaserPower0_2, 2, 0},
-    {oltbEventLaserPower0_1, 1, 0},   {oltbEventLaserPower1_16, 16, 1}, {oltbEventLaserPower1_8, 8, 1},
-    {oltbEventLaserPower1_4, 4, 1},   {oltbEventLaserPower1_2, 2, 1},   {oltbEventLaserPower1_1, 1, 1},
+constexpr PowerLine PowerLines[] = {
+    {oltbEventLaserPower16, 16, 0}, {oltbEventLaserPower8, 8, 0},     {oltbEventLaserPower4, 4, 0},
+    {oltbEventLaserPower2, 2, 0},   {oltbEventLaserPower1, 1, 0},     {oltbEventLaserPower0_16, 16, 0},
+    {oltbEventLaserPower0_8, 8, 0}, {oltbEventLaserPower0_4, 4, 0},   {oltbEventLaserPower0_2, 2, 0},
+    {oltbEventLaserPower0_1, 1, 0}, {oltbEventLaserPower1_16, 16, 1}, {oltbEventLaserPower1_8, 8, 1},
+    {oltbEventLaserPower1_4, 4, 1}, {oltbEventLaserPower1_2, 2, 1},   {oltbEventLaserPower1_1, 1, 1},
 };
 
 }  // namespace
 
 MarkingJob::MarkingJob(const JobSettings& settings)
-    : _settings(settings), _schedule(scheduleJob(settings.program, settings.timing, kLeadInTicks)) {
+    : _settings(settings), _schedule(scheduleJob(settings.program, settings.timing, LeadInTicks)) {
     followPath();
     buildSignals();
 }
@@ -57,16 +57,16 @@ void MarkingJob::followPath() {
     if (_settings.servo.kind == ServoKind::delay) {
         restFrom += static_cast<std::uint64_t>(std::llround(_settings.servo.trackingErrorUs * 64));
     }
-    const std::uint64_t lastTick = std::max(pauseEnd, restFrom) + kLongestRestTicks;
+    const std::uint64_t lastTick = std::max(pauseEnd, restFrom) + LongestRestTicks;
     std::uint64_t restTick = 0;
     _actual.push_back({0, 0});
     while (mirror.tick() < lastTick) {
         mirror.step(command);
         const std::uint64_t tick = mirror.tick();
         const Vec2 position = mirror.position();
-        if (tick % kSamplePeriodTicks == 0) {
+        if (tick % SamplePeriodTicks == 0) {
             const auto clamp = [](const double value) {
-                const double limit = static_cast<double>(kFieldLimitUnits);
+                const double limit = static_cast<double>(FieldLimitUnits);
                 return static_cast<std::int32_t>(std::llround(std::clamp(value, -limit, limit)));
             };
             _actual.push_back({clamp(position.x), clamp(position.y)});
@@ -76,7 +76,7 @@ void MarkingJob::followPath() {
             }
         }
     }
-    _cycleTicks = roundUpTo(std::max({pauseEnd, restTick, mirror.tick()}), kSamplePeriodTicks);
+    _cycleTicks = roundUpTo(std::max({pauseEnd, restTick, mirror.tick()}), SamplePeriodTicks);
 }
 
 void MarkingJob::addChange(const std::uint32_t type, const std::uint64_t tick, const std::uint32_t value) {
@@ -84,9 +84,9 @@ void MarkingJob::addChange(const std::uint32_t type, const std::uint64_t tick, c
 }
 
 void MarkingJob::buildSignals() {
-    addChange(oltbEventStartMark, jobStartTick() - kStartMarkPulseTicks, 1);
+    addChange(oltbEventStartMark, jobStartTick() - StartMarkPulseTicks, 1);
     addChange(oltbEventStartMark, jobStartTick(), 0);
-    addChange(oltbEventPortA, jobStartTick(), kPortAJobBusy);
+    addChange(oltbEventPortA, jobStartTick(), PortAJobBusy);
     addChange(oltbEventPortLaserOut1, jobStartTick(), 1);
 
     const std::vector<ScheduledMark>& marks = _schedule.marks;
@@ -97,9 +97,9 @@ void MarkingJob::buildSignals() {
         addChange(oltbEventPortLaserOut0, mark.gateOnTick, 1);
         addChange(oltbEventPortLaserOut0, mark.gateOffTick, 0);
         addChange(oltbEventPortA, mark.gateOnTick,
-                  kPortAJobBusy | static_cast<std::uint32_t>((k % 15 + 1) << kPortAShapeShift));
-        addChange(oltbEventPortA, mark.gateOffTick, kPortAJobBusy);
-        for (const PowerLine& line : kPowerLines) {
+                  PortAJobBusy | static_cast<std::uint32_t>((k % 15 + 1) << PortAShapeShift));
+        addChange(oltbEventPortA, mark.gateOffTick, PortAJobBusy);
+        for (const PowerLine& line : PowerLines) {
             const std::uint32_t power = line.laser == 0 ? mark.power : mark.power / 2U;
             addChange(line.type, mark.gateOnTick, scalePower(power, line.width));
             addChange(line.type, mark.gateOffTick, 0);
@@ -114,7 +114,7 @@ const std::vector<std::uint32_t>& MarkingJob::drivenSignals() {
     static const std::vector<std::uint32_t> types = [] {
         std::vector<std::uint32_t> list = {oltbEventPortA, oltbEventPortLaserOut0, oltbEventPortLaserOut1,
                                            oltbEventGate, oltbEventStartMark};
-        for (const PowerLine& line : kPowerLines) {
+        for (const PowerLine& line : PowerLines) {
             list.push_back(line.type);
         }
         std::sort(list.begin(), list.end());
@@ -146,7 +146,7 @@ Position3 MarkingJob::actual(const unsigned head, const std::int64_t tick) const
     assert(head < 2);
     Point p{0, 0};
     if (tick > 0) {
-        const auto period = static_cast<std::int64_t>(kSamplePeriodTicks);
+        const auto period = static_cast<std::int64_t>(SamplePeriodTicks);
         const auto index = static_cast<std::size_t>(tick / period);
         const std::int64_t into = tick % period;
         const auto sampleAt = [this](const std::size_t i) {
@@ -160,4 +160,4 @@ Position3 MarkingJob::actual(const unsigned head, const std::int64_t tick) const
     return {onHead.x, onHead.y, (onHead.x * onHead.x + onHead.y * onHead.y) >> 21};
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -14,17 +14,17 @@
 // power, laser 1 half of it.
 #pragma once
 
-#include "CardTiming.h"
-#include "JobFile.h"
-#include "ServoModel.h"
-#include "Trajectory.h"
+#include "tools/oltb-sim/CardTiming.h"
+#include "tools/oltb-sim/JobFile.h"
+#include "tools/oltb-sim/ServoModel.h"
+#include "tools/oltb-sim/Trajectory.h"
 
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 struct JobSettings {
     JobProgram program = builtInJob();
@@ -49,7 +49,7 @@ struct SignalChange {
 
 class MarkingJob {
 public:
-    static constexpr std::uint64_t kSamplePeriodTicks = kServoPeriodTicks;  // positions every 10 us
+    static constexpr std::uint64_t SamplePeriodTicks = ServoPeriodTicks;  // positions every 10 us
 
     // Throws JobFileError when the job cannot be laid out with these settings.
     explicit MarkingJob(const JobSettings& settings = {});
@@ -94,4 +94,4 @@ private:
     std::array<std::vector<SignalChange>, 128> _changes;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

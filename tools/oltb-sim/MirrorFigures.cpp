@@ -1,20 +1,20 @@
 // One pass of the model over the run: each step is offered to the polylines whose time it touches; at the commanded
 // end of each jump a copy of the model runs on with the command held at the target.
-#include "MirrorFigures.h"
+#include "tools/oltb-sim/MirrorFigures.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kTicksPerUsF = static_cast<double>(kTicksPerUs);
-constexpr std::uint64_t kLongestSettleTicks = 20ULL * 64000000;  // a held mirror still moving then never settles
-constexpr int kBisections = 30;                                  // 1 us down to below 1e-9 us
-constexpr int kSpeedSamplesPerStep = 4;
+constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double Pi = 3.14159265358979323846;
+constexpr double TicksPerUsF = static_cast<double>(TicksPerUs);
+constexpr std::uint64_t LongestSettleTicks = 20ULL * 64000000;  // a held mirror still moving then never settles
+constexpr int Bisections = 30;                                  // 1 us down to below 1e-9 us
+constexpr int SpeedSamplesPerStep = 4;
 
 double dot(const Vec2 a, const Vec2 b) { return a.x * b.x + a.y * b.y; }
 Vec2 offset(const Vec2 from, const Point to) {
@@ -36,17 +36,17 @@ struct Span {
     template <class Condition>
     double firstWhere(const double start, const Condition& holds) const {
         if (start > to) {
-            return kNaN;
+            return NaN;
         }
         if (holds(at(start))) {
             return start;
         }
         if (!holds(at(to))) {
-            return kNaN;
+            return NaN;
         }
         double low = start;
         double high = to;
-        for (int i = 0; i < kBisections; ++i) {
+        for (int i = 0; i < Bisections; ++i) {
             const double middle = (low + high) / 2;
             (holds(at(middle)) ? high : low) = middle;
         }
@@ -70,9 +70,9 @@ public:
             totalLength += segment.lengthUnits;
             movingTicks += static_cast<double>(segment.endTick - segment.startTick);
         }
-        _speed = totalLength / (movingTicks / kTicksPerUsF);
+        _speed = totalLength / (movingTicks / TicksPerUsF);
         _threshold = _speed / maxEdgeDose;
-        _figures = {_speed * 1000, kNaN, kNaN, kNaN, kNaN, kNaN, kNaN, kNaN, kNaN};
+        _figures = {_speed * 1000, NaN, NaN, NaN, NaN, NaN, NaN, NaN, NaN};
         _hasEdges = length(_startDirection) > 0 && length(_endDirection) > 0 && _speed > 0;
         _done = !_hasEdges;  // a polyline of no length has no edges to judge
     }
@@ -82,14 +82,20 @@ public:
         const Vec2 in = before.endDirection();
         const Vec2 out = after.startDirection();
         const bool turns = length(in) > 0 && length(out) > 0;  // a segment of no length has no direction
-        const double angle = turns ? std::acos(std::clamp(dot(in, out), -1.0, 1.0)) * 180 / kPi : kNaN;
-        corner = {mark, before.endTick, before.to, angle,
-                  static_cast<double>(after.startTick - before.endTick) / kTicksPerUsF, kNaN, kNaN};
-        const double doseEnd = std::min(static_cast<double>(after.startTick) + 2 * _lagTicks,
-                                        static_cast<double>(_mark.gateOffTick));
+        const double angle = turns ? std::acos(std::clamp(dot(in, out), -1.0, 1.0)) * 180 / Pi : NaN;
+        corner = {mark,
+                  before.endTick,
+                  before.to,
+                  angle,
+                  static_cast<double>(after.startTick - before.endTick) / TicksPerUsF,
+                  NaN,
+                  NaN};
+        const double doseEnd =
+            std::min(static_cast<double>(after.startTick) + 2 * _lagTicks, static_cast<double>(_mark.gateOffTick));
         // The mirror passes the end of the segment after a lag after the command does.
-        _corners.push_back({&corner, static_cast<double>(before.startTick), static_cast<double>(after.endTick) + _lagTicks,
-                            static_cast<double>(before.endTick), doseEnd, INFINITY, INFINITY});
+        _corners.push_back({&corner, static_cast<double>(before.startTick),
+                            static_cast<double>(after.endTick) + _lagTicks, static_cast<double>(before.endTick),
+                            doseEnd, INFINITY, INFINITY});
     }
 
     void observe(const Span& span) {
@@ -116,8 +122,8 @@ public:
     // What a polyline's window does not reach stays NaN; the corners' rounding and dose come from what it saw.
     void finish() {
         for (CornerWatch& corner : _corners) {
-            corner.figures->rounding = std::isfinite(corner.closest) ? corner.closest : kNaN;
-            corner.figures->edgeDose = std::isfinite(corner.slowest) ? edgeDose(corner.slowest / _speed) : kNaN;
+            corner.figures->rounding = std::isfinite(corner.closest) ? corner.closest : NaN;
+            corner.figures->edgeDose = std::isfinite(corner.slowest) ? edgeDose(corner.slowest / _speed) : NaN;
         }
     }
 
@@ -143,7 +149,7 @@ private:
                 return;
             }
             const MirrorState state = span.at(_onTick);
-            _figures.bestLaserOnDelayUs = (_onTick - start) / kTicksPerUsF;
+            _figures.bestLaserOnDelayUs = (_onTick - start) / TicksPerUsF;
             _figures.startMissingAtBest = dot(offset(state.position, _mark.segments.front().from), _startDirection);
         }
         // A mirror that trails the command reaches the end point after the command does, so both conditions are
@@ -156,7 +162,7 @@ private:
             return;
         }
         const MirrorState state = span.at(off);
-        _figures.bestLaserOffDelayUs = (off - end) / kTicksPerUsF;
+        _figures.bestLaserOffDelayUs = (off - end) / TicksPerUsF;
         _figures.endMissingAtBest = -dot(offset(state.position, _mark.segments.back().to), _endDirection);
         _done = true;
     }
@@ -179,8 +185,8 @@ private:
         }
         const double doseFrom = std::max(span.from, corner.doseFrom);
         const double doseTo = std::min(span.to, corner.doseTo);
-        for (int i = 0; i <= kSpeedSamplesPerStep && doseFrom <= doseTo; ++i) {
-            const double tick = doseFrom + (doseTo - doseFrom) * i / kSpeedSamplesPerStep;
+        for (int i = 0; i <= SpeedSamplesPerStep && doseFrom <= doseTo; ++i) {
+            const double tick = doseFrom + (doseTo - doseFrom) * i / SpeedSamplesPerStep;
             corner.slowest = std::min(corner.slowest, length(span.at(tick).velocity));
         }
     }
@@ -192,7 +198,7 @@ private:
     Vec2 _endDirection;
     double _speed = 0;      // units/us
     double _threshold = 0;  // units/us
-    double _onTick = kNaN;
+    double _onTick = NaN;
     bool _hasEdges = false;
     bool _done = false;  // the best gate times are known
     std::vector<CornerWatch> _corners;
@@ -203,30 +209,32 @@ private:
 JumpFigures settleJump(ServoModel mirror, const Trajectory& path, const ScheduledJump& jump, const double band) {
     const double end = static_cast<double>(jump.motionEndTick);
     const PathCommand held(path, end);
-    const double lengthUnits = length(offset({static_cast<double>(jump.to.x), static_cast<double>(jump.to.y)}, jump.from));
+    const double lengthUnits =
+        length(offset({static_cast<double>(jump.to.x), static_cast<double>(jump.to.y)}, jump.from));
     const Vec2 direction = lengthUnits > 0 ? Vec2{static_cast<double>(jump.to.x - jump.from.x) / lengthUnits,
-                                                   static_cast<double>(jump.to.y - jump.from.y) / lengthUnits}
-                                            : Vec2{};
+                                                  static_cast<double>(jump.to.y - jump.from.y) / lengthUnits}
+                                           : Vec2{};
     const auto inside = [&](const MirrorState& state) { return length(offset(state.position, jump.to)) <= band; };
     JumpFigures figures;
-    figures.windowUs = jump.nextMotionTick == kNoTick
-                           ? kNaN
-                           : static_cast<double>(jump.nextMotionTick - jump.motionEndTick) / kTicksPerUsF;
+    figures.windowUs = jump.nextMotionTick == NoTick
+                           ? NaN
+                           : static_cast<double>(jump.nextMotionTick - jump.motionEndTick) / TicksPerUsF;
     double lastOutside = end;
     bool wasInside = inside(mirror.state());
     bool known = false;  // the mirror stays in the band, and the overshoot until the next motion is seen
-    while (mirror.tick() < jump.motionEndTick + kLongestSettleTicks) {
+    while (mirror.tick() < jump.motionEndTick + LongestSettleTicks) {
         const bool beforeNextMotion = mirror.tick() < jump.nextMotionTick;
         if (beforeNextMotion) {
-            figures.overshootUnits = std::max(figures.overshootUnits, dot(offset(mirror.position(), jump.to), direction));
+            figures.overshootUnits =
+                std::max(figures.overshootUnits, dot(offset(mirror.position(), jump.to), direction));
         }
         if (mirror.staysWithin(jump.to, band) && (!beforeNextMotion || mirror.restsAt(jump.to))) {
             known = true;
             break;
         }
         mirror.step(held);
-        const Span span{static_cast<double>(mirror.tick() - ServoModel::kStepTicks),
-                        static_cast<double>(mirror.tick()), mirror, held};
+        const Span span{static_cast<double>(mirror.tick() - ServoModel::StepTicks), static_cast<double>(mirror.tick()),
+                        mirror, held};
         const bool isInside = inside(mirror.state());
         if (!isInside) {
             lastOutside = span.to;
@@ -235,16 +243,14 @@ JumpFigures settleJump(ServoModel mirror, const Trajectory& path, const Schedule
         }
         wasInside = isInside;
     }
-    figures.settleUs = known ? (lastOutside - end) / kTicksPerUsF : kNaN;
+    figures.settleUs = known ? (lastOutside - end) / TicksPerUsF : NaN;
     figures.settled = known && !(figures.settleUs > figures.windowUs);
     return figures;
 }
 
 }  // namespace
 
-double edgeDose(const double speedFraction) {
-    return 1 / std::max(speedFraction, 0.01);
-}
+double edgeDose(const double speedFraction) { return 1 / std::max(speedFraction, 0.01); }
 
 MirrorFigures measureMirror(const MarkingJob& job) {
     const JobSettings& settings = job.settings();
@@ -263,7 +269,7 @@ MirrorFigures measureMirror(const MarkingJob& job) {
     std::size_t corner = 0;
     for (std::size_t k = 0; k < job.marks().size(); ++k) {
         const ScheduledMark& mark = job.marks()[k];
-        watches.emplace_back(mark, settings.maxEdgeDose, lagUs * kTicksPerUsF, figures.marks[k]);
+        watches.emplace_back(mark, settings.maxEdgeDose, lagUs * TicksPerUsF, figures.marks[k]);
         for (std::size_t i = 0; i + 1 < mark.segments.size(); ++i) {
             watches.back().addCorner(figures.corners[corner++], mark.segments[i], mark.segments[i + 1], k);
         }
@@ -277,7 +283,7 @@ MirrorFigures measureMirror(const MarkingJob& job) {
     while (mirror.tick() < job.cycleTicks()) {
         mirror.step(command);
         const std::uint64_t tick = mirror.tick();
-        const Span span{static_cast<double>(tick - ServoModel::kStepTicks), static_cast<double>(tick), mirror, command};
+        const Span span{static_cast<double>(tick - ServoModel::StepTicks), static_cast<double>(tick), mirror, command};
         // A polyline's window runs until the next one starts; the step that ends there belongs to both.
         while (firstWatch + 1 < watches.size() && tick > job.marks()[firstWatch + 1].motionStartTick) {
             ++firstWatch;
@@ -296,4 +302,4 @@ MirrorFigures measureMirror(const MarkingJob& job) {
     return figures;
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

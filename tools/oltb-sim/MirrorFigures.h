@@ -17,12 +17,12 @@
 //                  lags after it leaves (the mirror a lag past the corner)
 #pragma once
 
-#include "MarkingJob.h"
+#include "tools/oltb-sim/MarkingJob.h"
 
 #include <cstddef>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 // NaN stands for a figure that does not exist (a best gate time the mirror never reaches, a zero-length edge).
 struct MarkFigures {
@@ -38,15 +38,15 @@ struct MarkFigures {
 };
 
 struct JumpFigures {
-    double settleUs = 0;        // NaN: the mirror did not come to rest within the model's horizon
-    double windowUs = 0;        // from the commanded end to the next motion; NaN when nothing follows
+    double settleUs = 0;  // NaN: the mirror did not come to rest within the model's horizon
+    double windowUs = 0;  // from the commanded end to the next motion; NaN when nothing follows
     bool settled = false;
     double overshootUnits = 0;  // furthest beyond the target along the jump, until the next motion
 };
 
 struct CornerFigures {
-    std::size_t mark = 0;       // the polyline
-    std::uint64_t atTick = 0;   // the command reaches the corner
+    std::size_t mark = 0;      // the polyline
+    std::uint64_t atTick = 0;  // the command reaches the corner
     Point point;
     double angleDeg = 0;        // the change of direction: 0 straight on, 180 back
     double polygonDelayUs = 0;  // how long the command stands at the corner
@@ -66,4 +66,4 @@ MirrorFigures measureMirror(const MarkingJob& job);
 // The dose at an edge or corner for a speed fraction: 1 / fraction, at most 100 (a dot).
 double edgeDose(double speedFraction);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,8 +1,8 @@
-#include "OverflowInjector.h"
+#include "tools/oltb-sim/OverflowInjector.h"
 
-#include "WordEncoder.h"
+#include "tools/oltb-sim/WordEncoder.h"
 
-namespace oltbsim {
+namespace oltb::sim {
 
 void OverflowInjector::reset() noexcept {
     _wordsSinceOverflow = 0;
@@ -14,10 +14,10 @@ void OverflowInjector::apply(std::vector<std::uint64_t>& words) {
     if (!enabled()) {
         return;
     }
-    constexpr std::uint64_t kOverflowBit = 0x80000000;
+    constexpr std::uint64_t OverflowBit = 0x80000000;
     std::size_t kept = 0;
     for (const std::uint64_t word : words) {
-        const bool isTimeBase = ((word >> 24) & 0x7F) == kTimeBaseType;
+        const bool isTimeBase = ((word >> 24) & 0x7F) == TimeBaseType;
         if (isTimeBase) {
             words[kept++] = word;
             continue;
@@ -26,7 +26,7 @@ void OverflowInjector::apply(std::vector<std::uint64_t>& words) {
             --_wordsToDrop;
             continue;
         }
-        words[kept++] = _flagNext ? (word | kOverflowBit) : word;
+        words[kept++] = _flagNext ? (word | OverflowBit) : word;
         _flagNext = false;
         if (++_wordsSinceOverflow == _everyWords) {
             _wordsSinceOverflow = 0;
@@ -37,4 +37,4 @@ void OverflowInjector::apply(std::vector<std::uint64_t>& words) {
     words.resize(kept);
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 class OverflowInjector {
 public:
@@ -26,4 +26,4 @@ private:
     bool _flagNext = false;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,8 +1,8 @@
-#include "Pacer.h"
+#include "tools/oltb-sim/Pacer.h"
 
-#include "TraceSource.h"
+#include "tools/oltb-sim/TraceSource.h"
 
-namespace oltbsim {
+namespace oltb::sim {
 
 void Pacer::begin(const std::uint64_t streamStartTick, const Clock::time_point now) noexcept {
     _startTick = streamStartTick;
@@ -11,7 +11,7 @@ void Pacer::begin(const std::uint64_t streamStartTick, const Clock::time_point n
 
 std::uint64_t Pacer::horizonTick(const Clock::time_point now) const noexcept {
     if (_maxRate) {
-        return kNoHorizon;
+        return NoHorizon;
     }
     const double elapsedSeconds = std::chrono::duration<double>(now - _startTime).count();
     return _startTick + static_cast<std::uint64_t>(elapsedSeconds * _ticksPerSecond) + 1;
@@ -22,8 +22,9 @@ std::chrono::nanoseconds Pacer::delayUntil(const std::uint64_t tick, const Clock
         return std::chrono::nanoseconds{0};
     }
     const double dueSeconds = static_cast<double>(tick - _startTick) / _ticksPerSecond;
-    const auto due = _startTime + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(dueSeconds));
+    const auto due =
+        _startTime + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(dueSeconds));
     return due > now ? std::chrono::duration_cast<std::chrono::nanoseconds>(due - now) : std::chrono::nanoseconds{0};
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 class Pacer {
 public:
@@ -26,4 +26,4 @@ private:
     Clock::time_point _startTime{};
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,9 +1,9 @@
 // Re-encoding a capture into the card's words: events are read into a queue per signal, packed into words once
 // every event their ticks could cover has been read, and handed out once no word still to come can have an
 // earlier field tick.
-#include "ReplayStream.h"
+#include "tools/oltb-sim/ReplayStream.h"
 
-#include "JobStream.h"
+#include "tools/oltb-sim/JobStream.h"
 #include "tools/oltb/CaptureReader.h"
 #include "tools/oltb/Outputs.h"
 
@@ -13,27 +13,25 @@
 #include <memory>
 #include <string>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 // Events may come up to this many ticks behind the latest one before them: a client sorts the samples of its words
 // by tick, and words of narrow signals carry samples up to 31 ticks after their field tick. A capture written by
 // oltb is in time order; a later event earlier than this is refused when the capture is checked.
-constexpr std::uint64_t kOrderSlackTicks = 64;
-constexpr std::uint64_t kStreamGridTicks = 640;  // streams start on this grid, passes are spaced on it
-constexpr std::uint64_t kWindowAlignmentTicks = 32;
-constexpr std::size_t kBatchEvents = 4096;
-constexpr std::uint32_t kLabelShift = 16;
-constexpr std::int64_t kLowestPosition = -524288;  // the range of a 20-bit two's-complement position
-constexpr std::int64_t kHighestPosition = 524287;
+constexpr std::uint64_t OrderSlackTicks = 64;
+constexpr std::uint64_t StreamGridTicks = 640;  // streams start on this grid, passes are spaced on it
+constexpr std::uint64_t WindowAlignmentTicks = 32;
+constexpr std::size_t BatchEvents = 4096;
+constexpr std::uint32_t LabelShift = 16;
+constexpr std::int64_t LowestPosition = -524288;  // the range of a 20-bit two's-complement position
+constexpr std::int64_t HighestPosition = 524287;
 
 bool isHeadPositionType(const std::uint32_t type) noexcept {
     return type >= 32 && type <= 60 && sampleWidthBits(type) == 32;
 }
 
-bool isXChannel(const std::uint32_t type) noexcept {
-    return (type - 32) % 8 == 0;
-}
+bool isXChannel(const std::uint32_t type) noexcept { return (type - 32) % 8 == 0; }
 
 // The value of `event` as its word carries it; false with the reason when it cannot travel in one.
 bool toWireValue(const oltbTraceEvent& event, const bool signedPositions, std::uint32_t& wire, std::string& reason) {
@@ -47,7 +45,7 @@ bool toWireValue(const oltbTraceEvent& event, const bool signedPositions, std::u
     if (isHeadPositionType(type) && signedPositions) {
         // A client shows positions sign-extended from 20 bits, X negated: undo both.
         const std::int64_t onWire = isXChannel(type) ? -value : value;
-        if (onWire < kLowestPosition || onWire > kHighestPosition) {
+        if (onWire < LowestPosition || onWire > HighestPosition) {
             reason = "position " + std::to_string(value) + " lies outside the 20-bit range of the head";
             return false;
         }
@@ -87,7 +85,7 @@ ReplayCapture scanCapture(const std::string& path) {
         const auto reader = openCapture(path);
         capture.signedPositions = reader->info().signedPositions;
         std::array<bool, 128> seen{};
-        std::vector<oltbTraceEvent> batch(kBatchEvents);
+        std::vector<oltbTraceEvent> batch(BatchEvents);
         std::uint64_t highest = 0;
         while (const std::size_t count = reader->read(batch.data(), batch.size())) {
             for (std::size_t i = 0; i < count; ++i) {
@@ -98,13 +96,14 @@ ReplayCapture scanCapture(const std::string& path) {
                 if (!toWireValue(event, capture.signedPositions, wire, reason)) {
                     throw ReplayError(path + ": " + describeEvent(capture.events, event) + ": " + reason);
                 }
-                if (event.Timestamp + kOrderSlackTicks < highest) {
+                if (event.Timestamp + OrderSlackTicks < highest) {
                     throw ReplayError(path + ": " + describeEvent(capture.events, event) + ": lies " +
                                       std::to_string(highest - event.Timestamp) +
                                       " ticks before an event in front of it; the events are not in time order");
                 }
                 highest = std::max(highest, event.Timestamp);
-                capture.firstTick = capture.events == 1 ? event.Timestamp : std::min(capture.firstTick, event.Timestamp);
+                capture.firstTick =
+                    capture.events == 1 ? event.Timestamp : std::min(capture.firstTick, event.Timestamp);
                 seen[static_cast<std::size_t>(event.Type)] = true;
             }
         }
@@ -127,7 +126,7 @@ ReplayCapture scanCapture(const std::string& path) {
 
 ReplayStream::ReplayStream(ReplayCapture capture, const bool repeat, const std::uint64_t pauseTicks)
     : _capture(std::move(capture)), _repeat(repeat), _pauseTicks(pauseTicks), _queues(128) {
-    _batch.resize(kBatchEvents);
+    _batch.resize(BatchEvents);
 }
 
 ReplayStream::~ReplayStream() = default;
@@ -146,7 +145,7 @@ void ReplayStream::start(const std::uint64_t startTick, const SignalSelection& s
     // The first event comes 32 to 63 ticks after the stream's start, so that the field ticks of narrow words (up to
     // 31 ticks before their first sample) do not precede the time base; each event keeps its place in a 32-tick
     // window. startTick lies on the 640-tick grid.
-    _shift = startTick + kWindowAlignmentTicks - (_capture.firstTick - _capture.firstTick % kWindowAlignmentTicks);
+    _shift = startTick + WindowAlignmentTicks - (_capture.firstTick - _capture.firstTick % WindowAlignmentTicks);
 }
 
 void ReplayStream::beginPass() {
@@ -202,8 +201,8 @@ void ReplayStream::prepare() {
                 return;
             }
             // The next pass starts its first event the pause after this pass's last one, on the stream's grid.
-            const std::uint64_t span = _capture.lastTick - _capture.firstTick + 2 * kWindowAlignmentTicks + _pauseTicks;
-            _shift += (span + kStreamGridTicks - 1) / kStreamGridTicks * kStreamGridTicks;
+            const std::uint64_t span = _capture.lastTick - _capture.firstTick + 2 * WindowAlignmentTicks + _pauseTicks;
+            _shift += (span + StreamGridTicks - 1) / StreamGridTicks * StreamGridTicks;
             ++_pass;
             _endOfFile = false;
             _highestTick = _capture.firstTick + _shift;
@@ -226,7 +225,7 @@ void ReplayStream::readBatch() {
         Pending pending{event.Timestamp + _shift, 0, event.Overflow};
         std::string reason;
         if (!toWireValue(event, signedPositions, pending.value, reason) ||
-            pending.tick + kOrderSlackTicks < _highestTick ||
+            pending.tick + OrderSlackTicks < _highestTick ||
             !std::binary_search(_capture.types.begin(), _capture.types.end(), static_cast<std::uint32_t>(event.Type))) {
             throw ReplayError(_capture.path + ": the file changed since the server started");
         }
@@ -246,9 +245,9 @@ void ReplayStream::packReadyWords() {
     for (const std::uint32_t type : _capture.types) {
         std::deque<Pending>& queue = _queues[type];
         const std::uint64_t window = 32 / sampleWidthBits(type);
-        // Events still unread lie at or after _highestTick - kOrderSlackTicks: a word is complete once they cannot
+        // Events still unread lie at or after _highestTick - OrderSlackTicks: a word is complete once they cannot
         // fall into its window.
-        while (!queue.empty() && (_endOfFile || _highestTick >= queue.front().tick + window + kOrderSlackTicks)) {
+        while (!queue.empty() && (_endOfFile || _highestTick >= queue.front().tick + window + OrderSlackTicks)) {
             packWord(type, queue);
         }
     }
@@ -260,7 +259,7 @@ void ReplayStream::packWord(const std::uint32_t type, std::deque<Pending>& event
     const unsigned width = sampleWidthBits(type);
     Word word{fieldTickOf(type, first.tick), _wordsMade++, type, first.value, first.overflow};
     if (type == oltbEventLabel) {
-        word.payload = (first.value << kLabelShift) | static_cast<std::uint32_t>((_pass + 1) & 0xFFFF);
+        word.payload = (first.value << LabelShift) | static_cast<std::uint32_t>((_pass + 1) & 0xFFFF);
     } else if (width < 32) {
         std::array<std::uint32_t, 32> samples{};
         std::uint32_t current = first.value;
@@ -287,8 +286,8 @@ void ReplayStream::packWord(const std::uint32_t type, std::deque<Pending>& event
 std::uint64_t ReplayStream::lowestFutureFieldTick() const {
     std::uint64_t bound = UINT64_MAX;
     if (!_endOfFile) {
-        constexpr std::uint64_t kReach = kOrderSlackTicks + kWindowAlignmentTicks;
-        bound = _highestTick > kReach ? _highestTick - kReach : 0;
+        constexpr std::uint64_t Reach = OrderSlackTicks + WindowAlignmentTicks;
+        bound = _highestTick > Reach ? _highestTick - Reach : 0;
     }
     for (const std::uint32_t type : _capture.types) {
         if (!_queues[type].empty()) {
@@ -329,4 +328,4 @@ void ReplayStream::generate(const std::uint64_t horizonTick, const std::size_t m
     }
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -15,8 +15,8 @@
 // the file; each Start reads it again from its beginning.
 #pragma once
 
-#include "TraceSource.h"
-#include "WordEncoder.h"
+#include "tools/oltb-sim/TraceSource.h"
+#include "tools/oltb-sim/WordEncoder.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +30,7 @@ namespace oltb::cli {
 class CaptureReader;
 }
 
-namespace oltbsim {
+namespace oltb::sim {
 
 // A capture that cannot be replayed; the text names the file and what is wrong.
 class ReplayError : public std::runtime_error {
@@ -44,7 +44,7 @@ struct ReplayCapture {
     bool signedPositions = true;
     std::vector<std::uint32_t> types;  // event types with at least one event, in ascending order
     std::uint64_t events = 0;
-    std::uint64_t firstTick = 0;       // smallest and largest tick of the capture
+    std::uint64_t firstTick = 0;  // smallest and largest tick of the capture
     std::uint64_t lastTick = 0;
 };
 
@@ -107,11 +107,11 @@ private:
     std::unique_ptr<oltb::cli::CaptureReader> _reader;
     std::vector<oltbTraceEvent> _batch;
     bool _endOfFile = false;
-    std::uint64_t _highestTick = 0;           // highest stream tick read in this pass
+    std::uint64_t _highestTick = 0;            // highest stream tick read in this pass
     std::vector<std::deque<Pending>> _queues;  // per event type
     std::vector<Word> _heap;                   // words made, smallest field tick on top
     std::deque<Word> _ready;                   // words no later word can precede, in stream order
     std::uint64_t _wordsMade = 0;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,23 +1,23 @@
 // Listening socket and the accept loop.
-#include "Server.h"
+#include "tools/oltb-sim/Server.h"
 
-#include "Session.h"
-#include "ShutdownSignal.h"
 #include "api/oltb.h"
+#include "tools/oltb-sim/Session.h"
+#include "tools/oltb-sim/ShutdownSignal.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 class FileDescriptor {
@@ -43,7 +43,7 @@ int openListener(const std::string& address, std::string& reason) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE;
     addrinfo* found = nullptr;
-    const int resolved = getaddrinfo(address.c_str(), kServerPort, &hints, &found);
+    const int resolved = getaddrinfo(address.c_str(), ServerPort, &hints, &found);
     if (resolved != 0) {
         reason = gai_strerror(resolved);
         return -1;
@@ -105,11 +105,11 @@ int runServer(const ServerSettings& settings, TraceSource& source) {
     std::string reason;
     const FileDescriptor listener(openListener(settings.address, reason));
     if (listener.get() < 0) {
-        std::fprintf(stderr, "oltb-sim: cannot listen on %s:%s: %s\n", settings.address.c_str(), kServerPort,
+        std::fprintf(stderr, "oltb-sim: cannot listen on %s:%s: %s\n", settings.address.c_str(), ServerPort,
                      reason.c_str());
         return exitCannotListen;
     }
-    std::printf("oltb-sim listening on %s:%s\n", settings.address.c_str(), kServerPort);
+    std::printf("oltb-sim listening on %s:%s\n", settings.address.c_str(), ServerPort);
     std::fflush(stdout);
 
     ServerState state;
@@ -130,8 +130,8 @@ int runServer(const ServerSettings& settings, TraceSource& source) {
         }
         sockaddr_storage peer{};
         socklen_t peerSize = sizeof peer;
-        const FileDescriptor client(accept4(listener.get(), reinterpret_cast<sockaddr*>(&peer), &peerSize,
-                                            SOCK_NONBLOCK | SOCK_CLOEXEC));
+        const FileDescriptor client(
+            accept4(listener.get(), reinterpret_cast<sockaddr*>(&peer), &peerSize, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (client.get() < 0) {
             continue;  // the client gave up before it was accepted, or a transient shortage; keep serving
         }
@@ -151,4 +151,4 @@ int runServer(const ServerSettings& settings, TraceSource& source) {
     return exitSuccess;
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

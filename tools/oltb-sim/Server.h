@@ -4,10 +4,10 @@
 // next; tracing does not (a new client finds it stopped).
 #pragma once
 
-#include "ServerSettings.h"
-#include "TraceSource.h"
+#include "tools/oltb-sim/ServerSettings.h"
+#include "tools/oltb-sim/TraceSource.h"
 
-namespace oltbsim {
+namespace oltb::sim {
 
 enum ExitCode : int {
     exitSuccess = 0,       // normal end (SIGINT, SIGTERM) or --help
@@ -20,4 +20,4 @@ enum ExitCode : int {
 // capture that cannot run never opens the port); returns the process exit code.
 int runServer(const ServerSettings& settings, TraceSource& source);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

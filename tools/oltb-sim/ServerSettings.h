@@ -6,9 +6,9 @@
 #include <set>
 #include <string>
 
-namespace oltbsim {
+namespace oltb::sim {
 
-constexpr const char* kServerPort = "9495";
+constexpr const char* ServerPort = "9495";
 
 enum class MalformedKind {
     automatic,      // short for GetConfig, brokenTrailer for every other command
@@ -37,4 +37,4 @@ struct ServerSettings {
     bool verbose = false;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,16 +1,16 @@
 // The mirror's motion, one step at a time; time in us, positions in head units, speeds in units/us.
-#include "ServoModel.h"
+#include "tools/oltb-sim/ServoModel.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <limits>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 // Largest w * h per substep: keeps the integration exact to far below a unit also for stiff settings.
-constexpr double kMaxRateTimesStep = 0.05;
+constexpr double MaxRateTimesStep = 0.05;
 
 }  // namespace
 
@@ -44,8 +44,8 @@ ServoModel::ServoModel(const ServoSettings& settings) : _settings(settings) {
     // substeps of its own: it is integrated exactly.
     const double z = settings.damping;
     const double fastest = _naturalFrequencyPerUs * (z > 1 ? z + std::sqrt(z * z - 1) : 1.0);
-    const double stepUs = static_cast<double>(kStepTicks) / 64.0;
-    _substeps = static_cast<unsigned>(std::max(1.0, std::ceil(fastest * stepUs / kMaxRateTimesStep)));
+    const double stepUs = static_cast<double>(StepTicks) / 64.0;
+    _substeps = static_cast<unsigned>(std::max(1.0, std::ceil(fastest * stepUs / MaxRateTimesStep)));
 }
 
 void ServoModel::reset(const Point position, const std::uint64_t tick) {
@@ -111,14 +111,14 @@ MirrorState ServoModel::delayedState(const double tick, const Command& command) 
 }
 
 void ServoModel::step(const Command& command) {
-    const std::uint64_t next = _tick + kStepTicks;
+    const std::uint64_t next = _tick + StepTicks;
     _before = _now;
     if (_settings.kind == ServoKind::delay) {
         _now = delayedState(static_cast<double>(next), command);
         _tick = next;
         return;
     }
-    const double substepTicks = static_cast<double>(kStepTicks) / _substeps;
+    const double substepTicks = static_cast<double>(StepTicks) / _substeps;
     const double substepUs = substepTicks / 64.0;
     Axis x{_now.position.x, _now.velocity.x, _filtered.x};
     Axis y{_now.position.y, _now.velocity.y, _filtered.y};
@@ -140,15 +140,15 @@ MirrorState ServoModel::stateWithinStep(const double tick, const Command& comman
     if (_settings.kind == ServoKind::delay) {
         return delayedState(tick, command);
     }
-    const double h = static_cast<double>(kStepTicks) / 64.0;
-    const double s = std::clamp((tick - static_cast<double>(_tick - kStepTicks)) / static_cast<double>(kStepTicks), 0.0, 1.0);
+    const double h = static_cast<double>(StepTicks) / 64.0;
+    const double s =
+        std::clamp((tick - static_cast<double>(_tick - StepTicks)) / static_cast<double>(StepTicks), 0.0, 1.0);
     const double s2 = s * s;
     const double s3 = s2 * s;
     const auto cubic = [&](const double p0, const double v0, const double p1, const double v1) {
-        const double position = (2 * s3 - 3 * s2 + 1) * p0 + (s3 - 2 * s2 + s) * h * v0 + (3 * s2 - 2 * s3) * p1 +
-                                (s3 - s2) * h * v1;
-        const double velocity =
-            ((6 * s2 - 6 * s) * (p0 - p1)) / h + (3 * s2 - 4 * s + 1) * v0 + (3 * s2 - 2 * s) * v1;
+        const double position =
+            (2 * s3 - 3 * s2 + 1) * p0 + (s3 - 2 * s2 + s) * h * v0 + (3 * s2 - 2 * s3) * p1 + (s3 - s2) * h * v1;
+        const double velocity = ((6 * s2 - 6 * s) * (p0 - p1)) / h + (3 * s2 - 4 * s + 1) * v0 + (3 * s2 - 2 * s) * v1;
         return std::pair{position, velocity};
     };
     const auto [px, vx] = cubic(_before.position.x, _before.velocity.x, _now.position.x, _now.velocity.x);
@@ -188,4 +188,4 @@ bool ServoModel::staysWithin(const Point point, const double radius) const noexc
     return std::hypot(x, y) <= radius;
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

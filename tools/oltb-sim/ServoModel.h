@@ -12,21 +12,21 @@
 // The command is a function of time (Command), so that a copy of a model can run on with the command held.
 #pragma once
 
-#include "Trajectory.h"
+#include "tools/oltb-sim/Trajectory.h"
 
 #include <cstdint>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 enum class ServoKind { secondOrder, delay };
 
 struct ServoSettings {
     ServoKind kind = ServoKind::secondOrder;
-    double trackingErrorUs = 250;                    // the lag of the loop at constant speed
-    double damping = 0.6;                            // 1: no overshoot; below 1 the mirror rings
+    double trackingErrorUs = 250;  // the lag of the loop at constant speed
+    double damping = 0.6;          // 1: no overshoot; below 1 the mirror rings
     double maxAccelerationUnitsPerMs2 = 50000;
-    double driverFilterUs = 0;                       // time constant of the driver's low pass; 0: none
-    double maxVelocityUnitsPerMs = 0;                // per axis; 0: no limit
+    double driverFilterUs = 0;         // time constant of the driver's low pass; 0: none
+    double maxVelocityUnitsPerMs = 0;  // per axis; 0: no limit
 };
 
 // The lag of the mirror behind a command moving at constant speed `speedUnitsPerMs` long enough: the loop's 2 z / w
@@ -61,19 +61,19 @@ private:
 
 class ServoModel {
 public:
-    static constexpr std::uint64_t kStepTicks = 64;  // the model advances 1 us at a time
+    static constexpr std::uint64_t StepTicks = 64;  // the model advances 1 us at a time
 
     explicit ServoModel(const ServoSettings& settings);
 
     // Puts the mirror at rest on `position` at `tick`.
     void reset(Point position, std::uint64_t tick);
-    // Advances by one step of kStepTicks, following `command`.
+    // Advances by one step of StepTicks, following `command`.
     void step(const Command& command);
 
     std::uint64_t tick() const noexcept { return _tick; }
     Vec2 position() const noexcept { return _now.position; }
     const MirrorState& state() const noexcept { return _now; }
-    // The state at `tick` within the last step (from tick() - kStepTicks to tick()): exact for the delay head,
+    // The state at `tick` within the last step (from tick() - StepTicks to tick()): exact for the delay head,
     // for the loop the cubic through the states at both ends of the step.
     MirrorState stateWithinStep(double tick, const Command& command) const;
     // True when the mirror stays within half a unit of `point` if the command keeps standing there.
@@ -100,7 +100,7 @@ private:
     std::uint64_t _tick = 0;
     MirrorState _before;  // at the start of the last step
     MirrorState _now;
-    Vec2 _filtered;       // the driver filter's output per axis
+    Vec2 _filtered;  // the driver filter's output per axis
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,30 +1,30 @@
 // The event loop of one connection: non-blocking socket, one ppoll per round, output produced only while little
 // is queued, so commands are read and answered between batches even at maximum rate.
-#include "Session.h"
+#include "tools/oltb-sim/Session.h"
 
-#include "CardTiming.h"
-#include "ShutdownSignal.h"
+#include "tools/oltb-sim/CardTiming.h"
+#include "tools/oltb-sim/ShutdownSignal.h"
 
+#include <poll.h>
+#include <sys/socket.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr std::size_t kBatchWords = 8192;         // 64 KiB of words per batch
-constexpr std::size_t kOutLowWaterBytes = 65536;  // produce more only below this
+constexpr std::size_t BatchWords = 8192;         // 64 KiB of words per batch
+constexpr std::size_t OutLowWaterBytes = 65536;  // produce more only below this
 // Commands are read only while less than this waits to go out: a client that sends commands without reading the
 // answers (or the trace) finds the server no longer reading either, and the queue stays within this plus what one
 // receive of commands answers (4096 bytes of frames, 5 KiB of answers), instead of growing without end.
-constexpr std::size_t kMostQueuedBytes = 1 << 20;
+constexpr std::size_t MostQueuedBytes = 1 << 20;
 // Paced output goes out in slices of at least a millisecond of wall time: waking for every 10 us sample would
 // cost a system call per sample and gain the client nothing.
-constexpr auto kShortestPacingWait = std::chrono::milliseconds(1);
-constexpr auto kLongestPacingWait = std::chrono::milliseconds(20);
+constexpr auto ShortestPacingWait = std::chrono::milliseconds(1);
+constexpr auto LongestPacingWait = std::chrono::milliseconds(20);
 
 const char* commandName(const std::uint8_t code) {
     switch (static_cast<CommandCode>(code)) {
@@ -49,7 +49,7 @@ Session::Session(const int socket, const ServerSettings& settings, ServerState& 
       _source(source),
       _pacer(settings.speed, settings.maxRate),
       _overflows(settings.faults.overflowEveryWords, settings.faults.overflowLostWords) {
-    _words.reserve(kBatchWords + 64);
+    _words.reserve(BatchWords + 64);
 }
 
 SessionEnd Session::run() {
@@ -59,7 +59,7 @@ SessionEnd Session::run() {
             end = SessionEnd::shutdown;
             break;
         }
-        if (producing() && pendingBytes() < kOutLowWaterBytes) {
+        if (producing() && pendingBytes() < OutLowWaterBytes) {
             // What is queued (an answer to Start, say) goes out first: a source may take a while to produce, as a
             // replay does that opens its file.
             if (pendingBytes() > 0 && flush() == IoResult::failed) {
@@ -77,7 +77,7 @@ SessionEnd Session::run() {
             break;
         }
 
-        pollfd descriptor{_socket, static_cast<short>(pendingBytes() < kMostQueuedBytes ? POLLIN : 0), 0};
+        pollfd descriptor{_socket, static_cast<short>(pendingBytes() < MostQueuedBytes ? POLLIN : 0), 0};
         timespec timeout{};
         const timespec* wait = nullptr;  // no limit: only input, writability or a signal ends the wait
         if (pendingBytes() > 0) {
@@ -85,9 +85,9 @@ SessionEnd Session::run() {
         } else if (producing()) {
             const auto now = Pacer::Clock::now();
             const auto due = _pacer.delayUntil(_source.nextTick(), now);
-            const auto delay = due.count() == 0 ? due
-                                                : std::clamp<std::chrono::nanoseconds>(due, kShortestPacingWait,
-                                                                                       kLongestPacingWait);
+            const auto delay = due.count() == 0
+                                   ? due
+                                   : std::clamp<std::chrono::nanoseconds>(due, ShortestPacingWait, LongestPacingWait);
             timeout.tv_sec = static_cast<time_t>(delay.count() / 1000000000);
             timeout.tv_nsec = static_cast<long>(delay.count() % 1000000000);
             wait = &timeout;
@@ -113,7 +113,7 @@ SessionEnd Session::run() {
 
 void Session::produceWords() {
     _words.clear();
-    _source.generate(_pacer.horizonTick(Pacer::Clock::now()), kBatchWords, _words);
+    _source.generate(_pacer.horizonTick(Pacer::Clock::now()), BatchWords, _words);
     _overflows.apply(_words);
     if (_settings.faults.closeAfterWords) {
         const std::uint64_t allowed = *_settings.faults.closeAfterWords - _wordsSent;
@@ -147,8 +147,7 @@ void Session::queueWords(const std::vector<std::uint64_t>& words) {
 
 Session::IoResult Session::flush() {
     while (pendingBytes() > 0) {
-        const ssize_t sent =
-            send(_socket, _out.data() + _outPosition, pendingBytes(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent = send(_socket, _out.data() + _outPosition, pendingBytes(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent > 0) {
             _outPosition += static_cast<std::size_t>(sent);
         } else if (sent < 0 && errno == EINTR) {
@@ -195,8 +194,8 @@ void Session::startStream() {
     if (_streaming) {
         return;  // a second Start keeps the running stream
     }
-    constexpr std::uint64_t kGrid = kServoPeriodTicks;
-    const std::uint64_t startTick = (_state.clockTick + kGrid - 1) / kGrid * kGrid;
+    constexpr std::uint64_t Grid = ServoPeriodTicks;
+    const std::uint64_t startTick = (_state.clockTick + Grid - 1) / Grid * Grid;
     _source.start(startTick, _state.selection);
     _pacer.begin(startTick, Pacer::Clock::now());
     _overflows.reset();
@@ -260,7 +259,7 @@ void Session::answer(const std::uint8_t code) {
         }
         switch (kind) {
             case MalformedKind::shortPayload:
-                payload.resize(kConfigurationPayloadSize - 1);
+                payload.resize(ConfigurationPayloadSize - 1);
                 break;
             case MalformedKind::emptyPayload:
                 payload.clear();
@@ -278,4 +277,4 @@ void Session::answer(const std::uint8_t code) {
     appendResponseFrame(_out, payload.data(), payload.size(), shape);
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

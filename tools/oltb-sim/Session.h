@@ -4,17 +4,17 @@
 // bounded: commands are read only while it is short.
 #pragma once
 
-#include "CommandFrames.h"
-#include "OverflowInjector.h"
-#include "Pacer.h"
-#include "ServerSettings.h"
-#include "SignalSelection.h"
-#include "TraceSource.h"
+#include "tools/oltb-sim/CommandFrames.h"
+#include "tools/oltb-sim/OverflowInjector.h"
+#include "tools/oltb-sim/Pacer.h"
+#include "tools/oltb-sim/ServerSettings.h"
+#include "tools/oltb-sim/SignalSelection.h"
+#include "tools/oltb-sim/TraceSource.h"
 
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 // What outlives a connection: the selected signals and the card clock.
 struct ServerState {
@@ -64,4 +64,4 @@ private:
     bool _closeLimitReached = false;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

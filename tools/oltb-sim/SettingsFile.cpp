@@ -1,19 +1,19 @@
-#include "SettingsFile.h"
+#include "tools/oltb-sim/SettingsFile.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <iterator>
 
-#include <cstdio>
 #include <sys/stat.h>
+#include <cstdio>
 #include <utility>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
-constexpr std::size_t kMaxFileBytes = 1 << 20;
-constexpr double kMaxDelayUs = 100000;
+constexpr std::size_t MaxFileBytes = 1 << 20;
+constexpr double MaxDelayUs = 100000;
 
 }  // namespace
 
@@ -24,14 +24,15 @@ void applySettings(const std::string& text, const std::string& source, CardTimin
         !file.contains("settings") || !file["settings"].is_object()) {
         fail("not a settings file of oltb analyze (--settings-out)");
     }
-    const std::pair<const char*, double CardTiming::*> known[] = {
-        {"laser_on_delay_us", &CardTiming::laserOnDelayUs}, {"laser_off_delay_us", &CardTiming::laserOffDelayUs},
-        {"jump_delay_us", &CardTiming::jumpDelayUs},        {"mark_delay_us", &CardTiming::markDelayUs},
-        {"polygon_delay_us", &CardTiming::polygonDelayUs}};
+    const std::pair<const char*, double CardTiming::*> known[] = {{"laser_on_delay_us", &CardTiming::laserOnDelayUs},
+                                                                  {"laser_off_delay_us", &CardTiming::laserOffDelayUs},
+                                                                  {"jump_delay_us", &CardTiming::jumpDelayUs},
+                                                                  {"mark_delay_us", &CardTiming::markDelayUs},
+                                                                  {"polygon_delay_us", &CardTiming::polygonDelayUs}};
     CardTiming changed = timing;
     for (const auto& [name, setting] : file["settings"].items()) {
-        const auto* match = std::find_if(std::begin(known), std::end(known),
-                                         [&name = name](const auto& k) { return name == k.first; });
+        const auto* match =
+            std::find_if(std::begin(known), std::end(known), [&name = name](const auto& k) { return name == k.first; });
         if (match == std::end(known)) {
             fail("unknown setting \"" + name.substr(0, 40) + "\"");
         }
@@ -42,7 +43,7 @@ void applySettings(const std::string& text, const std::string& source, CardTimin
         if (suggested.is_null()) {
             continue;
         }
-        if (!suggested.is_number() || !(suggested.get<double>() >= 0) || suggested.get<double>() > kMaxDelayUs) {
+        if (!suggested.is_number() || !(suggested.get<double>() >= 0) || suggested.get<double>() > MaxDelayUs) {
             fail("setting \"" + name + "\": the suggested value must be a number of us from 0 to 100000");
         }
         changed.*(match->second) = suggested.get<double>();
@@ -59,15 +60,15 @@ void applySettingsFile(const std::string& path, CardTiming& timing) {
     if (file == nullptr) {
         throw SettingsFileError(path + ": cannot be read");
     }
-    std::string text(kMaxFileBytes + 1, '\0');
+    std::string text(MaxFileBytes + 1, '\0');
     const std::size_t length = std::fread(text.data(), 1, text.size(), file);
     const bool failed = std::ferror(file) != 0;
     std::fclose(file);
-    if (failed || length > kMaxFileBytes) {
+    if (failed || length > MaxFileBytes) {
         throw SettingsFileError(path + (failed ? ": cannot be read" : ": larger than 1 MiB"));
     }
     text.resize(length);
     applySettings(text, path, timing);
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

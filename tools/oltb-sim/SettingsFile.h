@@ -2,12 +2,12 @@
 // setting that has one replaces the simulator's; a setting without a suggestion keeps its value.
 #pragma once
 
-#include "CardTiming.h"
+#include "tools/oltb-sim/CardTiming.h"
 
 #include <stdexcept>
 #include <string>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 // What is wrong with a settings file: "FILE: what".
 class SettingsFileError : public std::runtime_error {
@@ -22,4 +22,4 @@ void applySettings(const std::string& text, const std::string& source, CardTimin
 // Reads a regular file of at most 1 MiB and applies it.
 void applySettingsFile(const std::string& path, CardTiming& timing);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

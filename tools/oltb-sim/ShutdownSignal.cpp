@@ -1,17 +1,15 @@
-#include "ShutdownSignal.h"
+#include "tools/oltb-sim/ShutdownSignal.h"
 
 #include <cstring>
 #include <stdexcept>
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 volatile std::sig_atomic_t g_shutdownRequested = 0;
 sigset_t g_waitMask;
 
-extern "C" void recordShutdownSignal(int) {
-    g_shutdownRequested = 1;
-}
+extern "C" void recordShutdownSignal(int) { g_shutdownRequested = 1; }
 
 }  // namespace
 
@@ -32,12 +30,8 @@ void ShutdownSignal::install() {
     sigdelset(&g_waitMask, SIGTERM);
 }
 
-bool ShutdownSignal::requested() noexcept {
-    return g_shutdownRequested != 0;
-}
+bool ShutdownSignal::requested() noexcept { return g_shutdownRequested != 0; }
 
-const sigset_t* ShutdownSignal::waitMask() noexcept {
-    return &g_waitMask;
-}
+const sigset_t* ShutdownSignal::waitMask() noexcept { return &g_waitMask; }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 class ShutdownSignal {
 public:
@@ -14,4 +14,4 @@ public:
     static const sigset_t* waitMask() noexcept;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

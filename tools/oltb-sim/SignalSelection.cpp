@@ -1,11 +1,11 @@
 // The 17-byte configuration payload and the masks behind it.
-#include "SignalSelection.h"
+#include "tools/oltb-sim/SignalSelection.h"
 
-namespace oltbsim {
+namespace oltb::sim {
 namespace {
 
 // Offset of each group's mask in the payload: group 3 comes before group 2 on the wire.
-constexpr std::array<std::size_t, 4> kMaskOffset = {1, 5, 13, 9};
+constexpr std::array<std::size_t, 4> MaskOffset = {1, 5, 13, 9};
 
 std::uint32_t readLittleEndian32(const std::uint8_t* bytes) noexcept {
     return std::uint32_t{bytes[0]} | (std::uint32_t{bytes[1]} << 8) | (std::uint32_t{bytes[2]} << 16) |
@@ -17,17 +17,17 @@ std::uint32_t readLittleEndian32(const std::uint8_t* bytes) noexcept {
 SignalSelection SignalSelection::fromPayload(const std::uint8_t* const payload) noexcept {
     SignalSelection selection;
     for (unsigned group = 0; group < 4; ++group) {
-        selection._masks[group] = readLittleEndian32(payload + kMaskOffset[group]) & kDefinedBits[group];
+        selection._masks[group] = readLittleEndian32(payload + MaskOffset[group]) & DefinedBits[group];
     }
     return selection;
 }
 
-std::array<std::uint8_t, kConfigurationPayloadSize> SignalSelection::toPayload() const noexcept {
-    std::array<std::uint8_t, kConfigurationPayloadSize> payload{};
-    payload[0] = kConfigurationVersion;
+std::array<std::uint8_t, ConfigurationPayloadSize> SignalSelection::toPayload() const noexcept {
+    std::array<std::uint8_t, ConfigurationPayloadSize> payload{};
+    payload[0] = ConfigurationVersion;
     for (unsigned group = 0; group < 4; ++group) {
         for (unsigned byte = 0; byte < 4; ++byte) {
-            payload[kMaskOffset[group] + byte] = static_cast<std::uint8_t>(_masks[group] >> (8 * byte));
+            payload[MaskOffset[group] + byte] = static_cast<std::uint8_t>(_masks[group] >> (8 * byte));
         }
     }
     return payload;
@@ -41,8 +41,8 @@ void SignalSelection::setTraced(const std::uint32_t type, const bool traced) noe
     if (type >= 128) {
         return;
     }
-    const std::uint32_t bit = (std::uint32_t{1} << (type % 32)) & kDefinedBits[type / 32];
+    const std::uint32_t bit = (std::uint32_t{1} << (type % 32)) & DefinedBits[type / 32];
     _masks[type / 32] = traced ? (_masks[type / 32] | bit) : (_masks[type / 32] & ~bit);
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,7 +1,7 @@
 // The simulator's options: registered with their ranges, then checked together and turned into settings.
-#include "SimOptions.h"
+#include "tools/oltb-sim/SimOptions.h"
 
-#include "Server.h"
+#include "tools/oltb-sim/Server.h"
 #include "tools/oltb/Excerpt.h"
 
 #include <CLI/CLI.hpp>
@@ -18,7 +18,7 @@
 #define OLTB_TOOL_VERSION "unknown"
 #endif
 
-namespace oltbsim {
+namespace oltb::sim {
 
 // help.txt and description.txt (SimTexts.cpp, generated).
 extern const char simHelp[];
@@ -61,8 +61,7 @@ std::optional<std::uint8_t> parseCommandCode(const std::string& text) {
         if (used == text.size() && value <= 255) {
             return static_cast<std::uint8_t>(value);
         }
-    } catch (const std::exception&) {
-    }
+    } catch (const std::exception&) {}
     return std::nullopt;
 }
 
@@ -86,22 +85,25 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
         ->capture_default_str();
     app.add_flag("--max-rate", options.server.maxRate, "Stream as fast as the client reads (no pacing)");
 
-    auto* jobOption = app.add_option("--job", options.jobFile, "Job file to run instead of the built-in job (format below)")
-                          ->check(CLI::ExistingFile);
+    auto* jobOption =
+        app.add_option("--job", options.jobFile, "Job file to run instead of the built-in job (format below)")
+            ->check(CLI::ExistingFile);
     auto* printJobOption = app.add_flag("--print-job", options.printJob, "Print the job's text and exit");
-    auto* explainOption =
-        app.add_flag("--explain", options.explain, "Print what an analysis of the job's trace should find (JSON) and exit");
-    auto* replayOption =
-        app.add_option("--replay", options.replayFile, "Serve the events of a capture of oltb (.csv or .h5) instead of the job")
-            ->excludes(jobOption)
-            ->excludes(printJobOption)
-            ->excludes(explainOption);
+    auto* explainOption = app.add_flag("--explain", options.explain,
+                                       "Print what an analysis of the job's trace should find (JSON) and exit");
+    auto* replayOption = app.add_option("--replay", options.replayFile,
+                                        "Serve the events of a capture of oltb (.csv or .h5) instead of the job")
+                             ->excludes(jobOption)
+                             ->excludes(printJobOption)
+                             ->excludes(explainOption);
     app.add_flag("--repeat", options.repeat, "With --replay: run the capture again and again, --pause-ms apart")
         ->needs(replayOption);
-    app.add_option("--settle-band", options.job.settleBandUnits, "Band around a jump's target for --explain's settle times, units")
+    app.add_option("--settle-band", options.job.settleBandUnits,
+                   "Band around a jump's target for --explain's settle times, units")
         ->check(finiteRange(1.0, 100000.0))
         ->capture_default_str();
-    app.add_option("--pause-ms", options.pauseMs, "Pause between two runs of the job (or passes of --replay --repeat), ms")
+    app.add_option("--pause-ms", options.pauseMs,
+                   "Pause between two runs of the job (or passes of --replay --repeat), ms")
         ->check(finiteRange(0.0, 60000.0))
         ->capture_default_str();
 
@@ -115,7 +117,8 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
     app.add_option("--damping", options.job.servo.damping, "Damping of the scan head: 1 no overshoot, below 1 it rings")
         ->check(finiteRange(0.2, 2.0))
         ->capture_default_str();
-    app.add_option("--max-acceleration", options.job.servo.maxAccelerationUnitsPerMs2, "Largest acceleration, units/ms^2")
+    app.add_option("--max-acceleration", options.job.servo.maxAccelerationUnitsPerMs2,
+                   "Largest acceleration, units/ms^2")
         ->check(finiteRange(1000.0, 1e9))
         ->capture_default_str();
     auto* servoDelay = app.add_option("--servo-delay-us", servoDelayUs, "Same as --servo delay --tracking-error-us US")
@@ -127,7 +130,8 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
         ->check(finiteRange(0.0, 10000.0))
         ->excludes(servoDelay)
         ->capture_default_str();
-    app.add_option("--max-velocity", options.job.servo.maxVelocityUnitsPerMs, "Largest speed of each mirror axis, units/ms")
+    app.add_option("--max-velocity", options.job.servo.maxVelocityUnitsPerMs,
+                   "Largest speed of each mirror axis, units/ms")
         ->check(finiteRange(1.0, 1e7))
         ->excludes(servoDelay);
     app.add_option("--max-edge-dose", options.job.maxEdgeDose,
@@ -136,20 +140,21 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
         ->capture_default_str();
 
     CardTiming& timing = options.job.timing;
-    for (const auto& [name, value, help] : {
-             std::tuple{"--jump-speed", &timing.jumpSpeedUnitsPerMs, "Jump speed, units/ms"},
-             std::tuple{"--mark-speed", &timing.markSpeedUnitsPerMs, "Mark speed, units/ms"}}) {
+    for (const auto& [name, value, help] :
+         {std::tuple{"--jump-speed", &timing.jumpSpeedUnitsPerMs, "Jump speed, units/ms"},
+          std::tuple{"--mark-speed", &timing.markSpeedUnitsPerMs, "Mark speed, units/ms"}}) {
         app.add_option(name, *value, help)->check(finiteRange(10.0, 1e6))->capture_default_str();
     }
-    for (const auto& [name, value, help] : {
-             std::tuple{"--jump-delay-us", &timing.jumpDelayUs, "Wait after a jump before the next command, us"},
-             std::tuple{"--mark-delay-us", &timing.markDelayUs, "Wait after a polyline before the next command, us"},
-             std::tuple{"--polygon-delay-us", &timing.polygonDelayUs, "Stop at each corner of a polyline, us"},
-             std::tuple{"--laser-on-delay-us", &timing.laserOnDelayUs, "Gate on after a polyline's motion starts, us"},
-             std::tuple{"--laser-off-delay-us", &timing.laserOffDelayUs, "Gate off after a polyline's motion ends, us"}}) {
+    for (const auto& [name, value, help] :
+         {std::tuple{"--jump-delay-us", &timing.jumpDelayUs, "Wait after a jump before the next command, us"},
+          std::tuple{"--mark-delay-us", &timing.markDelayUs, "Wait after a polyline before the next command, us"},
+          std::tuple{"--polygon-delay-us", &timing.polygonDelayUs, "Stop at each corner of a polyline, us"},
+          std::tuple{"--laser-on-delay-us", &timing.laserOnDelayUs, "Gate on after a polyline's motion starts, us"},
+          std::tuple{"--laser-off-delay-us", &timing.laserOffDelayUs, "Gate off after a polyline's motion ends, us"}}) {
         app.add_option(name, *value, help)->check(finiteRange(0.0, 100000.0))->capture_default_str();
     }
-    app.add_option("--jump-table", options.jumpTableFile, "Jump delay by jump length from FILE (rows: LENGTH DELAY_US)");
+    app.add_option("--jump-table", options.jumpTableFile,
+                   "Jump delay by jump length from FILE (rows: LENGTH DELAY_US)");
     app.add_option("--settings", options.settingsFile,
                    "The card's delays from a settings file of oltb analyze --settings-out (after the options above)");
     app.add_option("--feedback-noise-units", options.job.feedbackNoiseUnits,
@@ -195,7 +200,8 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
         options.job.servo.trackingErrorUs = servoDelayUs;
     }
     options.job.servo.kind = servoKind == "delay" ? ServoKind::delay : ServoKind::secondOrder;
-    if (options.job.servo.kind == ServoKind::delay && (options.job.servo.driverFilterUs > 0 || options.job.servo.maxVelocityUnitsPerMs > 0)) {
+    if (options.job.servo.kind == ServoKind::delay &&
+        (options.job.servo.driverFilterUs > 0 || options.job.servo.maxVelocityUnitsPerMs > 0)) {
         std::fprintf(stderr, "oltb-sim: --driver-filter-us and --max-velocity need --servo second-order\n");
         return int{exitBadOptions};
     }
@@ -205,7 +211,8 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
         return int{exitBadOptions};
     }
     options.job.pauseTicks = static_cast<std::uint64_t>(std::llround(options.pauseMs * 64000));
-    options.server.counterStepTicks = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::llround(64e6 / counterRate)));
+    options.server.counterStepTicks =
+        std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::llround(64e6 / counterRate)));
     if (closeAfterWords > 0) {
         options.server.faults.closeAfterWords = closeAfterWords;
     }
@@ -220,17 +227,16 @@ std::optional<int> parseOptions(int argc, char** argv, SimOptions& options) {
     if (!malformedCommand.empty()) {
         options.server.faults.malformedCommand = parseCommandCode(malformedCommand);
         if (!options.server.faults.malformedCommand) {
-            std::fprintf(stderr, "oltb-sim: --malformed-response: not a command code: %s\n",
-                         malformedCommand.c_str());
+            std::fprintf(stderr, "oltb-sim: --malformed-response: not a command code: %s\n", malformedCommand.c_str());
             return int{exitBadOptions};
         }
     }
-        options.server.faults.malformedKind = malformedKind == "short"     ? MalformedKind::shortPayload
-                                    : malformedKind == "empty"   ? MalformedKind::emptyPayload
-                                    : malformedKind == "trailer" ? MalformedKind::brokenTrailer
-                                                                 : MalformedKind::automatic;
+    options.server.faults.malformedKind = malformedKind == "short"     ? MalformedKind::shortPayload
+                                          : malformedKind == "empty"   ? MalformedKind::emptyPayload
+                                          : malformedKind == "trailer" ? MalformedKind::brokenTrailer
+                                                                       : MalformedKind::automatic;
 
     return std::nullopt;
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -2,13 +2,13 @@
 // text lives in help.txt and description.txt, embedded at build time.
 #pragma once
 
-#include "MarkingJob.h"
-#include "ServerSettings.h"
+#include "tools/oltb-sim/MarkingJob.h"
+#include "tools/oltb-sim/ServerSettings.h"
 
 #include <optional>
 #include <string>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 struct SimOptions {
     ServerSettings server;
@@ -27,4 +27,4 @@ struct SimOptions {
 // --help or --version, ExitCode::exitBadOptions after one line on standard error for an option it cannot take.
 std::optional<int> parseOptions(int argc, char** argv, SimOptions& options);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

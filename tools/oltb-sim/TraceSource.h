@@ -2,15 +2,15 @@
 // time horizon (the pacing) and in batches of bounded size (so commands are served between batches).
 #pragma once
 
-#include "SignalSelection.h"
+#include "tools/oltb-sim/SignalSelection.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
-constexpr std::uint64_t kNoHorizon = UINT64_MAX;
+constexpr std::uint64_t NoHorizon = UINT64_MAX;
 
 class TraceSource {
 public:
@@ -29,4 +29,4 @@ public:
     virtual bool exhausted() const { return false; }
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

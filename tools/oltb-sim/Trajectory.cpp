@@ -1,17 +1,17 @@
 // Piecewise path evaluation. Positions are rounded to whole units; a piece ends exactly on the point the next
 // one starts from, so corners land on their nominal coordinates.
-#include "Trajectory.h"
+#include "tools/oltb-sim/Trajectory.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cmath>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 std::uint64_t travelTicks(const double length, const double speedUnitsPerMs, const std::uint64_t periodTicks) {
     assert(speedUnitsPerMs > 0 && periodTicks > 0);
-    constexpr double kTicksPerMs = 64000.0;
-    const double periods = std::ceil(length / speedUnitsPerMs * kTicksPerMs / static_cast<double>(periodTicks));
+    constexpr double TicksPerMs = 64000.0;
+    const double periods = std::ceil(length / speedUnitsPerMs * TicksPerMs / static_cast<double>(periodTicks));
     return std::max<std::uint64_t>(1, static_cast<std::uint64_t>(periods)) * periodTicks;
 }
 
@@ -122,4 +122,4 @@ Vec2 Trajectory::interpolated(const double tick) const {
             static_cast<double>(before.y) + fraction * static_cast<double>(after.y - before.y)};
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 struct Point {
     std::int64_t x = 0;
@@ -69,4 +69,4 @@ private:
 // Ticks needed to cover `length` units at `speedUnitsPerMs`, rounded up to whole periods, at least one period.
 std::uint64_t travelTicks(double length, double speedUnitsPerMs, std::uint64_t periodTicks);
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

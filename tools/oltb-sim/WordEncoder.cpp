@@ -1,15 +1,15 @@
 // Packing of trace words and the time-base bookkeeping of the stream.
-#include "WordEncoder.h"
+#include "tools/oltb-sim/WordEncoder.h"
 
 #include <cassert>
 
-namespace oltbsim {
+namespace oltb::sim {
 
 unsigned sampleWidthBits(const std::uint32_t type) noexcept {
     if (type <= 26) {
         // Ports, DACs and laser lines of group 0, by their signal number.
         static constexpr unsigned widths[27] = {16, 16, 16, 16, 8, 16, 8, 2, 1, 1, 4, 1, 1, 1,
-                                                16, 16, 16, 8, 4, 2, 1, 1, 1, 1, 1, 1, 1};
+                                                16, 16, 16, 8,  4, 2,  1, 1, 1, 1, 1, 1, 1};
         return widths[type];
     }
     if (type >= 32 && type <= 60) {
@@ -64,19 +64,19 @@ std::uint64_t fieldTickOf(const std::uint32_t type, const std::uint64_t firstSam
 void WordEncoder::append(std::vector<std::uint64_t>& out, const std::uint64_t fieldTick, const std::uint32_t type,
                          const std::uint32_t payload, const bool overflow) {
     ensureTimeBase(out, fieldTick);
-    out.push_back(packWord(static_cast<std::uint32_t>(fieldTick % kTicksPerTimeBase), type, payload, overflow));
+    out.push_back(packWord(static_cast<std::uint32_t>(fieldTick % TicksPerTimeBase), type, payload, overflow));
 }
 
 void WordEncoder::ensureTimeBase(std::vector<std::uint64_t>& out, const std::uint64_t fieldTick) {
     assert(!_hasTimeBase || fieldTick >= _lastFieldTick);
     _lastFieldTick = fieldTick;
-    const std::uint64_t period = fieldTick / kTicksPerTimeBase;
+    const std::uint64_t period = fieldTick / TicksPerTimeBase;
     if (!_hasTimeBase || period != _timeBasePayload) {
         // The card writes the upper bits of its clock whenever they change; the time-base payload is 32 bits wide.
-        out.push_back(packWord(0, kTimeBaseType, static_cast<std::uint32_t>(period)));
+        out.push_back(packWord(0, TimeBaseType, static_cast<std::uint32_t>(period)));
         _timeBasePayload = period;
         _hasTimeBase = true;
     }
 }
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <vector>
 
-namespace oltbsim {
+namespace oltb::sim {
 
-constexpr std::uint64_t kTicksPerTimeBase = std::uint64_t{1} << 24;
-constexpr std::uint32_t kTimeBaseType = oltbEventTimeBase;
+constexpr std::uint64_t TicksPerTimeBase = std::uint64_t{1} << 24;
+constexpr std::uint32_t TimeBaseType = oltbEventTimeBase;
 
 // Bits per sample of a traceable event type (32, 16, 8, 4, 2 or 1); 0 for the time-base type and every value that
 // names no signal.
@@ -40,8 +40,8 @@ public:
     // Forgets the time base: the next word is preceded by a time-base word.
     void restart() noexcept { _hasTimeBase = false; }
 
-    void append(std::vector<std::uint64_t>& out, std::uint64_t fieldTick, std::uint32_t type,
-                std::uint32_t payload, bool overflow = false);
+    void append(std::vector<std::uint64_t>& out, std::uint64_t fieldTick, std::uint32_t type, std::uint32_t payload,
+                bool overflow = false);
     // Appends a time-base word if a word at fieldTick would need one.
     void ensureTimeBase(std::vector<std::uint64_t>& out, std::uint64_t fieldTick);
     bool hasTimeBase() const noexcept { return _hasTimeBase; }
@@ -55,4 +55,4 @@ private:
     std::uint64_t _lastFieldTick = 0;
 };
 
-}  // namespace oltbsim
+}  // namespace oltb::sim

@@ -1,13 +1,13 @@
 // oltb-sim: a trace buffer server for machines without a scan controller card. Reads the command line
 // (SimOptions), loads the job or the capture to replay, and runs the server; everything the options mean is told by
 // --help.
-#include "CounterStream.h"
-#include "GroundTruth.h"
-#include "JobStream.h"
-#include "ReplayStream.h"
-#include "Server.h"
-#include "SettingsFile.h"
-#include "SimOptions.h"
+#include "tools/oltb-sim/CounterStream.h"
+#include "tools/oltb-sim/GroundTruth.h"
+#include "tools/oltb-sim/JobStream.h"
+#include "tools/oltb-sim/ReplayStream.h"
+#include "tools/oltb-sim/Server.h"
+#include "tools/oltb-sim/SettingsFile.h"
+#include "tools/oltb-sim/SimOptions.h"
 #include "tools/oltb/Signals.h"
 
 #include <cstdio>
@@ -19,7 +19,7 @@
 namespace {
 
 // One line on standard error: what the replay serves, so that a client knows which signals to select.
-void describeReplay(const oltbsim::ReplayCapture& capture, const bool repeat, const double pauseMs) {
+void describeReplay(const oltb::sim::ReplayCapture& capture, const bool repeat, const double pauseMs) {
     std::string names;
     for (const std::uint32_t type : capture.types) {
         const oltb::cli::SignalInfo* signal = oltb::cli::findSignalByType(static_cast<int>(type));
@@ -38,47 +38,47 @@ void describeReplay(const oltbsim::ReplayCapture& capture, const bool repeat, co
 }  // namespace
 
 int main(int argc, char** argv) {
-    using oltbsim::ExitCode;
-    oltbsim::SimOptions options;
-    if (const std::optional<int> code = oltbsim::parseOptions(argc, argv, options)) {
+    using oltb::sim::ExitCode;
+    oltb::sim::SimOptions options;
+    if (const std::optional<int> code = oltb::sim::parseOptions(argc, argv, options)) {
         return *code;
     }
-    oltbsim::JobSettings& job = options.job;
-    std::unique_ptr<oltbsim::TraceSource> source;
-    std::optional<oltbsim::MarkingJob> markingJob;
+    oltb::sim::JobSettings& job = options.job;
+    std::unique_ptr<oltb::sim::TraceSource> source;
+    std::optional<oltb::sim::MarkingJob> markingJob;
     if (!options.replayFile.empty()) {
         try {
-            auto replay = std::make_unique<oltbsim::ReplayStream>(oltbsim::scanCapture(options.replayFile), options.repeat,
-                                                                  job.pauseTicks);
+            auto replay = std::make_unique<oltb::sim::ReplayStream>(oltb::sim::scanCapture(options.replayFile),
+                                                                    options.repeat, job.pauseTicks);
             describeReplay(replay->capture(), options.repeat, options.pauseMs);
             source = std::move(replay);
-        } catch (const oltbsim::ReplayError& e) {
+        } catch (const oltb::sim::ReplayError& e) {
             std::fprintf(stderr, "oltb-sim: --replay: %s\n", e.what());
             return ExitCode::exitBadOptions;
         }
     } else {
         try {
             if (!options.jobFile.empty()) {
-                job.program = oltbsim::readJobFile(options.jobFile);
+                job.program = oltb::sim::readJobFile(options.jobFile);
             }
             if (!options.jumpTableFile.empty()) {
-                job.timing.jumpDelayTable = oltbsim::readJumpTable(options.jumpTableFile);
+                job.timing.jumpDelayTable = oltb::sim::readJumpTable(options.jumpTableFile);
             }
             if (!options.settingsFile.empty()) {
-                oltbsim::applySettingsFile(options.settingsFile, job.timing);
+                oltb::sim::applySettingsFile(options.settingsFile, job.timing);
             }
             if (options.printJob) {
                 std::fputs(job.program.text.c_str(), stdout);
                 return ExitCode::exitSuccess;
             }
             markingJob.emplace(job);
-        } catch (const oltbsim::JobFileError& e) {
+        } catch (const oltb::sim::JobFileError& e) {
             std::fprintf(stderr, "oltb-sim: %s\n", e.what());
             return ExitCode::exitBadOptions;
-        } catch (const oltbsim::JumpTableError& e) {
+        } catch (const oltb::sim::JumpTableError& e) {
             std::fprintf(stderr, "oltb-sim: --jump-table: %s\n", e.what());
             return ExitCode::exitBadOptions;
-        } catch (const oltbsim::SettingsFileError& e) {
+        } catch (const oltb::sim::SettingsFileError& e) {
             std::fprintf(stderr, "oltb-sim: --settings: %s\n", e.what());
             return ExitCode::exitBadOptions;
         } catch (const std::exception& e) {
@@ -86,17 +86,17 @@ int main(int argc, char** argv) {
             return ExitCode::exitBadOptions;
         }
         if (options.explain) {
-            std::fputs(oltbsim::explanationJson(*markingJob, oltbsim::explainJob(*markingJob)).c_str(), stdout);
+            std::fputs(oltb::sim::explanationJson(*markingJob, oltb::sim::explainJob(*markingJob)).c_str(), stdout);
             return ExitCode::exitSuccess;
         }
         if (options.server.counter) {
-            source = std::make_unique<oltbsim::CounterStream>(options.server.counterStepTicks);
+            source = std::make_unique<oltb::sim::CounterStream>(options.server.counterStepTicks);
         } else {
-            source = std::make_unique<oltbsim::JobStream>(*markingJob);
+            source = std::make_unique<oltb::sim::JobStream>(*markingJob);
         }
     }
     try {
-        return oltbsim::runServer(options.server, *source);
+        return oltb::sim::runServer(options.server, *source);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "oltb-sim: %s\n", e.what());
         return ExitCode::exitFailure;

@@ -183,13 +183,14 @@ private:
                     origin = batch->front().Timestamp;
                 }
                 for (oltbTraceEvent& event : *batch) {
-                    event.Time = static_cast<double>(static_cast<std::int64_t>(event.Timestamp - *origin)) /
-                                 TicksPerMicrosecond;
+                    event.Time =
+                        static_cast<double>(static_cast<std::int64_t>(event.Timestamp - *origin)) / TicksPerMicrosecond;
                 }
                 if (_options.durationSeconds > 0.0 && batch->back().Time >= durationUs) {
                     // Events come in time order: the first at or past the duration ends the capture, without it.
-                    const auto beyond = std::find_if(batch->begin(), batch->end(),
-                                                     [durationUs](const oltbTraceEvent& e) { return e.Time >= durationUs; });
+                    const auto beyond =
+                        std::find_if(batch->begin(), batch->end(),
+                                     [durationUs](const oltbTraceEvent& e) { return e.Time >= durationUs; });
                     batch->erase(beyond, batch->end());
                     durationReached = true;
                 }

@@ -12,8 +12,8 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -25,7 +25,7 @@ namespace {
 
 // The largest raw head position that is also a signed one; raw values go up to 2^20 - 1.
 constexpr std::int32_t LargestSignedPosition = 524287;
-constexpr std::int64_t LowestPosition = -524288;    // signed, sign-extended from 20 bits
+constexpr std::int64_t LowestPosition = -524288;        // signed, sign-extended from 20 bits
 constexpr std::int64_t HighestSignedPosition = 524288;  // an X channel negated
 constexpr std::int64_t HighestRawPosition = 1048575;
 constexpr std::string_view ByteOrderMark = "\xEF\xBB\xBF";
@@ -177,8 +177,8 @@ private:
             reason = _rule.orderProblem(event);
         }
         if (!reason.empty()) {
-            throw UsageError(_path + ": line " + std::to_string(_lineNumber) + ": not a row of an oltb capture: " +
-                             reason);
+            throw UsageError(_path + ": line " + std::to_string(_lineNumber) +
+                             ": not a row of an oltb capture: " + reason);
         }
         return true;
     }
@@ -205,8 +205,9 @@ CaptureReader::CaptureReader(const std::string& path) {
     } else if (format == OutputFormat::H5) {
         _source = openH5Capture(path);
     } else if (format == OutputFormat::Vcd) {
-        throw UsageError(path + ": a value change dump keeps only the changes of each signal and cannot be read "
-                                "back; read the .csv or .h5 of the same capture");
+        throw UsageError(path +
+                         ": a value change dump keeps only the changes of each signal and cannot be read "
+                         "back; read the .csv or .h5 of the same capture");
     } else {
         throw UsageError("capture '" + path + "': unknown format; name a .csv or .h5 file written by oltb");
     }
@@ -258,9 +259,7 @@ std::string SeriesRule::orderProblem(const oltbTraceEvent& event) {
     return {};
 }
 
-const SeriesInfo& CaptureReader::info() const {
-    return _source->info;
-}
+const SeriesInfo& CaptureReader::info() const { return _source->info; }
 
 std::size_t CaptureReader::read(oltbTraceEvent* events, std::size_t capacity) {
     return _source->read(events, capacity);

@@ -30,8 +30,8 @@ struct WriterFormat {
     const char* extension;  // ".csv", lower case
     // Whether the writer creates the file from its name itself (HDF5), rather than writing the open descriptor.
     bool writesByName;
-    bool (*available)();    // false when this oltb was built without what the format needs
-    const char* needs;      // what it needs: "HDF5"
+    bool (*available)();  // false when this oltb was built without what the format needs
+    const char* needs;    // what it needs: "HDF5"
     // Starts the file with what is known of the series. Throws OutputError.
     std::unique_ptr<CaptureWriter> (*start)(int descriptor, const std::string& path, const SeriesInfo& info);
 };

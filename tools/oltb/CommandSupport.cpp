@@ -5,6 +5,7 @@
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/Interrupt.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -13,10 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iostream>
 #include <mutex>
 #include <thread>
-#include <iostream>
-#include <unistd.h>
 
 namespace oltb::cli {
 

@@ -43,9 +43,9 @@ struct AcquiredEvents {
     std::vector<oltbTraceEvent> events;
 };
 struct AcquireOptions;
-std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
-                                            const std::optional<std::vector<const SignalInfo*>>& wanted,
-                                            const std::function<void()>& cleanUp = [] {});
+std::optional<AcquiredEvents> acquireEvents(
+    const AcquireOptions& options, const std::optional<std::vector<const SignalInfo*>>& wanted,
+    const std::function<void()>& cleanUp = [] {});
 
 // The events that oltb analyze and oltb report look at: the capture file named by options.input, or with both
 // labels given the events acquired between them from the server it names; head positions as signed numbers.

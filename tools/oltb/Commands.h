@@ -16,7 +16,7 @@ namespace oltb::cli {
 
 struct ConfigOptions {
     std::string host;
-    std::string setSignals; // empty: leave the configuration as it is
+    std::string setSignals;  // empty: leave the configuration as it is
     bool all = false;
     bool none = false;
     bool allRows = false;  // list the signals that are not traced as well
@@ -35,9 +35,9 @@ struct CaptureOptions {
 
 struct AcquireOptions {
     std::string host;
-    unsigned startLabel = 0; // 0 .. 65535
+    unsigned startLabel = 0;  // 0 .. 65535
     unsigned endLabel = 0;
-    std::string signals;           // empty: the server's configuration; Label is added in any case
+    std::string signals;            // empty: the server's configuration; Label is added in any case
     double timeoutSeconds = 10.0;   // the longest silence of the server while waiting
     double maxWaitSeconds = 120.0;  // the longest wait for both labels
     std::vector<std::string> outputs;
@@ -47,10 +47,10 @@ struct AcquireOptions {
 };
 
 struct AnalyzeOptions {
-    std::string input;           // a capture file, or with the labels a server address
-    int head = 0;                // 0 or 1
+    std::string input;  // a capture file, or with the labels a server address
+    int head = 0;       // 0 or 1
     double settleBandUnits = 100.0;
-    double maxEdgeDose = 2.0;    // the most dose a mark's ends may take, in times the dose of its body
+    double maxEdgeDose = 2.0;  // the most dose a mark's ends may take, in times the dose of its body
     bool json = false;
     std::vector<unsigned> each;  // START END: every run between these labels, and the spread over the runs
     std::string settingsOut;     // the suggested settings as JSON, to take to the card
@@ -69,10 +69,10 @@ struct ReportOptions {
 struct CompareOptions {
     AnalyzeOptions analysis;  // the analysis settings (input unused)
     std::string before;
-    std::string after;        // empty: the same capture as before, in other label windows
+    std::string after;                                // empty: the same capture as before, in other label windows
     std::vector<unsigned> beforeLabels, afterLabels;  // START END of the window to take, or empty: all of it
     bool json = false;
-    std::string output;       // the comparison page to write, or empty: none
+    std::string output;  // the comparison page to write, or empty: none
 };
 
 struct ConvertOptions {
@@ -89,10 +89,10 @@ struct MonitorOptions {
     std::string listen = "127.0.0.1:9496";  // ADDRESS:PORT of the page and the metrics
     std::string saveDir;                    // empty: no capture is kept
     double saveLimitMb = 1024;
-    std::size_t history = 1000;             // jobs whose figures are kept
-    std::string signals;                    // empty: the head's positions, Gate, LaserPower16 and Label
-    double maxWaitSeconds = 120;            // labels not seen this long are said on the page
-    AnalyzeOptions analysis;                // head, settle band and dose limit (input unused)
+    std::size_t history = 1000;   // jobs whose figures are kept
+    std::string signals;          // empty: the head's positions, Gate, LaserPower16 and Label
+    double maxWaitSeconds = 120;  // labels not seen this long are said on the page
+    AnalyzeOptions analysis;      // head, settle band and dose limit (input unused)
 };
 CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options);
 int runMonitor(const MonitorOptions& options);

@@ -36,8 +36,7 @@ std::vector<oltbTraceEvent> sideOf(const CompareOptions& options, const std::str
 }
 
 std::string describe(const std::string& path, const std::vector<unsigned>& labels) {
-    return labels.empty() ? path
-                          : path + ", labels " + std::to_string(labels[0]) + " to " + std::to_string(labels[1]);
+    return labels.empty() ? path : path + ", labels " + std::to_string(labels[0]) + " to " + std::to_string(labels[1]);
 }
 
 }  // namespace
@@ -76,9 +75,9 @@ int runCompare(const CompareOptions& options) {
             return ExitSuccess;
         }
     }
-    const std::string text = options.json ? analysis::toJson(comparison, before, after)
-                                          : analysis::toSummary(comparison, beforeName, afterName,
-                                                                options.analysis.unitsPerMm);
+    const std::string text = options.json
+                                 ? analysis::toJson(comparison, before, after)
+                                 : analysis::toSummary(comparison, beforeName, afterName, options.analysis.unitsPerMm);
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
         throw OutputError("cannot write to standard output", errno == EPIPE);
     }

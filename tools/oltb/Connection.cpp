@@ -58,7 +58,8 @@ Connection::Connection(const std::string& host) : _host(host) {
         const std::string text = takeLibraryError();
         std::string hint;
         if (text.find("Unable to get address!") != std::string::npos && host.find(':') != std::string::npos) {
-            hint = "\nthe port is always 9495: give the host alone, without ':" + host.substr(host.rfind(':') + 1) + "'";
+            hint =
+                "\nthe port is always 9495: give the host alone, without ':" + host.substr(host.rfind(':') + 1) + "'";
         } else if (text.find("unable to create connectable socket!") != std::string::npos) {
             hint = "\nnothing listens at " + host + ":9495; is the trace buffer server (or oltb-sim) running?";
         }

@@ -7,7 +7,6 @@
 #include "tools/oltb/Errors.h"
 #include "tools/oltb/Interrupt.h"
 
-
 namespace oltb::cli {
 
 namespace {

@@ -22,14 +22,13 @@ constexpr double TicksPerMicrosecond = 64.0;
 // Below 2^53 ticks every whole number of ticks is exact as a double.
 constexpr double MaxExactTicks = 9007199254740992.0;
 
-char* formatUnsigned(char* place, std::uint64_t value) {
-    return std::to_chars(place, place + 20, value).ptr;
-}
+char* formatUnsigned(char* place, std::uint64_t value) { return std::to_chars(place, place + 20, value).ptr; }
 
 // "%.6f" of ticks / 64 for a whole number of ticks.
 char* formatTicksAsMicroseconds(char* place, double time, std::int64_t ticks) {
     if (std::signbit(time)) *place++ = '-';
-    const std::uint64_t magnitude = ticks < 0 ? 0 - static_cast<std::uint64_t>(ticks) : static_cast<std::uint64_t>(ticks);
+    const std::uint64_t magnitude =
+        ticks < 0 ? 0 - static_cast<std::uint64_t>(ticks) : static_cast<std::uint64_t>(ticks);
     place = formatUnsigned(place, magnitude / 64);
     *place++ = '.';
     std::uint32_t millionths = static_cast<std::uint32_t>(magnitude % 64) * 15625;
@@ -42,18 +41,15 @@ char* formatTicksAsMicroseconds(char* place, double time, std::int64_t ticks) {
 
 }  // namespace
 
-CsvWriter::CsvWriter(std::ostream& out) : _out(out) {
-    begin();
-}
+CsvWriter::CsvWriter(std::ostream& out) : _out(out) { begin(); }
 
-CsvWriter::CsvWriter(int descriptor) : _out(descriptor) {
-    begin();
-}
+CsvWriter::CsvWriter(int descriptor) : _out(descriptor) { begin(); }
 
 void CsvWriter::begin() {
     for (std::size_t type = 0; type < _signalColumns.size(); ++type) {
         const SignalInfo* signal = findSignalByType(static_cast<int>(type));
-        _signalColumns[type] = std::string(signal != nullptr ? signal->name : "unknown") + ',' + std::to_string(type) + ',';
+        _signalColumns[type] =
+            std::string(signal != nullptr ? signal->name : "unknown") + ',' + std::to_string(type) + ',';
     }
     _out.append(Header);
     _out.append('\n');

@@ -9,13 +9,13 @@ namespace oltb::cli {
 
 enum ExitCode : int {
     ExitSuccess = 0,
-    ExitUnexpected = 1,   // a fault of the tool itself
-    ExitUsage = 2,        // bad arguments: unknown option or signal, bad label number, unknown output format, a
-                          // file to read that is no capture of oltb
-    ExitServer = 3,       // connecting, a command or reading failed: unreachable host, lost connection, timeout
-    ExitOutput = 4,       // an output file could not be created or written, or a capture could not be read
-    ExitCannotListen = 5, // oltb monitor: its address cannot be bound (in use, not an address of this machine)
-    ExitInterrupted = 130 // an acquisition ended by Ctrl-C before its end label, or a conversion: nothing written
+    ExitUnexpected = 1,    // a fault of the tool itself
+    ExitUsage = 2,         // bad arguments: unknown option or signal, bad label number, unknown output format, a
+                           // file to read that is no capture of oltb
+    ExitServer = 3,        // connecting, a command or reading failed: unreachable host, lost connection, timeout
+    ExitOutput = 4,        // an output file could not be created or written, or a capture could not be read
+    ExitCannotListen = 5,  // oltb monitor: its address cannot be bound (in use, not an address of this machine)
+    ExitInterrupted = 130  // an acquisition ended by Ctrl-C before its end label, or a conversion: nothing written
 };
 
 class UsageError : public std::runtime_error {

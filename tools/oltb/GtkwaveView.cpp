@@ -78,8 +78,8 @@ std::string viewPathOf(const std::string& dumpPath) {
 std::string gtkwaveView(const std::string& dumpPath, const std::vector<const SignalInfo*>& signals,
                         bool signedPositions, std::uint64_t timescalePs, std::uint64_t endTime) {
     std::ostringstream view;
-    view << "[*] oltb: the view of " << std::filesystem::path(dumpPath).filename().string()
-         << " for GTKWave (gtkwave " << std::filesystem::path(viewPathOf(dumpPath)).filename().string() << ")\n";
+    view << "[*] oltb: the view of " << std::filesystem::path(dumpPath).filename().string() << " for GTKWave (gtkwave "
+         << std::filesystem::path(viewPathOf(dumpPath)).filename().string() << ")\n";
     view << "[*] time unit " << timescalePs << " ps; the whole capture is " << endTime << " units\n";
     view << "[dumpfile] \"" << absolutePath(dumpPath) << "\"\n";
     view << "[savefile] \"" << absolutePath(viewPathOf(dumpPath)) << "\"\n";
@@ -130,7 +130,8 @@ void writeGtkwaveView(const std::string& dumpPath, const VcdWriter& dump) {
         if (file != nullptr) {
             std::remove(path.c_str());
         }
-        throw OutputError("cannot write " + path + ", the view of " + dumpPath + " for GTKWave: " + std::strerror(error));
+        throw OutputError("cannot write " + path + ", the view of " + dumpPath +
+                          " for GTKWave: " + std::strerror(error));
     }
 }
 

@@ -8,9 +8,7 @@ namespace oltb::cli {
 
 struct H5Writer::State {};
 
-bool H5Writer::available() {
-    return false;
-}
+bool H5Writer::available() { return false; }
 
 H5Writer::H5Writer(const std::string& path, const SeriesInfo&) {
     throw UsageError(path + ": this oltb was built without HDF5");

@@ -104,8 +104,8 @@ struct SignalReader {
     ColumnReader<std::int64_t> overflow;
     ColumnReader<std::uint64_t> sequence;
     hsize_t size = 0;
-    hsize_t loadedEnd = 0;      // events [loadedEnd - loaded, loadedEnd) are in memory
-    std::size_t position = 0;   // the next of them
+    hsize_t loadedEnd = 0;     // events [loadedEnd - loaded, loadedEnd) are in memory
+    std::size_t position = 0;  // the next of them
 
     void open(hid_t file, const SignalInfo* info) {
         signal = info;
@@ -113,8 +113,7 @@ struct SignalReader {
         const hid_t id = group.get();
         size = ticks.open(id, "timestamp_ticks", Ticks);
         const hsize_t sizes[] = {time.open(id, "time_us", Times), value.open(id, "value", Values),
-                                 overflow.open(id, "overflow", Values),
-                                 sequence.open(id, "sequence", Sequence)};
+                                 overflow.open(id, "overflow", Values), sequence.open(id, "sequence", Sequence)};
         for (const hsize_t other : sizes) {
             if (other != size) {
                 throw h5::Failure("its datasets differ in length");
@@ -169,7 +168,8 @@ public:
             throw UsageError(path + ": not an HDF5 file, so no capture written by oltb");
         }
         try {
-            _file = h5::checked(H5Fopen(path.c_str(), H5F_ACC_RDONLY, h5::boundedFileAccess().get()), H5Fclose, "opening the file");
+            _file = h5::checked(H5Fopen(path.c_str(), H5F_ACC_RDONLY, h5::boundedFileAccess().get()), H5Fclose,
+                                "opening the file");
             readAttributes();
             for (const SignalInfo& signal : allSignals()) {
                 if (H5Lexists(_file.get(), signal.name, H5P_DEFAULT) > 0) {
@@ -376,7 +376,8 @@ public:
         _descriptor = ends[0];
         if (_child < 0) {
             ::close(_descriptor);
-            throw InputError("cannot read " + path + ": cannot start the process that reads it: " + std::strerror(errno));
+            throw InputError("cannot read " + path +
+                             ": cannot start the process that reads it: " + std::strerror(errno));
         }
         try {
             readDescription();

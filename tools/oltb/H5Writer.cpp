@@ -61,7 +61,8 @@ public:
             _shuffled.resize(count * valueBytes);
             for (std::size_t significance = 0; significance < valueBytes; ++significance) {
                 unsigned char* out = _shuffled.data() + significance * count;
-                for (std::size_t index = 0; index < count; ++index) out[index] = bytes[index * valueBytes + significance];
+                for (std::size_t index = 0; index < count; ++index)
+                    out[index] = bytes[index * valueBytes + significance];
             }
             input = _shuffled.data();
         }
@@ -157,8 +158,8 @@ struct H5Writer::State {
     SignalGroup& addGroup(const SignalInfo* signal) {
         SignalGroup& added = *groups.emplace_back(std::make_unique<SignalGroup>());
         added.signal = signal;
-        added.group = h5::checked(H5Gcreate2(file.get(), signal->name, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT),
-                                  H5Gclose, std::string("creating group ") + signal->name);
+        added.group = h5::checked(H5Gcreate2(file.get(), signal->name, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Gclose,
+                                  std::string("creating group ") + signal->name);
         const hid_t group = added.group.get();
         h5::writeAttribute(group, "event_type", H5T_STD_U8LE, static_cast<long long>(signal->type));
         h5::writeAttribute(group, "bits_per_sample", H5T_STD_U8LE, signal->bitsPerSample);
@@ -197,9 +198,9 @@ H5Writer::H5Writer(const std::string& path, const SeriesInfo& info) : _state(std
         // made so needs a reader with HDF5 1.10 or newer.)
         const h5::Handle fileCreation = h5::checked(H5Pcreate(H5P_FILE_CREATE), H5Pclose, "file properties");
         h5::check(H5Pset_file_space_strategy(fileCreation.get(), H5F_FSPACE_STRATEGY_NONE, false, 1), "file space");
-        state.file = h5::checked(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, fileCreation.get(),
-                                             h5::boundedFileAccess().get()),
-                                 H5Fclose, "creating the file");
+        state.file =
+            h5::checked(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, fileCreation.get(), h5::boundedFileAccess().get()),
+                        H5Fclose, "creating the file");
         state.creation = h5::checked(H5Pcreate(H5P_DATASET_CREATE), H5Pclose, "dataset properties");
         const hsize_t chunk = ChunkEvents;
         h5::check(H5Pset_chunk(state.creation.get(), 1, &chunk), "chunking");
@@ -232,9 +233,7 @@ H5Writer::H5Writer(const std::string& path, const SeriesInfo& info) : _state(std
 
 H5Writer::~H5Writer() = default;
 
-bool H5Writer::available() {
-    return true;
-}
+bool H5Writer::available() { return true; }
 
 void H5Writer::write(const oltbTraceEvent* events, std::size_t count) {
     State& state = *_state;

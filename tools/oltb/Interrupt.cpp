@@ -15,9 +15,7 @@ namespace {
 std::atomic<bool> interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-extern "C" void onInterrupt(int) {
-    interrupted.store(true, std::memory_order_relaxed);
-}
+extern "C" void onInterrupt(int) { interrupted.store(true, std::memory_order_relaxed); }
 
 sigset_t interruptSignals() {
     sigset_t signals;
@@ -33,14 +31,12 @@ void installInterruptHandler() {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESETHAND | SA_RESTART; // the second signal is not caught
+    action.sa_flags = SA_RESETHAND | SA_RESTART;  // the second signal is not caught
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
 
-bool interruptRequested() {
-    return interrupted.load(std::memory_order_relaxed);
-}
+bool interruptRequested() { return interrupted.load(std::memory_order_relaxed); }
 
 void ignoreBrokenPipes() {
     std::signal(SIGPIPE, SIG_IGN);
@@ -52,8 +48,6 @@ InterruptsBlockedForNewThreads::InterruptsBlockedForNewThreads() {
     pthread_sigmask(SIG_BLOCK, &signals, &_previous);
 }
 
-InterruptsBlockedForNewThreads::~InterruptsBlockedForNewThreads() {
-    pthread_sigmask(SIG_SETMASK, &_previous, nullptr);
-}
+InterruptsBlockedForNewThreads::~InterruptsBlockedForNewThreads() { pthread_sigmask(SIG_SETMASK, &_previous, nullptr); }
 
 }  // namespace oltb::cli

@@ -40,7 +40,7 @@ private:
     double _startTime = 0.0;
     double _endTime = 0.0;
     std::vector<oltbTraceEvent> _events;
-    std::vector<oltbTraceEvent> _lastBeforeStart;  // one per signal, in the order of their first events
+    std::vector<oltbTraceEvent> _lastBeforeStart;              // one per signal, in the order of their first events
     std::array<int, 128> _lastIndexOfType = initialIndexes();  // into _lastBeforeStart, -1 for none yet
 
     static std::array<int, 128> initialIndexes() {

@@ -35,9 +35,7 @@ bool readerOfStandardOutputGone() {
     return ::poll(&standardOutput, 1, 0) == 1 && (standardOutput.revents & POLLERR) != 0;
 }
 
-std::string displayName(const std::string& path) {
-    return path == "-" ? "standard output" : path;
-}
+std::string displayName(const std::string& path) { return path == "-" ? "standard output" : path; }
 
 // The file a name leads to, if it exists ("-": standard output).
 std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
@@ -161,15 +159,15 @@ bool Outputs::csvOnStandardOutput() const {
     return std::any_of(_outputs.begin(), _outputs.end(), [](const Output& output) { return output.path == "-"; });
 }
 
-int Outputs::descriptorOf(const Output& output) {
-    return output.path == "-" ? STDOUT_FILENO : output.descriptor;
-}
+int Outputs::descriptorOf(const Output& output) { return output.path == "-" ? STDOUT_FILENO : output.descriptor; }
 
 void Outputs::checkWritten(Output& output) {
     const int error = output.writer ? output.writer->error() : 0;
     if (output.failure.empty() && error != 0) {
-        fail(output, "cannot write " + displayName(output.path) + ": " + std::strerror(error) +
-                         (output.path == "-" || !_begun ? "" : "; it keeps what was written before, up to its last whole line"));
+        fail(
+            output,
+            "cannot write " + displayName(output.path) + ": " + std::strerror(error) +
+                (output.path == "-" || !_begun ? "" : "; it keeps what was written before, up to its last whole line"));
     }
 }
 

@@ -74,8 +74,8 @@ private:
     struct Output {
         std::string path;
         const WriterFormat* format = nullptr;
-        int descriptor = -1;  // of a created file; -1 for standard output, and for a format that writes by name
-        bool created = false; // by open(): removed by discard()
+        int descriptor = -1;   // of a created file; -1 for standard output, and for a format that writes by name
+        bool created = false;  // by open(): removed by discard()
         std::unique_ptr<CaptureWriter> writer;
         std::string failure;  // why it can no longer be written; empty while it can
     };

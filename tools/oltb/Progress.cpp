@@ -103,8 +103,6 @@ void Progress::finish() {
     }
 }
 
-bool progressWanted(bool quiet) {
-    return !quiet && isatty(STDERR_FILENO) == 1;
-}
+bool progressWanted(bool quiet) { return !quiet && isatty(STDERR_FILENO) == 1; }
 
 }  // namespace oltb::cli

@@ -36,18 +36,16 @@ int runReport(const ReportOptions& options) {
     page.unitsPerMm = input.unitsPerMm;
     if (!input.each.empty()) {
         try {
-            page.repeats = analysis::toJson(analysis::analyzeEach(events->data(), events->size(),
-                                                                  static_cast<std::uint16_t>(input.each[0]),
-                                                                  static_cast<std::uint16_t>(input.each[1]),
-                                                                  analysisOptions(input)),
-                                            false);
+            page.repeats = analysis::toJson(
+                analysis::analyzeEach(events->data(), events->size(), static_cast<std::uint16_t>(input.each[0]),
+                                      static_cast<std::uint16_t>(input.each[1]), analysisOptions(input)),
+                false);
         } catch (const analysis::RunsError& error) {
             throw UsageError(input.input + ": " + error.what());
         }
     }
-    const std::string html =
-        report::renderPage("oltb report: " + page.source,
-                           report::pageData(events->data(), events->size(), result, page));
+    const std::string html = report::renderPage("oltb report: " + page.source,
+                                                report::pageData(events->data(), events->size(), result, page));
     writeWholeFile(options.output, html);
     std::cout << "report of " << events->size() << " events written to " << options.output << " (" << html.size()
               << " bytes); open it in a browser\n";

@@ -24,8 +24,7 @@ const std::vector<SignalInfo>& signalTable() {
 }
 
 bool equalIgnoringCase(std::string_view left, std::string_view right) {
-    return left.size() == right.size() &&
-           std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) {
+    return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) {
                return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
            });
 }
@@ -57,9 +56,7 @@ const char* describeGroup(std::string_view group) {
     return "";
 }
 
-const std::vector<SignalInfo>& allSignals() {
-    return signalTable();
-}
+const std::vector<SignalInfo>& allSignals() { return signalTable(); }
 
 const SignalInfo* findSignalByType(int type) {
     const auto found = std::find_if(signalTable().begin(), signalTable().end(),

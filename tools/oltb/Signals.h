@@ -13,11 +13,11 @@
 namespace oltb::cli {
 
 struct SignalInfo {
-    const char* name;                               // e.g. "Head0TxX"
-    const char* group;                              // "Conf0" .. "Conf3": the signal's 32-bit mask on the server
-    oltbTraceEventType type;                        // event type of its events (group base + signal number)
-    unsigned bitsPerSample;                         // 1 .. 32
-    bool oltbTraceBufferConfig_Struct::*configFlag; // selects the signal in a configuration record
+    const char* name;                                // e.g. "Head0TxX"
+    const char* group;                               // "Conf0" .. "Conf3": the signal's 32-bit mask on the server
+    oltbTraceEventType type;                         // event type of its events (group base + signal number)
+    unsigned bitsPerSample;                          // 1 .. 32
+    bool oltbTraceBufferConfig_Struct::*configFlag;  // selects the signal in a configuration record
 };
 
 // What a group stands for, for people who do not know the server's mask names.

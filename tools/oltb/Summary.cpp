@@ -42,8 +42,8 @@ void Summary::add(const oltbTraceEvent& event) {
 
 void Summary::print(std::ostream& out) const {
     char line[200];
-    std::snprintf(line, sizeof(line), "%-20s %4s %10s %14s %14s %12s %12s\n", "signal", "type", "events",
-                  "first_us", "last_us", "min", "max");
+    std::snprintf(line, sizeof(line), "%-20s %4s %10s %14s %14s %12s %12s\n", "signal", "type", "events", "first_us",
+                  "last_us", "min", "max");
     out << line;
     for (const auto& [type, figures] : figuresByType()) {
         const SignalInfo* signal = findSignalByType(type);

@@ -33,7 +33,7 @@ public:
 
 private:
     std::array<SignalFigures, 128> _figuresOfType{};  // the event types; count 0 for those that did not come
-    std::map<int, SignalFigures> _otherFigures;        // numbers outside them, which no event of the library has
+    std::map<int, SignalFigures> _otherFigures;       // numbers outside them, which no event of the library has
     std::uint64_t _totalEvents = 0;
 };
 

@@ -70,8 +70,8 @@ private:
     char* _end;
     int _error = 0;
     bool _regularFile = false;
-    std::uint64_t _written = 0;       // bytes the file took
-    std::uint64_t _completeLines = 0; // of which whole lines
+    std::uint64_t _written = 0;        // bytes the file took
+    std::uint64_t _completeLines = 0;  // of which whole lines
 };
 
 }  // namespace oltb::cli

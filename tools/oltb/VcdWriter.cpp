@@ -48,11 +48,16 @@ char* formatBinary(char* place, std::uint32_t value) {
 // The time unit as the dump's header writes it.
 std::string unitName(std::uint64_t picoseconds) {
     switch (picoseconds) {
-    case 1000: return "1 ns";
-    case 10000: return "10 ns";
-    case 100000: return "100 ns";
-    case 1000000: return "1 us";
-    default: return "1 ps";
+        case 1000:
+            return "1 ns";
+        case 10000:
+            return "10 ns";
+        case 100000:
+            return "100 ns";
+        case 1000000:
+            return "1 us";
+        default:
+            return "1 ps";
     }
 }
 
@@ -62,12 +67,11 @@ VcdWriter::VcdWriter(std::ostream& out, std::vector<const SignalInfo*> signals, 
                      VcdTimeZero timeZero)
     : VcdWriter(out, std::move(signals), signedPositions, timeZero, VcdFormat{}, {}) {}
 
-VcdWriter::VcdWriter(int descriptor, std::vector<const SignalInfo*> signals, bool signedPositions,
-                     VcdTimeZero timeZero)
+VcdWriter::VcdWriter(int descriptor, std::vector<const SignalInfo*> signals, bool signedPositions, VcdTimeZero timeZero)
     : VcdWriter(descriptor, std::move(signals), signedPositions, timeZero, VcdFormat{}, {}) {}
 
-VcdWriter::VcdWriter(int descriptor, std::vector<const SignalInfo*> signals, bool signedPositions,
-                     VcdTimeZero timeZero, const VcdFormat& format, const std::vector<oltbTraceEvent>& valuesAtZero)
+VcdWriter::VcdWriter(int descriptor, std::vector<const SignalInfo*> signals, bool signedPositions, VcdTimeZero timeZero,
+                     const VcdFormat& format, const std::vector<oltbTraceEvent>& valuesAtZero)
     : _out(descriptor), _signedPositions(signedPositions), _timeZero(timeZero) {
     choose(format, signals);
     addVariables(signals, valuesAtZero);
@@ -173,7 +177,8 @@ void VcdWriter::writeHeader(const std::optional<std::uint64_t>& originTicks) {
             header << *variable.lastValue << variable.identifier << '\n';
         } else {
             char binary[40];
-            const std::string_view text(binary, static_cast<std::size_t>(formatBinary(binary, *variable.lastValue) - binary));
+            const std::string_view text(binary,
+                                        static_cast<std::size_t>(formatBinary(binary, *variable.lastValue) - binary));
             header << text << variable.identifier << '\n';
         }
     }
@@ -197,8 +202,9 @@ void VcdWriter::writeEvent(const oltbTraceEvent& event) {
     }
     const auto type = static_cast<std::size_t>(event.Type);
     if (type >= _variableOfType.size() || _variableOfType[type] < 0) {
-        const bool leftOut = std::any_of(_leftOut.begin(), _leftOut.end(),
-                                         [type](const SignalInfo* signal) { return signal->type == static_cast<int>(type); });
+        const bool leftOut = std::any_of(_leftOut.begin(), _leftOut.end(), [type](const SignalInfo* signal) {
+            return signal->type == static_cast<int>(type);
+        });
         _eventsSkipped += leftOut ? 0 : 1;
         return;
     }

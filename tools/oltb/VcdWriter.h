@@ -91,14 +91,14 @@ private:
 
     TextOutput _out;
     std::vector<Variable> _variables;
-    std::array<int, 128> _variableOfType;  // index into _variables, -1 for none
+    std::array<int, 128> _variableOfType;     // index into _variables, -1 for none
     std::vector<const SignalInfo*> _leftOut;  // traced signals that a sigrok dump leaves out
     bool _signedPositions;
     VcdTimeZero _timeZero;
     std::uint64_t _timescalePs = 1;
     bool _headerWritten = false;
     std::uint64_t _originTicks = 0;
-    std::optional<std::uint64_t> _lastTime; // in time units since the origin, as last written with '#'
+    std::optional<std::uint64_t> _lastTime;  // in time units since the origin, as last written with '#'
     std::uint64_t _eventsMovedForward = 0;
     std::uint64_t _eventsSkipped = 0;
 };

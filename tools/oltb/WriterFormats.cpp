@@ -69,9 +69,7 @@ private:
     H5Writer _h5;
 };
 
-bool always() {
-    return true;
-}
+bool always() { return true; }
 
 }  // namespace
 
@@ -102,7 +100,8 @@ const WriterFormat* writerFormatOf(const std::string& path) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     for (const WriterFormat& format : writerFormats()) {
         const std::string extension = format.extension;
-        if (lower.size() > extension.size() && lower.compare(lower.size() - extension.size(), extension.size(), extension) == 0) {
+        if (lower.size() > extension.size() &&
+            lower.compare(lower.size() - extension.size(), extension.size(), extension) == 0) {
             return &format;
         }
     }

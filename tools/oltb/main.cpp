@@ -27,10 +27,12 @@ using namespace oltb::cli;
 
 namespace {
 
-constexpr const char* ServerExitCodes = R"(Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a
+constexpr const char* ServerExitCodes =
+    R"(Exit codes: 0 success, 2 usage error, 3 server error (connection failed or lost, a command or a
 read failed, a timeout), 1 unexpected failure of the tool itself.)";
 
-constexpr const char* TraceFooter = R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
+constexpr const char* TraceFooter =
+    R"(Output by extension: .csv (timestamp_ticks,time_us,signal,type,value,overflow), .vcd (value change
 dump for GTKWave, Surfer or sigrok; NAME.vcd comes with NAME.gtkw, which gtkwave opens ready to read), .h5 (HDF5:
 one group per signal with the datasets timestamp_ticks, time_us, value, overflow, sequence; for h5py, MATLAB,
 Octave, HDFView); without -o, CSV goes to standard output. -o may be repeated: one series, every file. Ctrl-C
@@ -76,9 +78,10 @@ void addVcdOptions(CLI::App& command, VcdFormat& format) {
             return {};
         },
         "UNIT");
-    command.add_option("--vcd-timescale", format.timescalePs,
-                       "time unit of a .vcd file: 1ps (default: each tick exact), 1ns, 10ns, 100ns or 1us (times "
-                       "rounded to it; viewers that take a sample per unit read a coarse one faster)")
+    command
+        .add_option("--vcd-timescale", format.timescalePs,
+                    "time unit of a .vcd file: 1ps (default: each tick exact), 1ns, 10ns, 100ns or 1us (times "
+                    "rounded to it; viewers that take a sample per unit read a coarse one faster)")
         ->transform(unit)
         ->option_text("UNIT");
     command.add_flag("--vcd-sigrok", format.sigrok,
@@ -89,9 +92,10 @@ void addVcdOptions(CLI::App& command, VcdFormat& format) {
 void addTraceOptions(CLI::App& command, std::string& host, std::string& signals, std::vector<std::string>& outputs,
                      bool& raw, bool& quiet) {
     command.add_option("host", host, "server address (name or number; the port is always 9495)")->required();
-    command.add_option("-s,--signals", signals,
-                       "signals to trace: comma list of names (see oltb signals), groups Conf0..Conf3, or all; "
-                       "sets the server's configuration (default: trace what it is configured for)")
+    command
+        .add_option("-s,--signals", signals,
+                    "signals to trace: comma list of names (see oltb signals), groups Conf0..Conf3, or all; "
+                    "sets the server's configuration (default: trace what it is configured for)")
         ->check(NotEmpty);
     command.add_option("-o,--output", outputs, "file to write (.csv, .vcd or .h5; - for CSV on standard output)")
         ->allow_extra_args(false);
@@ -109,39 +113,46 @@ struct LabelOptions {
 
 LabelOptions addAnalysisOptions(CLI::App& command, AnalyzeOptions& analyze) {
     const CLI::Range labelRange(0, 65535);
-    command.add_option("input", analyze.input,
-                       "capture file written by oltb (.csv or .h5, positions not --raw), or with --start and --end "
-                       "a server address")
+    command
+        .add_option("input", analyze.input,
+                    "capture file written by oltb (.csv or .h5, positions not --raw), or with --start and --end "
+                    "a server address")
         ->required();
     command.add_option("--head", analyze.head, "scan head to analyze")->capture_default_str()->check(CLI::Range(0, 1));
-    command.add_option("--settle-band", analyze.settleBandUnits,
-                       "a jump has settled once the mirror stays this close to its target (head units)")
+    command
+        .add_option("--settle-band", analyze.settleBandUnits,
+                    "a jump has settled once the mirror stays this close to its target (head units)")
         ->capture_default_str()
         ->check(positiveNumberOf("units"));
-    command.add_option("--max-edge-dose", analyze.maxEdgeDose,
-                       "the most dose a mark's start or end may take, in times the dose of its body (dose ~ 1 / the "
-                       "mirror's speed): the suggested laser delays switch the gate where the mirror moves at 1/D of "
-                       "the mark speed")
+    command
+        .add_option("--max-edge-dose", analyze.maxEdgeDose,
+                    "the most dose a mark's start or end may take, in times the dose of its body (dose ~ 1 / the "
+                    "mirror's speed): the suggested laser delays switch the gate where the mirror moves at 1/D of "
+                    "the mark speed")
         ->capture_default_str()
         ->check(CLI::Range(1.0, 100.0));
-    command.add_option("--units-per-mm", analyze.unitsPerMm,
-                       "head units per mm: lengths in mm, errors in um, speeds in mm/s (JSON stays in head units)")
+    command
+        .add_option("--units-per-mm", analyze.unitsPerMm,
+                    "head units per mm: lengths in mm, errors in um, speeds in mm/s (JSON stays in head units)")
         ->check(positiveNumberOf("units"));
     LabelOptions labels;
-    labels.start = command.add_option("--start", analyze.live.startLabel,
-                                      "acquire from the server first: start label number")
-                       ->check(labelRange);
+    labels.start =
+        command.add_option("--start", analyze.live.startLabel, "acquire from the server first: start label number")
+            ->check(labelRange);
     labels.end = command.add_option("--end", analyze.live.endLabel, "end label number")->check(labelRange);
-    command.add_option("-s,--signals", analyze.live.signals,
-                       "with --start/--end: signals to trace (sets the server's configuration), e.g. "
-                       "Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate")
+    command
+        .add_option("-s,--signals", analyze.live.signals,
+                    "with --start/--end: signals to trace (sets the server's configuration), e.g. "
+                    "Head0TxX,Head0TxY,Head0RxX,Head0RxY,Gate")
         ->check(NotEmpty);
-    command.add_option("--timeout", analyze.live.timeoutSeconds,
-                       "with --start/--end: give up when the server sends nothing this long")
+    command
+        .add_option("--timeout", analyze.live.timeoutSeconds,
+                    "with --start/--end: give up when the server sends nothing this long")
         ->capture_default_str()
         ->check(positiveNumberOf("seconds", 3600.0));
-    command.add_option("--max-wait", analyze.live.maxWaitSeconds,
-                       "with --start/--end: give up when both labels have not come within this many seconds")
+    command
+        .add_option("--max-wait", analyze.live.maxWaitSeconds,
+                    "with --start/--end: give up when both labels have not come within this many seconds")
         ->capture_default_str()
         ->check(positiveNumberOf("seconds"));
     command.add_flag("-q,--quiet", analyze.live.quiet, "no progress display on standard error");
@@ -161,7 +172,8 @@ std::string usageMistake(const CLI::App& app, int argc, char** argv, std::string
     if (command == nullptr && argc > 1 && argv[1][0] != '-') {
         what = std::string("unknown command '") + argv[1] + "'";
     }
-    return what + "\nsee " + (command != nullptr ? "oltb " + command->get_name() + " --help" : std::string("oltb --help"));
+    return what + "\nsee " +
+           (command != nullptr ? "oltb " + command->get_name() + " --help" : std::string("oltb --help"));
 }
 
 // Every write to standard output counts: when one failed (a full disk, a closed pipe behind it), a command that
@@ -175,13 +187,13 @@ int checkStandardOutput(int code) {
         return code;
     }
     if (error != EPIPE) {
-        printError(std::string("cannot write to standard output") + (error != 0 ? ": " + std::string(std::strerror(error)) : ""));
+        printError(std::string("cannot write to standard output") +
+                   (error != 0 ? ": " + std::string(std::strerror(error)) : ""));
     }
     return ExitOutput;
 }
 
 int run(int argc, char** argv) {
-
     CLI::App app{"oltb: trace signals of a laser scan controller card through its trace buffer server (port 9495)",
                  "oltb"};
     app.set_version_flag("--version", std::string("oltb ") + OLTB_TOOL_VERSION);
@@ -192,8 +204,9 @@ int run(int argc, char** argv) {
         ->footer("The table is the tool's own: no server is asked.");
 
     ConfigOptions config;
-    CLI::App* configCommand = app.add_subcommand("config", "show the signals the server traces; replace them first "
-                                                           "with --set, --all or --none");
+    CLI::App* configCommand = app.add_subcommand("config",
+                                                 "show the signals the server traces; replace them first "
+                                                 "with --set, --all or --none");
     configCommand->add_option("host", config.host, "server address (name or number)")->required();
     auto* setOption = configCommand->add_option("--set", config.setSignals, "trace exactly these signals (comma list)")
                           ->check(NotEmpty);
@@ -210,9 +223,10 @@ int run(int argc, char** argv) {
         app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
     addTraceOptions(*captureCommand, capture.host, capture.signals, capture.outputs, capture.raw, capture.quiet);
     addVcdOptions(*captureCommand, capture.vcd);
-    auto* durationOption = captureCommand->add_option("-d,--duration", capture.durationSeconds,
-                                                      "seconds to trace: the first S seconds of the trace, ending S "
-                                                      "seconds after the start at the latest")
+    auto* durationOption = captureCommand
+                               ->add_option("-d,--duration", capture.durationSeconds,
+                                            "seconds to trace: the first S seconds of the trace, ending S "
+                                            "seconds after the start at the latest")
                                ->check(positiveNumberOf("seconds"));
     auto* eventsOption = captureCommand->add_option("-n,--events", capture.maxEvents, "events to read")
                              ->check(positiveNumberOf("events"));
@@ -231,8 +245,9 @@ int run(int argc, char** argv) {
     acquireCommand->add_option("--timeout", acquire.timeoutSeconds, "give up when the server sends nothing this long")
         ->capture_default_str()
         ->check(positiveNumberOf("seconds", 3600.0));
-    acquireCommand->add_option("--max-wait", acquire.maxWaitSeconds,
-                               "give up when both labels have not come within this many seconds")
+    acquireCommand
+        ->add_option("--max-wait", acquire.maxWaitSeconds,
+                     "give up when both labels have not come within this many seconds")
         ->capture_default_str()
         ->check(positiveNumberOf("seconds"));
 
@@ -241,9 +256,10 @@ int run(int argc, char** argv) {
         "analyze", "measure tracking error, following error, laser timing and jump settling in a trace");
     LabelOptions analyzeLabels = addAnalysisOptions(*analyzeCommand, analyze);
     analyzeCommand->add_flag("--json", analyze.json, "one JSON object instead of the summary");
-    analyzeCommand->add_option("--each", analyze.each,
-                               "every run between labels START and END of the trace, and how much each figure "
-                               "moves from run to run")
+    analyzeCommand
+        ->add_option("--each", analyze.each,
+                     "every run between labels START and END of the trace, and how much each figure "
+                     "moves from run to run")
         ->expected(2)
         ->check(labelRange);
     analyzeCommand->add_option("--settings-out", analyze.settingsOut,
@@ -261,9 +277,10 @@ int run(int argc, char** argv) {
         "report", "one HTML page of a trace to open in a browser: the figures of analyze, the XY path, time plots");
     LabelOptions reportLabels = addAnalysisOptions(*reportCommand, report.analysis);
     reportCommand->add_option("-o,--output", report.output, "the page to write, e.g. trace.html")->required();
-    reportCommand->add_option("--each", report.analysis.each,
-                              "also every run between labels START and END: the page shows how much each figure "
-                              "moves from run to run")
+    reportCommand
+        ->add_option("--each", report.analysis.each,
+                     "also every run between labels START and END: the page shows how much each figure "
+                     "moves from run to run")
         ->expected(2)
         ->check(labelRange);
     reportCommand->footer(
@@ -276,8 +293,9 @@ int run(int argc, char** argv) {
     CLI::App* compareCommand = app.add_subcommand(
         "compare", "two traces of a head side by side: the settings each shows and every figure before and after");
     compareCommand->add_option("before", compare.before, "the capture before the change (.csv or .h5)")->required();
-    compareCommand->add_option("after", compare.after, "the capture after it (default: the same capture, in "
-                                                      "another label window)");
+    compareCommand->add_option("after", compare.after,
+                               "the capture after it (default: the same capture, in "
+                               "another label window)");
     compareCommand->add_option("--before-labels", compare.beforeLabels, "START END: the window of the before trace")
         ->expected(2)
         ->check(labelRange);
@@ -313,11 +331,14 @@ int run(int argc, char** argv) {
         app.add_subcommand("convert", "turn a capture of oltb (.csv or .h5) into another format (.csv, .vcd, .h5)");
     convertCommand->add_option("input", convert.input, "the capture to read: a .csv or .h5 file written by oltb")
         ->required();
-    convertCommand->add_option("output", convert.output, "the file to write: .csv, .vcd or .h5 (- for CSV on "
-                                                         "standard output)")
+    convertCommand
+        ->add_option("output", convert.output,
+                     "the file to write: .csv, .vcd or .h5 (- for CSV on "
+                     "standard output)")
         ->required();
     addVcdOptions(*convertCommand, convert.vcd);
-    convertCommand->footer(R"(Reads and writes a batch at a time, so files of any length convert in little memory. A CSV has no
+    convertCommand->footer(
+        R"(Reads and writes a batch at a time, so files of any length convert in little memory. A CSV has no
 server, labels or start time for an .h5 file to keep. A failed or interrupted conversion removes its output.
 Exit codes: 0 success, 2 usage error (also an input that is no capture of oltb: the message names the file and
 the line), 4 a file could not be read or written (missing, damaged HDF5), 130 interrupted, 1 unexpected failure.)");
@@ -390,6 +411,4 @@ the line), 4 a file could not be read or written (missing, damaged HDF5), 130 in
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    return checkStandardOutput(run(argc, argv));
-}
+int main(int argc, char** argv) { return checkStandardOutput(run(argc, argv)); }

@@ -26,13 +26,9 @@ std::optional<double> largest(const std::vector<double>& values) {
 }
 
 // The dose a point gets against the mark's body goes with 1 / the mirror's speed.
-double doseAt(double speedShare) {
-    return speedShare > 1.0 / MaxEdgeDose ? 1.0 / speedShare : MaxEdgeDose;
-}
+double doseAt(double speedShare) { return speedShare > 1.0 / MaxEdgeDose ? 1.0 / speedShare : MaxEdgeDose; }
 
-std::string number(std::optional<double> value) {
-    return analysis::jsonNumber(value);
-}
+std::string number(std::optional<double> value) { return analysis::jsonNumber(value); }
 
 }  // namespace
 
@@ -103,22 +99,21 @@ JobFigures figuresOf(const analysis::Result& result) {
 }
 
 std::string toJson(const JobFigures& job, bool brief) {
-    std::string json = "{\"id\": " + std::to_string(job.id) + ", \"ended_utc\": " + analysis::jsonString(job.endedUtc) +
-                       ", \"ended_unix\": " + number(job.endedUnixSeconds) +
-                       ", \"duration_us\": " + number(job.durationUs) + ", \"events\": " + std::to_string(job.events) +
-                       ", \"marks\": " + std::to_string(job.marks) + ", \"jumps\": " + std::to_string(job.jumps) +
-                       ", \"tracking_error_us\": {\"x\": " + number(job.trackingErrorXUs) +
-                       ", \"y\": " + number(job.trackingErrorYUs) + "}, \"start_missing\": {\"median\": " +
-                       number(job.startMissing) + ", \"max\": " + number(job.startMissingMax) +
-                       "}, \"end_missing\": {\"median\": " + number(job.endMissing) +
-                       ", \"max\": " + number(job.endMissingMax) + "}, \"edge_dose_max\": " + number(job.edgeDoseMax) +
-                       ", \"settle_max_us\": " + number(job.settleMaxUs) +
-                       ", \"jumps_unsettled\": " + std::to_string(job.unsettledJumps) +
-                       ", \"lost_events\": " + std::to_string(job.lostEvents) +
-                       ", \"warnings\": " + std::to_string(job.warnings.size()) +
-                       ", \"analysis_ms\": " + number(job.analysisSeconds * 1e3) +
-                       ", \"saved\": " + analysis::jsonString(job.savedFile) +
-                       ", \"failure\": " + analysis::jsonString(job.failure);
+    std::string json =
+        "{\"id\": " + std::to_string(job.id) + ", \"ended_utc\": " + analysis::jsonString(job.endedUtc) +
+        ", \"ended_unix\": " + number(job.endedUnixSeconds) + ", \"duration_us\": " + number(job.durationUs) +
+        ", \"events\": " + std::to_string(job.events) + ", \"marks\": " + std::to_string(job.marks) +
+        ", \"jumps\": " + std::to_string(job.jumps) +
+        ", \"tracking_error_us\": {\"x\": " + number(job.trackingErrorXUs) +
+        ", \"y\": " + number(job.trackingErrorYUs) + "}, \"start_missing\": {\"median\": " + number(job.startMissing) +
+        ", \"max\": " + number(job.startMissingMax) + "}, \"end_missing\": {\"median\": " + number(job.endMissing) +
+        ", \"max\": " + number(job.endMissingMax) + "}, \"edge_dose_max\": " + number(job.edgeDoseMax) +
+        ", \"settle_max_us\": " + number(job.settleMaxUs) +
+        ", \"jumps_unsettled\": " + std::to_string(job.unsettledJumps) +
+        ", \"lost_events\": " + std::to_string(job.lostEvents) +
+        ", \"warnings\": " + std::to_string(job.warnings.size()) +
+        ", \"analysis_ms\": " + number(job.analysisSeconds * 1e3) +
+        ", \"saved\": " + analysis::jsonString(job.savedFile) + ", \"failure\": " + analysis::jsonString(job.failure);
     if (brief) {
         return json + "}";
     }

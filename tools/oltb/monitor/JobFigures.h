@@ -20,10 +20,10 @@ struct SettingFigures {
 };
 
 struct JobFigures {
-    std::uint64_t id = 0;        // counted from 1 by the monitor; a job skipped or dropped leaves its number out
-    std::string endedUtc;        // when the end label came, ISO 8601
+    std::uint64_t id = 0;  // counted from 1 by the monitor; a job skipped or dropped leaves its number out
+    std::string endedUtc;  // when the end label came, ISO 8601
     double endedUnixSeconds = 0;
-    double durationUs = 0;       // from the start label to the end label
+    double durationUs = 0;  // from the start label to the end label
     std::uint64_t events = 0;
     std::size_t marks = 0, jumps = 0, unsettledJumps = 0;
     std::optional<double> trackingErrorXUs, trackingErrorYUs;
@@ -31,7 +31,7 @@ struct JobFigures {
     std::optional<double> startMissing, endMissing;        // median, head units
     std::optional<double> startMissingMax, endMissingMax;  // the worst mark
     std::optional<double> edgeDoseMax;                     // the largest dose at a mark's edge, times the body's
-    std::optional<double> settleMaxUs;  // the longest settle time of a jump, predicted ones included
+    std::optional<double> settleMaxUs;                     // the longest settle time of a jump, predicted ones included
     std::uint64_t lostEvents = 0;
     std::array<SettingFigures, 5> settings;
     std::vector<std::string> warnings;  // at most MaxWarnings, the last saying how many more there were

@@ -154,8 +154,7 @@ void JobReader::finishJob(const cli::SeriesInfo& info) {
     Job job;
     job.id = ++_lastId;
     job.endedUtc = cli::utcNowIso8601();
-    job.endedUnixSeconds =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    job.endedUnixSeconds = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     job.info = info;
     job.events = _window->takeEvents();
     if (!_queue.push(std::move(job))) {

@@ -23,7 +23,7 @@ namespace oltb::monitor {
 
 struct ReaderSettings {
     std::string host;
-    std::uint16_t startLabel = 0, endLabel = 0;  // differ
+    std::uint16_t startLabel = 0, endLabel = 0;   // differ
     std::vector<const cli::SignalInfo*> signals;  // Label is added
     double maxWaitSeconds = 120;  // a start label not seen this long is said; a job without its end label dropped
 };

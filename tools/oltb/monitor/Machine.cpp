@@ -8,9 +8,12 @@ namespace oltb::monitor {
 
 const char* linkName(Link link) {
     switch (link) {
-        case Link::Connecting: return "connecting";
-        case Link::Tracing: return "tracing";
-        case Link::Away: return "away";
+        case Link::Connecting:
+            return "connecting";
+        case Link::Tracing:
+            return "tracing";
+        case Link::Away:
+            return "away";
     }
     return "unknown";
 }
@@ -129,17 +132,18 @@ std::string Machine::statusJsonLocked() const {
     }
     signals += "]";
     return "{\"machine\": " + analysis::jsonString(_identity.name) +
-           ", \"host\": " + analysis::jsonString(_identity.host) + ", \"head\": " + std::to_string(_identity.head) + ", \"start_label\": " +
-           std::to_string(_identity.startLabel) + ", \"end_label\": " + std::to_string(_identity.endLabel) +
-           ", \"state\": " + analysis::jsonString(linkName(s.link)) + ", \"detail\": " +
-           analysis::jsonString(s.linkDetail) + ", \"labels\": " + analysis::jsonString(s.labels) +
+           ", \"host\": " + analysis::jsonString(_identity.host) + ", \"head\": " + std::to_string(_identity.head) +
+           ", \"start_label\": " + std::to_string(_identity.startLabel) +
+           ", \"end_label\": " + std::to_string(_identity.endLabel) +
+           ", \"state\": " + analysis::jsonString(linkName(s.link)) +
+           ", \"detail\": " + analysis::jsonString(s.linkDetail) + ", \"labels\": " + analysis::jsonString(s.labels) +
            ", \"saving\": " + analysis::jsonString(s.saving) + ", \"signals\": " + signals +
            ", \"jobs\": " + std::to_string(s.jobs) + ", \"incomplete_jobs\": " + std::to_string(s.incompleteJobs) +
-           ", \"skipped_jobs\": " + std::to_string(s.skippedJobs) + ", \"lost_events\": " +
-           std::to_string(s.lostEvents) + ", \"reconnects\": " + std::to_string(s.reconnects) +
-           ", \"save_failures\": " + std::to_string(s.saveFailures) + ", \"saved_bytes\": " +
-           std::to_string(s.savedBytes) + ", \"last_job\": " + (s.lastJob ? std::to_string(s.lastJob->id) : "null") +
-           "}";
+           ", \"skipped_jobs\": " + std::to_string(s.skippedJobs) +
+           ", \"lost_events\": " + std::to_string(s.lostEvents) + ", \"reconnects\": " + std::to_string(s.reconnects) +
+           ", \"save_failures\": " + std::to_string(s.saveFailures) +
+           ", \"saved_bytes\": " + std::to_string(s.savedBytes) +
+           ", \"last_job\": " + (s.lastJob ? std::to_string(s.lastJob->id) : "null") + "}";
 }
 
 std::string Machine::statusJson() const {

@@ -51,7 +51,7 @@ struct MachineStatus {
     std::uint64_t lostEvents = 0;      // within the jobs analysed
     std::uint64_t reconnects = 0;
     std::uint64_t saveFailures = 0;
-    std::uint64_t savedBytes = 0;      // in the save directory, the monitor's files
+    std::uint64_t savedBytes = 0;  // in the save directory, the monitor's files
     std::optional<JobFigures> lastJob;
 };
 

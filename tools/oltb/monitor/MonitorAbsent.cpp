@@ -5,8 +5,9 @@
 namespace oltb::cli {
 
 int runMonitor(const MonitorOptions&) {
-    throw UsageError("this oltb was built without the monitor: its web server needs libcpp-httplib-dev and its page "
-                     "libjs-dygraphs (scripts/setup.sh demo installs both)");
+    throw UsageError(
+        "this oltb was built without the monitor: its web server needs libcpp-httplib-dev and its page "
+        "libjs-dygraphs (scripts/setup.sh demo installs both)");
 }
 
 }  // namespace oltb::cli

@@ -59,8 +59,8 @@ int runMonitor(const MonitorOptions& options) {
     identity.historyLength = options.history;
     std::unique_ptr<monitor::SaveDirectory> save;
     if (!options.saveDir.empty()) {
-        save = std::make_unique<monitor::SaveDirectory>(
-            options.saveDir, identity.name, static_cast<std::uint64_t>(options.saveLimitMb * 1024 * 1024));
+        save = std::make_unique<monitor::SaveDirectory>(options.saveDir, identity.name,
+                                                        static_cast<std::uint64_t>(options.saveLimitMb * 1024 * 1024));
     }
     monitor::ReaderSettings reading;
     reading.host = options.host;

@@ -36,13 +36,15 @@ CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options) {
     command->add_option("--start", options.startLabel, "the label that begins each job")->required()->check(labelRange);
     command->add_option("--end", options.endLabel, "the label that ends it")->required()->check(labelRange);
     command->add_option("--name", options.name, "the machine's name on the page and in the metrics (default: host)");
-    command->add_option("--listen", options.listen,
-                        "ADDRESS:PORT of the live page and the metrics; another address than loopback only when "
-                        "the figures may be seen from elsewhere")
+    command
+        ->add_option("--listen", options.listen,
+                     "ADDRESS:PORT of the live page and the metrics; another address than loopback only when "
+                     "the figures may be seen from elsewhere")
         ->capture_default_str();
     command->add_option("--save-dir", options.saveDir, "keep each job's capture there as an .h5 file");
-    command->add_option("--save-limit-mb", options.saveLimitMb,
-                        "beyond this many MB of the machine's files in --save-dir the oldest are removed")
+    command
+        ->add_option("--save-limit-mb", options.saveLimitMb,
+                     "beyond this many MB of the machine's files in --save-dir the oldest are removed")
         ->capture_default_str()
         ->check(finiteBetween(1, 1e9));
     command->add_option("--history", options.history, "jobs whose figures the page and /jobs.json keep")
@@ -51,9 +53,10 @@ CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options) {
     command->add_option("-s,--signals", options.signals,
                         "signals to trace (default: the head's commanded and actual positions, Gate, LaserPower16 "
                         "and Label)");
-    command->add_option("--max-wait", options.maxWaitSeconds,
-                        "a start label not seen this long is said on the page; a job whose end label does not come "
-                        "within it is dropped (seconds)")
+    command
+        ->add_option("--max-wait", options.maxWaitSeconds,
+                     "a start label not seen this long is said on the page; a job whose end label does not come "
+                     "within it is dropped (seconds)")
         ->capture_default_str()
         ->check(finiteBetween(0.1, 1e6));
     command->add_option("--head", options.analysis.head, "scan head to analyze")
@@ -73,6 +76,5 @@ CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options) {
         "5 the address cannot be listened on (in use, not an address of this machine), 1 unexpected failure.");
     return command;
 }
-
 
 }  // namespace oltb::cli

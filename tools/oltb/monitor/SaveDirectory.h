@@ -14,9 +14,9 @@
 namespace oltb::monitor {
 
 struct SaveOutcome {
-    std::string file;          // the name saved, or empty
-    std::string failure;       // why it could not be saved, or empty
-    std::uint64_t bytes = 0;   // of the machine's files in the directory afterwards
+    std::string file;         // the name saved, or empty
+    std::string failure;      // why it could not be saved, or empty
+    std::uint64_t bytes = 0;  // of the machine's files in the directory afterwards
 };
 
 class SaveDirectory {

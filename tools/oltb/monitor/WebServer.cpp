@@ -52,11 +52,20 @@ std::string escapedHtml(const std::string& text) {
     std::string out;
     for (const char c : text) {
         switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -111,7 +120,7 @@ struct WebServer::State {
     int port = 0;
     std::atomic<int> livePages{0};
     std::atomic<bool> ended{false};  // run() returned
-    std::mutex reportMutex;  // one report made at a time; the others wait for it
+    std::mutex reportMutex;          // one report made at a time; the others wait for it
     std::uint64_t reportId = 0;
     std::shared_ptr<const std::string> reportPage;
 
@@ -316,9 +325,7 @@ std::string WebServer::bind(const ListenAddress& address) {
     return whyNotBound(address);
 }
 
-int WebServer::port() const {
-    return _state->port;
-}
+int WebServer::port() const { return _state->port; }
 
 void WebServer::run() {
     try {

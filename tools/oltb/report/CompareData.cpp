@@ -38,7 +38,8 @@ template <typename First, typename Second>
 std::vector<std::size_t> inTurn(const std::vector<std::size_t>& candidates, First first, Second second) {
     std::vector<std::size_t> byFirst = candidates, bySecond = candidates, order;
     std::stable_sort(byFirst.begin(), byFirst.end(), [&](std::size_t a, std::size_t b) { return first(a) > first(b); });
-    std::stable_sort(bySecond.begin(), bySecond.end(), [&](std::size_t a, std::size_t b) { return second(a) > second(b); });
+    std::stable_sort(bySecond.begin(), bySecond.end(),
+                     [&](std::size_t a, std::size_t b) { return second(a) > second(b); });
     std::vector<bool> taken(candidates.empty() ? 0 : *std::max_element(candidates.begin(), candidates.end()) + 1);
     for (std::size_t k = 0; k < candidates.size(); ++k) {
         for (const std::size_t i : {byFirst[k], bySecond[k]}) {
@@ -56,10 +57,14 @@ void headPaths(const CompareSide& side, analysis::Path& commanded, analysis::Pat
     analysis::Series cx, cy, ax, ay;
     for (std::size_t i = 0; i < side.count; ++i) {
         const oltbTraceEvent& event = side.events[i];
-        if (event.Type == wanted.commandedX) cx.add(event.Time, event.Value);
-        else if (event.Type == wanted.commandedY) cy.add(event.Time, event.Value);
-        else if (event.Type == wanted.actualX) ax.add(event.Time, event.Value);
-        else if (event.Type == wanted.actualY) ay.add(event.Time, event.Value);
+        if (event.Type == wanted.commandedX)
+            cx.add(event.Time, event.Value);
+        else if (event.Type == wanted.commandedY)
+            cy.add(event.Time, event.Value);
+        else if (event.Type == wanted.actualX)
+            ax.add(event.Time, event.Value);
+        else if (event.Type == wanted.actualY)
+            ay.add(event.Time, event.Value);
     }
     commanded = analysis::joinAxes(std::move(cx), std::move(cy));
     mirror = analysis::joinAxes(std::move(ax), std::move(ay));
@@ -72,7 +77,7 @@ std::optional<double> settleOf(const analysis::Jump& jump) {
 
 struct JumpGroup {
     double length = 0;
-    std::vector<std::size_t> pairs;  // into comparison.jumps
+    std::vector<std::size_t> pairs;                 // into comparison.jumps
     std::pair<std::size_t, double> change{0, 0.0};  // pairs settled on one side only, the largest settle change
 };
 
@@ -125,19 +130,20 @@ std::string sideJson(const CompareSide& side, const std::vector<std::size_t>& ma
     headPaths(side, commanded, mirror);
     const std::string marksJson = listJson(marks, [&r](std::size_t i) {
         const analysis::Mark& m = r.marks[i];
-        return "{\"index\": " + std::to_string(i) + ", \"start_us\": " + jsonNumber(m.startUs) + ", \"speed\": " +
-               jsonNumber(m.speed) + ", \"start_missing\": " + jsonNumber(m.startMissing) + ", \"end_missing\": " +
-               jsonNumber(m.endMissing) + ", \"speed_at_on\": " + jsonNumber(m.speedAtOn) + ", \"speed_at_off\": " +
-               jsonNumber(m.speedAtOff) + ", \"after_unsettled_jump\": " + (m.afterUnsettledJump ? "true" : "false") +
-               "}";
+        return "{\"index\": " + std::to_string(i) + ", \"start_us\": " + jsonNumber(m.startUs) +
+               ", \"speed\": " + jsonNumber(m.speed) + ", \"start_missing\": " + jsonNumber(m.startMissing) +
+               ", \"end_missing\": " + jsonNumber(m.endMissing) + ", \"speed_at_on\": " + jsonNumber(m.speedAtOn) +
+               ", \"speed_at_off\": " + jsonNumber(m.speedAtOff) +
+               ", \"after_unsettled_jump\": " + (m.afterUnsettledJump ? "true" : "false") + "}";
     });
     const std::string jumpsJson = listJson(jumps, [&r](std::size_t i) {
         const analysis::Jump& j = r.jumps[i];
-        return "{\"index\": " + std::to_string(i) + ", \"length\": " + jsonNumber(j.length) + ", \"delay_us\": " +
-               jsonNumber(j.delayUs) + ", \"settled\": " + (j.settled ? "true" : "false") + ", \"settle_us\": " +
-               jsonNumber(j.settleUs) + ", \"predicted_settle_us\": " + jsonNumber(j.predictedSettleUs) +
-               ", \"at_least_us\": " + jsonNumber(j.atLeastUs) + ", \"distance_at_next\": " +
-               jsonNumber(j.distanceAtNext) + "}";
+        return "{\"index\": " + std::to_string(i) + ", \"length\": " + jsonNumber(j.length) +
+               ", \"delay_us\": " + jsonNumber(j.delayUs) + ", \"settled\": " + (j.settled ? "true" : "false") +
+               ", \"settle_us\": " + jsonNumber(j.settleUs) +
+               ", \"predicted_settle_us\": " + jsonNumber(j.predictedSettleUs) +
+               ", \"at_least_us\": " + jsonNumber(j.atLeastUs) +
+               ", \"distance_at_next\": " + jsonNumber(j.distanceAtNext) + "}";
     });
     const std::string cornersJson = listJson(corners, [&r](std::size_t i) {
         const analysis::Corner& c = r.corners[i];
@@ -158,10 +164,10 @@ std::string sideJson(const CompareSide& side, const std::vector<std::size_t>& ma
 std::string changesJson(const std::vector<analysis::FigureChange>& changes, const std::vector<std::size_t>& rows) {
     return listJson(rows, [&changes](std::size_t i) {
         const analysis::FigureChange& c = changes[i];
-        return "{\"figure\": " + jsonString(c.figure) + ", \"unit\": " + jsonString(c.unit) + ", \"before\": " +
-               jsonNumber(c.before) + ", \"after\": " + jsonNumber(c.after) + ", \"verdict\": " +
-               (c.verdict.empty() ? std::string("null") : jsonString(c.verdict)) + ", \"words\": " +
-               jsonString(c.words) + "}";
+        return "{\"figure\": " + jsonString(c.figure) + ", \"unit\": " + jsonString(c.unit) +
+               ", \"before\": " + jsonNumber(c.before) + ", \"after\": " + jsonNumber(c.after) +
+               ", \"verdict\": " + (c.verdict.empty() ? std::string("null") : jsonString(c.verdict)) +
+               ", \"words\": " + jsonString(c.words) + "}";
     });
 }
 
@@ -219,8 +225,7 @@ std::string compareData(const CompareSide& before, const CompareSide& after, con
                                                                            a.corners[comparison.corners[k].second]);
     };
     corners = inTurn(
-        corners,
-        [&](std::size_t k) { return moved(cornerPair(k).first.rounding, cornerPair(k).second.rounding); },
+        corners, [&](std::size_t k) { return moved(cornerPair(k).first.rounding, cornerPair(k).second.rounding); },
         [&](std::size_t k) { return moved(cornerPair(k).first.edgeDose, cornerPair(k).second.edgeDose); });
     corners.resize(std::min(corners.size(), options.corners));
 
@@ -250,8 +255,9 @@ std::string compareData(const CompareSide& before, const CompareSide& after, con
             jumpsBefore.push_back(comparison.jumps[k].first);
             jumpsAfter.push_back(comparison.jumps[k].second);
         }
-        groupsJson += std::string(groupsJson.size() > 1 ? ",\n   " : "\n   ") + "{\"length\": " +
-                      jsonNumber(group.length) + ", \"pairs\": " + std::to_string(group.pairs.size()) +
+        groupsJson += std::string(groupsJson.size() > 1 ? ",\n   " : "\n   ") +
+                      "{\"length\": " + jsonNumber(group.length) +
+                      ", \"pairs\": " + std::to_string(group.pairs.size()) +
                       ", \"shown\": " + pairsJson(comparison.jumps, shown) + "}";
     }
     groupsJson += "]";
@@ -274,20 +280,20 @@ std::string compareData(const CompareSide& before, const CompareSide& after, con
     for (std::size_t i = 0; i < settingRows.size(); ++i) settingRows[i] = i;
 
     return "{\"tool\": \"oltb " OLTB_TOOL_VERSION "\", \"head\": " + std::to_string(b.head) +
-           ", \"unitsPerMm\": " + jsonNumber(options.unitsPerMm) + ", \"settleBand\": " +
-           jsonNumber(b.settleBandUnits) + ", \"maxEdgeDose\": " + jsonNumber(a.maxEdgeDose) +
+           ", \"unitsPerMm\": " + jsonNumber(options.unitsPerMm) +
+           ", \"settleBand\": " + jsonNumber(b.settleBandUnits) + ", \"maxEdgeDose\": " + jsonNumber(a.maxEdgeDose) +
            ",\n \"jobDifference\": " +
            (comparison.jobDifference.empty() ? std::string("null") : jsonString(comparison.jobDifference)) +
            ",\n \"settings\": " + changesJson(comparison.settings, settingRows) +
            ",\n \"figures\": " + changesJson(comparison.figures, figureRows(comparison.figures, options.figures)) +
-           ",\n \"figureCount\": " + std::to_string(comparison.figures.size()) + ", \"better\": " +
-           std::to_string(better) + ", \"worse\": " + std::to_string(worse) +
+           ",\n \"figureCount\": " + std::to_string(comparison.figures.size()) +
+           ", \"better\": " + std::to_string(better) + ", \"worse\": " + std::to_string(worse) +
            ",\n \"marks\": {\"pairs\": " + std::to_string(comparison.marks.size()) +
            ", \"shown\": " + pairsJson(comparison.marks, marks) + "}" +
            ",\n \"corners\": {\"pairs\": " + std::to_string(comparison.corners.size()) +
            ", \"shown\": " + pairsJson(comparison.corners, corners) + "}" +
-           ",\n \"jumps\": {\"pairs\": " + std::to_string(comparison.jumps.size()) + ", \"groupCount\": " +
-           std::to_string(groupCount) + ", \"groups\": " + groupsJson + "}" +
+           ",\n \"jumps\": {\"pairs\": " + std::to_string(comparison.jumps.size()) +
+           ", \"groupCount\": " + std::to_string(groupCount) + ", \"groups\": " + groupsJson + "}" +
            ",\n \"before\": " + sideJson(before, marksBefore, jumpsBefore, cornersBefore) +
            ",\n \"after\": " + sideJson(after, marksAfter, jumpsAfter, cornersAfter) + "}\n";
 }

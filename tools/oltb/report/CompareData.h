@@ -16,7 +16,8 @@
 //      "markCloseUps", "jumpCloseUps", "cornerCloseUps"}}
 //   MARK = {"index", "start_us", "speed", "start_missing", "end_missing", "speed_at_on", "speed_at_off",
 //     "after_unsettled_jump"}; JUMP = {"index", "length", "delay_us", "settled", "settle_us", "predicted_settle_us",
-//     "at_least_us", "distance_at_next"}; CORNER = {"index", "x", "y", "angle_deg", "delay_us", "rounding", "edge_dose"}
+//     "at_least_us", "distance_at_next"}; CORNER = {"index", "x", "y", "angle_deg", "delay_us", "rounding",
+//     "edge_dose"}
 #pragma once
 
 #include "analysis/Comparison.h"
@@ -36,12 +37,12 @@ struct CompareSide {
 };
 
 struct ComparePageOptions {
-    double unitsPerMm = 0;          // > 0: the page shows mm, µm and mm/s
-    std::size_t marks = 24;         // mark pairs with their close-ups
-    std::size_t jumpLengths = 16;   // lengths of jumps, each with a plot
-    std::size_t jumpsPerLength = 3; // pairs of jumps in each plot
-    std::size_t corners = 24;       // corner pairs with their close-ups
-    std::size_t figures = 200;      // rows of the table of figures
+    double unitsPerMm = 0;           // > 0: the page shows mm, µm and mm/s
+    std::size_t marks = 24;          // mark pairs with their close-ups
+    std::size_t jumpLengths = 16;    // lengths of jumps, each with a plot
+    std::size_t jumpsPerLength = 3;  // pairs of jumps in each plot
+    std::size_t corners = 24;        // corner pairs with their close-ups
+    std::size_t figures = 200;       // rows of the table of figures
 };
 
 // The paired marks (indices into comparison.marks) whose edges were measured, those that changed most first: in
@@ -49,7 +50,7 @@ struct ComparePageOptions {
 std::vector<std::size_t> markPairsByChange(const analysis::Comparison& comparison, const analysis::Result& before,
                                            const analysis::Result& after);
 
-std::string compareData(const CompareSide& before, const CompareSide& after,
-                        const analysis::Comparison& comparison, const ComparePageOptions& options);
+std::string compareData(const CompareSide& before, const CompareSide& after, const analysis::Comparison& comparison,
+                        const ComparePageOptions& options);
 
 }  // namespace oltb::report

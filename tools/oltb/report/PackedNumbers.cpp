@@ -1,12 +1,12 @@
 #include "tools/oltb/report/PackedNumbers.h"
 
+#include <zlib.h>
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 #include <stdexcept>
 #include <string>
-#include <zlib.h>
 
 namespace oltb::report {
 

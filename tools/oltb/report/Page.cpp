@@ -47,11 +47,20 @@ std::string escapedHtml(const std::string& text) {
     std::string out;
     for (const char c : text) {
         switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -70,9 +79,7 @@ std::string filled(const char* pageTemplate, std::initializer_list<std::pair<std
 
 }  // namespace
 
-bool pageAvailable() {
-    return true;
-}
+bool pageAvailable() { return true; }
 
 std::string renderPage(const std::string& title, const std::string& data) {
     return filled(pageTemplate, {{"@TITLE@", escapedHtml(title)},

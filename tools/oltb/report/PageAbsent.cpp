@@ -6,16 +6,12 @@
 
 namespace oltb::report {
 
-bool pageAvailable() {
-    return false;
-}
+bool pageAvailable() { return false; }
 
 std::string renderPage(const std::string&, const std::string&) {
     throw cli::UsageError("this oltb was built without its report page (install libjs-dygraphs and build again)");
 }
 
-std::string renderComparePage(const std::string& title, const std::string& data) {
-    return renderPage(title, data);
-}
+std::string renderComparePage(const std::string& title, const std::string& data) { return renderPage(title, data); }
 
 }  // namespace oltb::report

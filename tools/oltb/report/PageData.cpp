@@ -30,8 +30,8 @@ constexpr std::size_t MaxLabels = 20'000;
 
 constexpr double PositionScale = 1;  // head positions are whole numbers
 constexpr double ErrorScale = 16;
-constexpr double SpeedScale = 4;     // speeds in 1/4 unit/ms
-constexpr double TickScale = 64;     // ticks per us
+constexpr double SpeedScale = 4;  // speeds in 1/4 unit/ms
+constexpr double TickScale = 64;  // ticks per us
 
 using analysis::jsonString;
 using cli::signalNameOf;
@@ -48,9 +48,8 @@ struct Channels {
 };
 
 // The laser power line to show: the widest one traced.
-constexpr std::array<oltbTraceEventType, 5> PowerTypes{oltbEventLaserPower16, oltbEventLaserPower8,
-                                                       oltbEventLaserPower4, oltbEventLaserPower2,
-                                                       oltbEventLaserPower1};
+constexpr std::array<oltbTraceEventType, 5> PowerTypes{
+    oltbEventLaserPower16, oltbEventLaserPower8, oltbEventLaserPower4, oltbEventLaserPower2, oltbEventLaserPower1};
 
 Channels split(const oltbTraceEvent* events, std::size_t count) {
     Channels channels;
@@ -152,8 +151,8 @@ std::string timeLevels(const std::vector<NamedSeries>& all, double startUs, doub
                 reader.at(clock->t[j], values[j]);
             }
         }
-        samples += std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " +
-                   packedNumbers(values, shown[i].scale);
+        samples +=
+            std::string(i == 0 ? "" : ", ") + "\"" + shown[i].id + "\": " + packedNumbers(values, shown[i].scale);
     }
     samples += "}}";
     if (levels.size() + samples.size() <= budget) {
@@ -302,11 +301,11 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     const analysis::Path commanded = analysis::joinAxes(head->commandedX, head->commandedY);
     const analysis::Path actual = analysis::joinAxes(head->actualX, head->actualY);
 
-    std::string data = "{\"source\": " + jsonString(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
-                       ", \"head\": " + std::to_string(result.head) + ", \"unitsPerMm\": " +
-                       number(options.unitsPerMm) + ", \"settleBand\": " + number(result.settleBandUnits) +
-                       ",\n \"events\": " + std::to_string(count) + ", \"startUs\": " + number(startUs) +
-                       ", \"durationUs\": " + number(durationUs) + ",\n \"signals\": [";
+    std::string data =
+        "{\"source\": " + jsonString(options.source) + ", \"tool\": \"oltb " OLTB_TOOL_VERSION "\"" +
+        ", \"head\": " + std::to_string(result.head) + ", \"unitsPerMm\": " + number(options.unitsPerMm) +
+        ", \"settleBand\": " + number(result.settleBandUnits) + ",\n \"events\": " + std::to_string(count) +
+        ", \"startUs\": " + number(startUs) + ", \"durationUs\": " + number(durationUs) + ",\n \"signals\": [";
     bool firstSignal = true;
     for (std::size_t type = 0; type < channels.events.size(); ++type) {
         if (channels.events[type] > 0) {
@@ -319,7 +318,8 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     }
     data += "],\n \"analysis\": " + analysis::toJson(result);
     data += ",\n \"repeats\": " + (options.repeats.empty() ? std::string("null") : options.repeats);
-    data += ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return jsonString(s); });
+    data +=
+        ",\n \"missing\": " + list(analysis::notMeasured(result), [](const std::string& s) { return jsonString(s); });
     const auto indices = [](std::size_t i) { return std::to_string(i); };
     const std::vector<std::size_t> markOrder = marksByEdges(result.marks);
     const std::vector<std::size_t> jumpOrder = jumpsBySettling(result.jumps);
@@ -365,11 +365,14 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     data += ",\n  \"actual\": " + pathJson(actual, edges, high - low, startUs, maxPathPoints) + "}";
     const analysis::Series commandedSpeed = speedOf(commanded);
     const analysis::Series actualSpeed = speedOf(actual);
-    const std::vector<NamedSeries> timeSeries{
-        {"cx", &head->commandedX, PositionScale, true}, {"ax", &head->actualX, PositionScale, true},
-        {"cy", &head->commandedY, PositionScale, true}, {"ay", &head->actualY, PositionScale, true},
-        {"sc", &commandedSpeed, SpeedScale, false},       {"sa", &actualSpeed, SpeedScale, false},
-        {"fx", &errorX, ErrorScale, false},               {"fy", &errorY, ErrorScale, false}};
+    const std::vector<NamedSeries> timeSeries{{"cx", &head->commandedX, PositionScale, true},
+                                              {"ax", &head->actualX, PositionScale, true},
+                                              {"cy", &head->commandedY, PositionScale, true},
+                                              {"ay", &head->actualY, PositionScale, true},
+                                              {"sc", &commandedSpeed, SpeedScale, false},
+                                              {"sa", &actualSpeed, SpeedScale, false},
+                                              {"fx", &errorX, ErrorScale, false},
+                                              {"fy", &errorY, ErrorScale, false}};
     double finestUs = 0;
     const std::size_t left = options.byteBudget > data.size() ? options.byteBudget - data.size() : 0;
     const std::string levels = timeLevels(timeSeries, startUs, durationUs, left, finestUs);

@@ -36,11 +36,11 @@ std::vector<float> minMaxColumns(const analysis::Series& series, double startUs,
 std::vector<std::size_t> thinPath(const analysis::Path& path, const std::vector<double>& edges, double minDistance);
 
 struct PageOptions {
-    std::string source;       // what was analysed: a file, or a server and its labels
-    double unitsPerMm = 0;    // > 0: the page shows mm, um and mm/s
+    std::string source;                   // what was analysed: a file, or a server and its labels
+    double unitsPerMm = 0;                // > 0: the page shows mm, um and mm/s
     std::size_t byteBudget = 12'000'000;  // for the decimated trace; the page adds about 150 kB of its own
     std::size_t closeUps = 100;           // the worst marks and jumps that get their samples (PageDetails.h)
-    std::string repeats;      // with --each: the spread of each figure over the runs (the analysis' JSON), or empty
+    std::string repeats;  // with --each: the spread of each figure over the runs (the analysis' JSON), or empty
 };
 
 // The page's data as a JSON object (text safe to put inside a <script> element).

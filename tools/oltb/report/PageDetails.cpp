@@ -23,17 +23,16 @@ constexpr std::size_t MaxWindowPoints = 500;
 
 const auto number = [](double value) { return analysis::jsonNumber(value); };
 
-double doseOf(std::optional<double> speedShare) {
-    return speedShare ? 1 / std::max(*speedShare, 0.01) : 0.0;
-}
+double doseOf(std::optional<double> speedShare) { return speedShare ? 1 / std::max(*speedShare, 0.01) : 0.0; }
 
 // The samples of `path` from `fromUs` to `toUs`, every so many so that at most MaxWindowPoints remain.
 void windowOf(const analysis::Path& path, double fromUs, double toUs, std::vector<double>& t, std::vector<double>& x,
               std::vector<double>& y) {
-    const auto first = static_cast<std::size_t>(std::lower_bound(path.t.begin(), path.t.end(), fromUs) - path.t.begin());
+    const auto first =
+        static_cast<std::size_t>(std::lower_bound(path.t.begin(), path.t.end(), fromUs) - path.t.begin());
     const auto last = static_cast<std::size_t>(std::upper_bound(path.t.begin(), path.t.end(), toUs) - path.t.begin());
-    const std::size_t stride = std::max<std::size_t>(1, (last - std::min(first, last) + MaxWindowPoints - 1) /
-                                                            MaxWindowPoints);
+    const std::size_t stride =
+        std::max<std::size_t>(1, (last - std::min(first, last) + MaxWindowPoints - 1) / MaxWindowPoints);
     for (std::size_t i = first; i < last; i += stride) {
         t.push_back(path.t[i]);
         x.push_back(path.x[i]);
@@ -81,7 +80,8 @@ std::vector<std::size_t> marksByEdges(const std::vector<analysis::Mark>& marks) 
         return std::max(std::abs(marks[i].startMissing.value_or(0.0)), std::abs(marks[i].endMissing.value_or(0.0)));
     };
     const auto dose = [&](std::size_t i) { return std::max(doseOf(marks[i].speedAtOn), doseOf(marks[i].speedAtOff)); };
-    std::stable_sort(byMissing.begin(), byMissing.end(), [&](std::size_t a, std::size_t b) { return missing(a) > missing(b); });
+    std::stable_sort(byMissing.begin(), byMissing.end(),
+                     [&](std::size_t a, std::size_t b) { return missing(a) > missing(b); });
     std::stable_sort(byDose.begin(), byDose.end(), [&](std::size_t a, std::size_t b) { return dose(a) > dose(b); });
     std::vector<std::size_t> order;
     std::vector<bool> taken(marks.size(), false);
@@ -118,9 +118,9 @@ std::string markCloseUps(const analysis::Result& result, const analysis::Path& c
     // start and end points and directions from it.
     const auto pieceAt = [&](std::optional<double> time, bool start) -> const analysis::Piece* {
         if (!time) return nullptr;
-        const auto found = std::lower_bound(pieces.begin(), pieces.end(), *time, [&](const analysis::Piece& p, double t) {
-            return (start ? p.startUs : p.endUs) < t - 1e-6;
-        });
+        const auto found = std::lower_bound(
+            pieces.begin(), pieces.end(), *time,
+            [&](const analysis::Piece& p, double t) { return (start ? p.startUs : p.endUs) < t - 1e-6; });
         return found != pieces.end() && std::abs((start ? found->startUs : found->endUs) - *time) <= 1e-6 ? &*found
                                                                                                           : nullptr;
     };
@@ -129,9 +129,9 @@ std::string markCloseUps(const analysis::Result& result, const analysis::Path& c
         const analysis::Piece* first = pieceAt(mark.commandStartUs, true);
         const analysis::Piece* last = pieceAt(mark.commandEndUs, false);
         return "{\"mark\": " + std::to_string(i) + ",\n   \"start\": " +
-               (first && mark.startMissing ? edgeJson(mark.startUs, first->startUs, first->from, first->startDirection,
-                                                      lag, commanded, mirror)
-                                           : "null") +
+               (first && mark.startMissing
+                    ? edgeJson(mark.startUs, first->startUs, first->from, first->startDirection, lag, commanded, mirror)
+                    : "null") +
                ",\n   \"end\": " +
                (last && mark.endMissing
                     ? edgeJson(mark.endUs, last->endUs, last->to, last->endDirection, lag, commanded, mirror)
@@ -160,8 +160,8 @@ std::string jumpCloseUps(const analysis::Result& result, const analysis::Path& c
             distance[k] = std::hypot(x[k] - target.x, y[k] - target.y);
         }
         return "{\"jump\": " + std::to_string(i) + ", \"end_us\": " + number(jump.endUs) +
-               ", \"next_us\": " + (jump.delayUs ? number(next) : "null") + ", \"target\": [" + number(target.x) + ", " +
-               number(target.y) + "],\n   \"t\": " + packedNumbers(t, TickScale, jump.endUs) +
+               ", \"next_us\": " + (jump.delayUs ? number(next) : "null") + ", \"target\": [" + number(target.x) +
+               ", " + number(target.y) + "],\n   \"t\": " + packedNumbers(t, TickScale, jump.endUs) +
                ", \"distance\": " + packedNumbers(distance, DistanceScale) + "}";
     });
 }

@@ -42,7 +42,7 @@ std::string jumpCloseUps(const analysis::Result& result, const analysis::Path& c
 
 // The close-ups (a JSON list) of the corners `which`: the samples from two tracking errors before the command reaches
 // the corner until three after it leaves it, as the mirror comes in, cuts the corner and goes on.
-std::string cornerCloseUps(const analysis::Result& result, const analysis::Path& commanded, const analysis::Path& mirror,
-                           const std::vector<std::size_t>& which);
+std::string cornerCloseUps(const analysis::Result& result, const analysis::Path& commanded,
+                           const analysis::Path& mirror, const std::vector<std::size_t>& which);
 
 }  // namespace oltb::report
