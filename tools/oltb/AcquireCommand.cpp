@@ -2,6 +2,7 @@
 // the label window itself, so that it knows at every moment which label it waits for: a wait that goes on too long
 // or an interrupt ends within a slice, and the message says which label did not come. Only a complete series is
 // written.
+#include "tools/oltb/CommandOptions.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -10,6 +11,7 @@
 #include "tools/oltb/Progress.h"
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 namespace oltb::cli {
@@ -97,6 +99,8 @@ std::optional<AcquiredEvents> acquireEvents(const AcquireOptions& options,
     return acquired;
 }
 
+namespace {
+
 int runAcquire(const AcquireOptions& options) {
     const auto wanted = parseWantedSignals(options.signals);
     Outputs outputs(options.outputs);
@@ -121,6 +125,31 @@ int runAcquire(const AcquireOptions& options) {
         outputs.discardUnbegun();
         throw;
     }
+}
+
+}  // namespace
+
+Command addAcquireCommand(CLI::App& app) {
+    auto options = std::make_shared<AcquireOptions>();
+    AcquireOptions& acquire = *options;
+    CLI::App* command =
+        app.add_subcommand("acquire", "the events between a start label and an end label (labels excluded)");
+    addTraceOptions(*command, acquire.host, acquire.signals, acquire.outputs, acquire.raw, acquire.quiet);
+    addVcdOptions(*command, acquire.vcd);
+    command->add_option("--start", acquire.startLabel, "start label number")->required()->check(LabelRange);
+    command->add_option("--end", acquire.endLabel, "end label number (Label is added to the traced signals)")
+        ->required()
+        ->check(LabelRange);
+    command->add_option("--timeout", acquire.timeoutSeconds, "give up when the server sends nothing this long")
+        ->capture_default_str()
+        ->check(positiveNumberOf("seconds", 3600.0));
+    command
+        ->add_option("--max-wait", acquire.maxWaitSeconds,
+                     "give up when both labels have not come within this many seconds")
+        ->capture_default_str()
+        ->check(positiveNumberOf("seconds"));
+
+    return {command, [options] { return runAcquire(*options); }};
 }
 
 }  // namespace oltb::cli

@@ -5,6 +5,7 @@
 #include "analysis/AnalysisReport.h"
 #include "analysis/Repeats.h"
 #include "analysis/TraceAnalysis.h"
+#include "tools/oltb/CommandOptions.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 namespace oltb::cli {
@@ -34,8 +36,6 @@ void writeSettingsFiles(const AnalyzeOptions& options, const analysis::Settings&
     if (!options.settingsOut.empty()) writeWholeFile(options.settingsOut, settingsText);
     if (!options.jumpTableOut.empty()) writeWholeFile(options.jumpTableOut, tableText);
 }
-
-}  // namespace
 
 int runAnalyze(const AnalyzeOptions& options) {
     for (const std::string* out : {&options.settingsOut, &options.jumpTableOut}) {
@@ -74,6 +74,37 @@ int runAnalyze(const AnalyzeOptions& options) {
         writeStandardOutput(analysis::toSummary(result, summary));
     }
     return ExitSuccess;
+}
+
+}  // namespace
+
+Command addAnalyzeCommand(CLI::App& app) {
+    auto options = std::make_shared<AnalyzeOptions>();
+    AnalyzeOptions& analyze = *options;
+    CLI::App* command = app.add_subcommand(
+        "analyze", "measure tracking error, following error, laser timing and jump settling in a trace");
+    const std::function<void()> labelsGiven = addAnalysisOptions(*command, analyze);
+    command->add_flag("--json", analyze.json, "one JSON object instead of the summary");
+    command
+        ->add_option("--each", analyze.each,
+                     "every run between labels START and END of the trace, and how much each figure "
+                     "moves from run to run")
+        ->expected(2)
+        ->check(LabelRange);
+    command->add_option("--settings-out", analyze.settingsOut,
+                        "write the suggested settings as JSON (oltb-sim --settings reads it)");
+    command->add_option("--jump-table-out", analyze.jumpTableOut,
+                        "write the jump delay by length as a table of LENGTH DELAY_US lines (oltb-sim "
+                        "--jump-table reads it)");
+    command->footer(
+        "Positions are in head units unless --units-per-mm is given; times in us of the capture's time_us.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture (the message names the line),\n"
+        "3 server error, 4 a file that cannot be read, 1 unexpected failure of the tool itself.");
+
+    return {command, [options, labelsGiven] {
+                labelsGiven();
+                return runAnalyze(*options);
+            }};
 }
 
 }  // namespace oltb::cli

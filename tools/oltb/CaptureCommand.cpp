@@ -9,6 +9,7 @@
 // them. So the capture knows at every moment how fast the stream arrives and how fast it is written, and its
 // progress line shows a writer that falls behind while the events wait (before memory grows much). The queue holds
 // at most QueueEvents: beyond that the reading thread waits, and the stream waits in the library.
+#include "tools/oltb/CommandOptions.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -21,6 +22,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -212,8 +214,6 @@ private:
     std::thread _thread;  // last: starts once everything it uses is there
 };
 
-}  // namespace
-
 int runCapture(const CaptureOptions& options) {
     const auto wanted = parseWantedSignals(options.signals);
     Outputs outputs(options.outputs);
@@ -298,6 +298,27 @@ int runCapture(const CaptureOptions& options) {
         outputs.discardUnbegun();
         throw;
     }
+}
+
+}  // namespace
+
+Command addCaptureCommand(CLI::App& app) {
+    auto options = std::make_shared<CaptureOptions>();
+    CaptureOptions& capture = *options;
+    CLI::App* command =
+        app.add_subcommand("capture", "trace until the duration, the number of events or Ctrl-C, then stop");
+    addTraceOptions(*command, capture.host, capture.signals, capture.outputs, capture.raw, capture.quiet);
+    addVcdOptions(*command, capture.vcd);
+    auto* durationOption = command
+                               ->add_option("-d,--duration", capture.durationSeconds,
+                                            "seconds to trace: the first S seconds of the trace, ending S "
+                                            "seconds after the start at the latest")
+                               ->check(positiveNumberOf("seconds"));
+    auto* eventsOption =
+        command->add_option("-n,--events", capture.maxEvents, "events to read")->check(positiveNumberOf("events"));
+    durationOption->excludes(eventsOption);
+
+    return {command, [options] { return runCapture(*options); }};
 }
 
 }  // namespace oltb::cli

@@ -1,10 +1,12 @@
-// The tool's subcommands. Each returns the process's exit code or throws UsageError, ServerError or
-// OutputError, which main turns into a message and an exit code (Errors.h).
+// The tool's subcommands. Each file registers its own command with its options (addXCommand); running it returns
+// the process's exit code or throws UsageError, ServerError, InputError or OutputError, which main turns into a
+// message and an exit code (Errors.h).
 #pragma once
 
 #include "tools/oltb/VcdWriter.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -94,16 +96,23 @@ struct MonitorOptions {
     double maxWaitSeconds = 120;  // labels not seen this long are said on the page
     AnalyzeOptions analysis;      // head, settle band and dose limit (input unused)
 };
-CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options);
+// Runs the monitor (monitor/MonitorCommand.cpp, or MonitorAbsent.cpp where oltb is built without it).
 int runMonitor(const MonitorOptions& options);
 
-int runSignals();
-int runConfig(const ConfigOptions& options);
-int runCapture(const CaptureOptions& options);
-int runAcquire(const AcquireOptions& options);
-int runAnalyze(const AnalyzeOptions& options);
-int runReport(const ReportOptions& options);
-int runConvert(const ConvertOptions& options);
-int runCompare(const CompareOptions& options);
+// A subcommand as its file registers it on the tool's parser: its parser, and what runs it once parsed.
+struct Command {
+    CLI::App* parser;
+    std::function<int()> run;
+};
+
+Command addSignalsCommand(CLI::App& app);
+Command addConfigCommand(CLI::App& app);
+Command addCaptureCommand(CLI::App& app);
+Command addAcquireCommand(CLI::App& app);
+Command addAnalyzeCommand(CLI::App& app);
+Command addReportCommand(CLI::App& app);
+Command addCompareCommand(CLI::App& app);
+Command addConvertCommand(CLI::App& app);
+Command addMonitorCommand(CLI::App& app);
 
 }  // namespace oltb::cli

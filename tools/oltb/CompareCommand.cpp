@@ -3,6 +3,7 @@
 // same capture. With -o the comparison also goes to a page (tools/oltb/report/), written whole or not at all.
 #include "analysis/Comparison.h"
 #include "analysis/Repeats.h"
+#include "tools/oltb/CommandOptions.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <memory>
 
 namespace oltb::cli {
 
@@ -38,8 +40,6 @@ std::vector<oltbTraceEvent> sideOf(const CompareOptions& options, const std::str
 std::string describe(const std::string& path, const std::vector<unsigned>& labels) {
     return labels.empty() ? path : path + ", labels " + std::to_string(labels[0]) + " to " + std::to_string(labels[1]);
 }
-
-}  // namespace
 
 int runCompare(const CompareOptions& options) {
     const std::string& afterPath = options.after.empty() ? options.before : options.after;
@@ -82,6 +82,50 @@ int runCompare(const CompareOptions& options) {
         throw OutputError("cannot write to standard output", errno == EPIPE);
     }
     return ExitSuccess;
+}
+
+}  // namespace
+
+Command addCompareCommand(CLI::App& app) {
+    auto options = std::make_shared<CompareOptions>();
+    CompareOptions& compare = *options;
+    CLI::App* command = app.add_subcommand(
+        "compare", "two traces of a head side by side: the settings each shows and every figure before and after");
+    command->add_option("before", compare.before, "the capture before the change (.csv or .h5)")->required();
+    command->add_option("after", compare.after,
+                        "the capture after it (default: the same capture, in "
+                        "another label window)");
+    command->add_option("--before-labels", compare.beforeLabels, "START END: the window of the before trace")
+        ->expected(2)
+        ->check(LabelRange);
+    command->add_option("--after-labels", compare.afterLabels, "START END: the window of the after trace")
+        ->expected(2)
+        ->check(LabelRange);
+    command->add_option("--head", compare.analysis.head, "scan head to compare")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1));
+    command->add_option("--settle-band", compare.analysis.settleBandUnits, "as for analyze")
+        ->capture_default_str()
+        ->check(positiveNumberOf("units"));
+    command->add_option("--max-edge-dose", compare.analysis.maxEdgeDose, "as for analyze")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 100.0));
+    command->add_option("--units-per-mm", compare.analysis.unitsPerMm, "as for analyze")
+        ->check(positiveNumberOf("units"));
+    command->add_flag("--json", compare.json, "one JSON object: the changes and both analyses in full");
+    command->add_option("-o,--output", compare.output,
+                        "also write the comparison as a page to open in a browser, e.g. compare.html: the "
+                        "figures, and before and after drawn over each other at each mark's start and end, "
+                        "each jump length's settling and each corner");
+    command->footer(
+        "Marks, jumps and corners are paired by their commanded points, so the traces need not start at the same\n"
+        "time; a job that differs is said so and only the pairs are compared.\n"
+        "With -o the summary gives way to the page (--json still prints). The page holds the close-ups of the marks\n"
+        "and corners that changed most and a few jumps of each length, so long captures give a page of bounded size.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 4 a capture that cannot be read\n"
+        "or a page that cannot be written, 1 unexpected failure of the tool itself.");
+
+    return {command, [options] { return runCompare(*options); }};
 }
 
 }  // namespace oltb::cli

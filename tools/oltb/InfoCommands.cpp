@@ -1,4 +1,5 @@
 // "oltb signals" lists the traceable signals; "oltb config" shows (and optionally replaces) the server's choice.
+#include "tools/oltb/CommandOptions.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -6,6 +7,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 
 namespace oltb::cli {
 
@@ -35,8 +37,6 @@ void printGroupLegend(std::ostream& out) {
     out << "Head positions are 20-bit two's complement; capture and acquire write them as signed numbers\n"
            "(X channels negated) unless --raw is given. Lists of signals take names, group names and 'all'.\n";
 }
-
-}  // namespace
 
 int runSignals() {
     printSignalTable(std::cout, nullptr);
@@ -70,6 +70,35 @@ int runConfig(const ConfigOptions& options) {
               << signalsIn(config).size() << " of " << allSignals().size() << " signals traced\n";
     printSignalTable(std::cout, &config, options.allRows);
     return ExitSuccess;
+}
+
+}  // namespace
+
+Command addSignalsCommand(CLI::App& app) {
+    CLI::App* command =
+        app.add_subcommand("signals", "list every traceable signal: group, event type, bits per sample");
+    command->footer("The table is the tool's own: no server is asked.");
+    return {command, [] { return runSignals(); }};
+}
+
+Command addConfigCommand(CLI::App& app) {
+    auto options = std::make_shared<ConfigOptions>();
+    ConfigOptions& config = *options;
+    CLI::App* command = app.add_subcommand("config",
+                                           "show the signals the server traces; replace them first "
+                                           "with --set, --all or --none");
+    command->add_option("host", config.host, "server address (name or number)")->required();
+    auto* setOption =
+        command->add_option("--set", config.setSignals, "trace exactly these signals (comma list)")->check(NotEmpty);
+    auto* allOption = command->add_flag("--all", config.all, "trace every signal");
+    auto* noneOption = command->add_flag("--none", config.none, "trace no signal");
+    command->add_flag("--all-rows", config.allRows, "list the signals that are not traced as well");
+    setOption->excludes(allOption)->excludes(noneOption);
+    allOption->excludes(noneOption);
+    command->footer(std::string("The configuration stays on the server for the clients that come after.\n") +
+                    ServerExitCodes);
+
+    return {command, [options] { return runConfig(*options); }};
 }
 
 }  // namespace oltb::cli

@@ -3,6 +3,7 @@
 // or interrupted report leaves no half page.
 #include "analysis/Repeats.h"
 #include "analysis/TraceAnalysis.h"
+#include "tools/oltb/CommandOptions.h"
 #include "tools/oltb/CommandSupport.h"
 #include "tools/oltb/Commands.h"
 #include "tools/oltb/Errors.h"
@@ -10,9 +11,12 @@
 #include "tools/oltb/report/PageData.h"
 
 #include <iostream>
+#include <memory>
 #include <string>
 
 namespace oltb::cli {
+
+namespace {
 
 int runReport(const ReportOptions& options) {
     const AnalyzeOptions& input = options.analysis;
@@ -50,6 +54,33 @@ int runReport(const ReportOptions& options) {
     std::cout << "report of " << events->size() << " events written to " << options.output << " (" << html.size()
               << " bytes); open it in a browser\n";
     return ExitSuccess;
+}
+
+}  // namespace
+
+Command addReportCommand(CLI::App& app) {
+    auto options = std::make_shared<ReportOptions>();
+    ReportOptions& report = *options;
+    CLI::App* command = app.add_subcommand(
+        "report", "one HTML page of a trace to open in a browser: the figures of analyze, the XY path, time plots");
+    const std::function<void()> labelsGiven = addAnalysisOptions(*command, report.analysis);
+    command->add_option("-o,--output", report.output, "the page to write, e.g. trace.html")->required();
+    command
+        ->add_option("--each", report.analysis.each,
+                     "also every run between labels START and END: the page shows how much each figure "
+                     "moves from run to run")
+        ->expected(2)
+        ->check(LabelRange);
+    command->footer(
+        "The page holds everything it shows (no network, no server): open it from disk in any browser. The figures\n"
+        "come from every event; long traces are thinned for display only, and the page says how far.\n"
+        "Exit codes: 0 success, 2 usage error or a file that is not an oltb capture, 3 server error, 4 a capture that\n"
+        "cannot be read or a page that cannot be written, 130 interrupted, 1 unexpected failure of the tool itself.");
+
+    return {command, [options, labelsGiven] {
+                labelsGiven();
+                return runReport(*options);
+            }};
 }
 
 }  // namespace oltb::cli

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 
 namespace oltb::cli {
 
@@ -27,7 +28,9 @@ CLI::Validator finiteBetween(double least, double most) {
 
 }  // namespace
 
-CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options) {
+Command addMonitorCommand(CLI::App& app) {
+    auto shared = std::make_shared<MonitorOptions>();
+    MonitorOptions& options = *shared;
     CLI::App* command = app.add_subcommand(
         "monitor", "watch a machine job after job: a live page in the browser and metrics for Prometheus");
     const CLI::Range labelRange(0, 65535);
@@ -74,7 +77,7 @@ CLI::App* addMonitorCommand(CLI::App& app, MonitorOptions& options) {
         "again, with pauses growing to 30 s, and the signals are set again.\n"
         "Exit codes: 0 ended by Ctrl-C or SIGTERM, 2 usage error, 4 the save directory cannot be created,\n"
         "5 the address cannot be listened on (in use, not an address of this machine), 1 unexpected failure.");
-    return command;
+    return {command, [shared] { return runMonitor(*shared); }};
 }
 
 }  // namespace oltb::cli
