@@ -51,12 +51,18 @@ ResponseFrameScan scanForResponseFrame(const std::byte* data, std::size_t size, 
         found.payloadLength = payloadLength;
         if (wordPosition == NoWordGrid ||
             (static_cast<std::size_t>(wordPosition) + headerStart) % TraceWordBytes == 0) {
-            return found;
+            scan = found;
+            return scan;
         }
         if (!elsewhereSeen) elsewhere = found;
         elsewhereSeen = true;
     }
-    if (!candidateSeen) return elsewhereSeen ? elsewhere : scan;
+    // Every return gives `scan`, which is then built in the caller's result (choosing between two local results
+    // made GCC read one of them after its stack frame was given up, outside the red zone).
+    if (!candidateSeen) {
+        if (elsewhereSeen) scan = elsewhere;
+        return scan;
+    }
     scan.outcome = ResponseScanOutcome::maybeFrameStart;
     if (elsewhereSeen) scan.candidateStart = std::min(scan.candidateStart, elsewhere.headerStart);
     return scan;
