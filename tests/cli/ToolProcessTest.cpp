@@ -284,9 +284,7 @@ TEST(ToolProcess, InterruptedAcquisitionStopsTheTraceAndWritesNothing) {
     EXPECT_NE(log.find("command Stop (0x10)", log.find("command Start (0x11)")), std::string::npos) << log;
 }
 
-// Exit codes: 0 help, 2 usage, 3 server or library failure, 4 output failure. Signals, formats and files are checked
-// before any connection is tried; a failed run leaves no file behind.
-TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
+TEST(ToolProcess, ConfigSetsTheSignalsAndListsThemWithTheirWidths) {
     Simulator simulator("127.0.0.64");
     ASSERT_TRUE(simulator.ready());
     const ToolResult config = runTool({"config", "127.0.0.64", "--set", "gate,Label", "--all-rows"});
@@ -294,6 +292,13 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     EXPECT_NE(config.out.find("configuration version 6, 2 of 63 signals traced"), std::string::npos) << config.out;
     EXPECT_NE(config.out.find("\nGate                 Conf0    22    1  yes\n"), std::string::npos);
     EXPECT_NE(config.out.find("\nHead0TxX             Conf1    32   32  -\n"), std::string::npos);
+}
+
+// Exit codes: 0 help, 2 usage, 3 server or library failure, 4 output failure. Signals, formats and files are checked
+// before any connection is tried; a failed run leaves no file behind.
+TEST(ToolProcess, FailuresEndWithTheirExitCodeAndText) {
+    Simulator simulator("127.0.0.64");
+    ASSERT_TRUE(simulator.ready());
     const std::pair<std::vector<std::string>, std::pair<int, std::string>> cases[] = {
         {{"acquire", "127.0.0.64", "--start", "2", "--end", "1", "-q", "-o", path("x.csv")},
          {3, "oltb: end label 1 came before start label 2 (Expected start label but got end label!)\n"}},
@@ -378,6 +383,13 @@ TEST(ToolProcess, ConfigAndFailuresWithTheirExitCodeAndText) {
     }
     EXPECT_EQ(readFile(path("row.csv")), badRow) << "the input is left as it was";
     EXPECT_EQ(runTool({"acquire", "--help"}).exitCode, 0);
+}
+
+// An acquisition gives up at its longest wait, naming the label that did not come, and on a server silent for
+// --timeout.
+TEST(ToolProcess, AcquireGivesUpAtItsLongestWaitAndOnASilentServer) {
+    Simulator simulator("127.0.0.64");
+    ASSERT_TRUE(simulator.ready());
     const auto start = Clock::now();  // the longest wait bounds the wall time and names the missing label
     const ToolResult waited = runTool({"acquire", "127.0.0.64", "--start", "99", "--end", "100", "--max-wait", "1"});
     EXPECT_LT(secondsSince(start), 2.0);

@@ -310,9 +310,10 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     for (std::size_t type = 0; type < channels.events.size(); ++type) {
         if (channels.events[type] > 0) {
             const std::string name = signalNameOf(static_cast<int>(type));
-            data += std::string(firstSignal ? "" : ", ") + "[" +
-                    jsonString(name.empty() ? "type " + std::to_string(type) : name) + ", " +
-                    std::to_string(channels.events[type]) + ", " + std::to_string(channels.lost[type]) + "]";
+            data += std::string(firstSignal ? "" : ", ") +
+                    "{\"name\": " + jsonString(name.empty() ? "type " + std::to_string(type) : name) +
+                    ", \"events\": " + std::to_string(channels.events[type]) +
+                    ", \"lost\": " + std::to_string(channels.lost[type]) + "}";
             firstSignal = false;
         }
     }
@@ -330,7 +331,7 @@ std::string pageData(const oltbTraceEvent* events, std::size_t count, const anal
     data += ",\n \"markCloseUps\": " + markCloseUps(result, commanded, actual, markOrder, closeUps);
     data += ",\n \"jumpCloseUps\": " + jumpCloseUps(result, commanded, actual, jumpOrder, closeUps);
     data += ",\n \"labels\": " + list(channels.labels, [](const std::pair<double, int>& label) {
-                return "[" + number(label.first) + ", " + std::to_string(label.second) + "]";
+                return "{\"t\": " + number(label.first) + ", \"label\": " + std::to_string(label.second) + "}";
             });
     // Packed, a change of the laser or a point of a path takes a few bytes at most; their limits keep them to a
     // small part of the budget, and the time plots take the rest.

@@ -33,7 +33,7 @@
   const maxDose = result.max_edge_dose;
 
   // ---- header: warnings, settings, trade-offs, figures -------------------------------------------------------------
-  const lost = data.signals.reduce((sum, signal) => sum + signal[2], 0);
+  const lost = data.signals.reduce((sum, signal) => sum + signal.lost, 0);
   byId('source').textContent = data.source + ' — head ' + data.head;
 
   const warnings = result.warnings.slice();
@@ -147,7 +147,7 @@
     ['Events', data.events.toLocaleString('en') + (lost ? ', ' + lost + ' lost' : ', none lost')],
   ]).forEach((row) => { row.cells[0].outerHTML = '<th>' + row.cells[0].textContent + '</th>'; });
   tableRows(byId('signals'), ['signal', 'events', 'lost'],
-    data.signals.map((signal) => [signal[0], signal[1].toLocaleString('en'), String(signal[2])]));
+    data.signals.map((signal) => [signal.name, signal.events.toLocaleString('en'), String(signal.lost)]));
   if (data.missing.length > 0) {
     byId('missing').appendChild(element('strong', 'Not measured'));
     const list = byId('missing').appendChild(element('ul'));
@@ -171,7 +171,7 @@
     name: line.name, gate: line === data.gate, t: unpack(line.t), v: unpack(line.v, Float32Array) }));
   const markStarts = Float64Array.from(marks, (mark) => mark.start_us);
   const labels = data.labels;
-  const labelTimes = Float64Array.from(labels, (label) => label[0]);
+  const labelTimes = Float64Array.from(labels, (label) => label.t);
 
   // ---- time plots ------------------------------------------------------------------------------------------------
   const plots = [];
@@ -259,12 +259,12 @@
       canvas.setLineDash([3, 3]);
       canvas.font = '11px sans-serif';
       for (let i = first; i < last; ++i) {
-        const x = graph.toDomXCoord(labels[i][0]);
+        const x = graph.toDomXCoord(labels[i].t);
         canvas.beginPath();
         canvas.moveTo(x, area.y);
         canvas.lineTo(x, area.y + area.h);
         canvas.stroke();
-        canvas.fillText(String(labels[i][1]), x + 2, area.y + 11);
+        canvas.fillText(String(labels[i].label), x + 2, area.y + 11);
       }
     }
     canvas.restore();
