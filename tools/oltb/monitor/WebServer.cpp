@@ -18,12 +18,6 @@
 #include <string_view>
 #include <thread>
 
-namespace oltb::report {
-// The charting library as the report page carries it (made at build time from Debian's dygraphs).
-extern const char chartStyle[];
-extern const char chartScript[];
-}  // namespace oltb::report
-
 namespace oltb::monitor {
 
 // Made at build time from live.html, live.css and live.js (cmake/EmbedText.cmake).
@@ -42,55 +36,6 @@ constexpr std::chrono::seconds HeartbeatInterval{15};
 constexpr std::size_t MostJobsPerUpdate = 100;
 // The last job's report: smaller than oltb report's, since the page reloads it as jobs come.
 constexpr std::size_t ReportByteBudget = 4'000'000;
-
-std::string withoutSourceMap(std::string_view text) {
-    const std::size_t at = text.rfind("\n//# sourceMappingURL=");
-    return std::string(at == std::string_view::npos ? text : text.substr(0, at + 1));
-}
-
-std::string escapedHtml(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        switch (c) {
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '&':
-                out += "&amp;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
-
-// The live page: the placeholders stand in the template in this order, each filled once.
-std::string livePageFor(const std::string& title) {
-    std::string page = livePage;
-    std::size_t from = 0;
-    const std::pair<std::string_view, std::string> fills[] = {
-        {"@TITLE@", escapedHtml(title)},
-        {"/*@CHART_STYLE@*/", report::chartStyle},
-        {"/*@STYLE@*/", liveStyle},
-        {"/*@CHART_SCRIPT@*/", withoutSourceMap(report::chartScript)},
-        {"/*@SCRIPT@*/", liveScript}};
-    for (const auto& [placeholder, text] : fills) {
-        const std::size_t at = page.find(placeholder, from);
-        if (at == std::string::npos) {
-            throw std::logic_error("the live page's template lacks " + std::string(placeholder));
-        }
-        page.replace(at, placeholder.size(), text);
-        from = at + text.size();
-    }
-    return page;
-}
 
 // One server-sent event; each line of the data gets its own "data:" field.
 std::string serverSentEvent(const std::string& name, const std::string& data) {
@@ -125,7 +70,9 @@ struct WebServer::State {
     std::shared_ptr<const std::string> reportPage;
 
     State(Machine& m, std::string source)
-        : machine(m), reportSource(std::move(source)), page(livePageFor("oltb monitor: " + m.identity().name)) {}
+        : machine(m),
+          reportSource(std::move(source)),
+          page(report::renderChartPage(livePage, "oltb monitor: " + m.identity().name, liveStyle, liveScript)) {}
 
     // The text to send a live page next: everything at first, then what changed; a heartbeat when nothing did.
     std::string nextEvents(LiveStream& stream) {

@@ -99,4 +99,13 @@ std::string renderComparePage(const std::string& title, const std::string& data)
                                     {"/*@SCRIPT@*/", compareScript}});
 }
 
+std::string renderChartPage(const char* chartPageTemplate, const std::string& title, const std::string& style,
+                            const std::string& script) {
+    return filled(chartPageTemplate, {{"@TITLE@", escapedHtml(title)},
+                                      {"/*@CHART_STYLE@*/", withoutSourceMap(chartStyle)},
+                                      {"/*@STYLE@*/", style},
+                                      {"/*@CHART_SCRIPT@*/", withoutSourceMap(chartScript)},
+                                      {"/*@SCRIPT@*/", script}});
+}
+
 }  // namespace oltb::report

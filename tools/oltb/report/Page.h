@@ -18,4 +18,10 @@ std::string renderPage(const std::string& title, const std::string& data);
 // The comparison page around `data` (from compareData). Throws UsageError when !pageAvailable().
 std::string renderComparePage(const std::string& title, const std::string& data);
 
+// Another page of the tool that draws with the charting library (oltb monitor's live page): `chartPageTemplate` with
+// @TITLE@, /*@CHART_STYLE@*/, /*@STYLE@*/, /*@CHART_SCRIPT@*/ and /*@SCRIPT@*/ filled in that order. Throws
+// UsageError when !pageAvailable().
+std::string renderChartPage(const char* chartPageTemplate, const std::string& title, const std::string& style,
+                            const std::string& script);
+
 }  // namespace oltb::report

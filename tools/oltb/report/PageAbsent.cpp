@@ -14,4 +14,8 @@ std::string renderPage(const std::string&, const std::string&) {
 
 std::string renderComparePage(const std::string& title, const std::string& data) { return renderPage(title, data); }
 
+std::string renderChartPage(const char*, const std::string& title, const std::string&, const std::string&) {
+    return renderPage(title, "");
+}
+
 }  // namespace oltb::report
